@@ -1,0 +1,52 @@
+# Compiler and linker settings that hold for every target.
+include(CheckCXXCompilerFlag)
+
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_C_STANDARD_REQUIRED ON)
+set(CMAKE_C_EXTENSIONS OFF)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+# One folder holds all libraries, in the build tree as after installation, so that $ORIGIN finds the others.
+set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
+set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+set(CMAKE_INSTALL_LIBDIR lib CACHE STRING "Library folder below the prefix")
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wformat=2)
+if(ZON_WERROR)
+  add_compile_options(-Werror)
+endif()
+
+# Reproducible output: no build folder in debug data or __FILE__, no time stamps.
+add_compile_options("-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.")
+
+add_compile_options(-fstack-protector-strong)
+add_link_options(-Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--build-id=sha1)
+foreach(flag IN ITEMS -fcf-protection=full -fstack-clash-protection)
+  string(MAKE_C_IDENTIFIER "ZON_HAS${flag}" has)
+  check_cxx_compiler_flag(${flag} ${has})
+  if(${has})
+    add_compile_options(${flag})
+  endif()
+endforeach()
+
+if(ZON_SANITIZE)
+  add_compile_options(-fsanitize=${ZON_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all -g)
+  add_link_options(-fsanitize=${ZON_SANITIZE})
+else()
+  add_link_options(-Wl,-z,defs)
+  if(CMAKE_BUILD_TYPE MATCHES "Release|RelWithDebInfo|MinSizeRel" AND NOT ZON_COVERAGE)
+    add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
+  endif()
+endif()
+if(ZON_COVERAGE)
+  add_compile_options(--coverage -O0 -g -fprofile-update=atomic)
+  add_link_options(--coverage)
+endif()

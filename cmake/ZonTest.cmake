@@ -1,0 +1,11 @@
+# zon_test(NAME oss_memory_test SOURCES memory_test.cpp LINK zonosse ...)
+#
+# One GoogleTest program; every test case in it becomes a ctest test of its own.
+include(GoogleTest)
+function(zon_test)
+  cmake_parse_arguments(ARG "" "NAME" "SOURCES;LINK;PROPERTIES" ${ARGN})
+  add_executable(${ARG_NAME} ${ARG_SOURCES})
+  target_include_directories(${ARG_NAME} PRIVATE "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/tests")
+  target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LINK} GTest::gtest_main GTest::gmock)
+  gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 300 ${ARG_PROPERTIES})
+endfunction()

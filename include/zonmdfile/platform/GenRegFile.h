@@ -1,0 +1,68 @@
+/*
+ * GenRegFile: what concerns a record file as a whole: scans, batches, its state, repair and compaction.
+ */
+#ifndef ZONMDFILE_PLATFORM_GENREGFILE_H
+#define ZONMDFILE_PLATFORM_GENREGFILE_H
+
+#include <cstdint>
+
+#include "zonmdfile/platform/GenRegBase.h"
+
+namespace zon {
+class Scan;
+class Transaction;
+}  // namespace zon
+
+/* What GenRegFile::status tells of a record file. Sizes in bytes. */
+struct GenRegStatus {
+  std::uint64_t records;        /* live records */
+  std::uint64_t recordBytes;    /* their sizes added up */
+  std::uint64_t fileBytes;      /* size of the record file */
+  std::uint64_t usedBytes;      /* of these, header, frames and index; the rest is reserved for the next changes */
+  std::uint64_t changes;        /* commits since the file was created, compaction included */
+  std::uint64_t backupBytes;    /* how far the backup follows the file; 0 without a backup */
+  std::uint64_t repairs;        /* repairs in the file's history */
+  std::uint64_t lostBytes;      /* bytes that repairs could restore neither from the file nor from the backup */
+  std::uint32_t formatVersion;
+  std::uint32_t damaged;        /* non-zero when the last full check, done by this call, met damage */
+};
+
+class ZON_EXPORT GenRegFile : public GenRegBase {
+ public:
+  GenRegFile();
+  ~GenRegFile();
+
+  /*
+   * Begins a pass over the records: GetNext sees the one state committed when OpenScan is called, whatever writers do
+   * meanwhile. A file that does not exist is an empty one. Needs no write permission and takes no lock.
+   */
+  std::uint32_t OpenScan();
+
+  /* Ends the pass and frees all that it held. GENREG_RC_NO_SCAN without one. */
+  std::uint32_t CloseScan();
+
+  /*
+   * Gathers the following changes of this object under one sync. Until commitBatch, other processes see nothing of them
+   * and this object sees them all. A crash leaves a prefix of them. beginBatch takes the lock; a batch that grows large is
+   * synced in between. Destroying the object without commitBatch takes back what was not synced yet.
+   */
+  std::uint32_t beginBatch();
+  std::uint32_t commitBatch();
+
+  /* Reads the whole file and its checksums; changes nothing. */
+  std::uint32_t status(GenRegStatus& status);
+
+  /* Writes the file anew from all that file and backup hold intact; keeps the present file as the corrupt copy when damaged. */
+  std::uint32_t repair();
+
+  /* Writes the live records anew, in their order. Happens by itself when needed. */
+  std::uint32_t compact();
+
+ protected:
+  friend class zon::Scan;
+  friend class zon::Transaction;
+  zon::Scan* scan_ = nullptr;
+  zon::Transaction* batch_ = nullptr;
+};
+
+#endif
