@@ -47,15 +47,17 @@ class RingParser {
       return stop(Condition::NOT_A_RING,
                   "this is no ring file of the trace facility; name the file given to zontrace on");
     }
-    const auto header = copyAt<Header>(first_, 0);
+    // Of the later copy: no slot of the earlier one can be newer than its counts.
+    const auto header = copyAt<Header>(second_, 0);
     if (std::string problem = headerProblem(header); !problem.empty()) {
       return stop(Condition::DAMAGED, std::move(problem));
     }
     takeHeader(header);
     mask_ = header.slots - 1;
+    next_ = header.next;
     const std::uint64_t present = std::min(first_.size(), second_.size()) - HEADER_BYTES;
     const std::uint64_t slots = std::min<std::uint64_t>(header.slots, present / SLOT_BYTES);
-    sortSlots(slots);
+    findEvents(slots);
     for (const std::uint64_t number : events_) takeEvent(number);
     countLosses(header);
     if (slots < header.slots) {
@@ -85,8 +87,8 @@ class RingParser {
 
   std::size_t offsetOf(std::uint64_t number) const { return HEADER_BYTES + (number & mask_) * SLOT_BYTES; }
 
-  // Finds the numbers of all sealed slots, and of those where events begin, the latter in order.
-  void sortSlots(std::uint64_t slots) {
+  // Finds the numbers of all slots in which an event begins, in order, and counts those that nothing can be read from.
+  void findEvents(std::uint64_t slots) {
     for (std::uint64_t position = 0; position < slots; ++position) {
       const std::size_t offset = offsetOf(position);
       const auto seal = copyAt<std::uint64_t>(first_, offset);
@@ -95,7 +97,7 @@ class RingParser {
       const std::uint64_t number = (seal & SEAL_NUMBER) - 1;
       if ((seal & SEAL_BUSY) != 0 || !isStill) {
         ++recording_.unfinished;
-      } else if ((seal & SEAL_NUMBER) == 0 || (number & mask_) != position) {
+      } else if ((seal & SEAL_NUMBER) == 0 || (number & mask_) != position || number >= next_) {
         ++recording_.damaged;
       } else if ((seal & SEAL_CONTINUATION) == 0) {
         events_.push_back(number);
@@ -152,6 +154,7 @@ class RingParser {
   Bytes second_;
   Recording& recording_;
   std::uint64_t mask_ = 0;
+  std::uint64_t next_ = 0;
   std::vector<std::uint64_t> events_;
 };
 
