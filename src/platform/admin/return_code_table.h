@@ -1,0 +1,40 @@
+// What is known about each return code. The rule: everything that depends on a code alone is looked up here and only
+// here.
+#ifndef ZON_PLATFORM_ADMIN_RETURN_CODE_TABLE_H
+#define ZON_PLATFORM_ADMIN_RETURN_CODE_TABLE_H
+
+#include <cstdint>
+#include <span>
+
+namespace zon {
+
+struct ReturnCode {
+  std::uint32_t value;
+  const char* name;
+  std::int32_t sqlcode;  // negative and no other code's; 0 for success
+  const char* sqlstate;  // five characters
+  const char* description;
+};
+
+struct SqlState {
+  std::int32_t sqlcode;
+  const char* sqlstate;
+};
+
+inline constexpr std::int32_t UNKNOWN_CODE_SQLCODE = -22399;
+inline constexpr const char* UNKNOWN_SQLCODE_SQLSTATE = "58000";  // system error
+
+std::span<const ReturnCode> returnCodes();
+
+// SQLCODEs that the boundary gives instead of a return code's own, by the kind of object that a record describes.
+std::span<const SqlState> boundarySqlStates();
+
+// Null for a code that is not in the table.
+const ReturnCode* findReturnCode(std::uint32_t value);
+
+// Never null.
+const char* findSqlState(std::int32_t sqlcode);
+
+}  // namespace zon
+
+#endif
