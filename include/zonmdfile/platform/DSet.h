@@ -1,7 +1,7 @@
 /*
- * DSet (header only): a set of owned copies that remembers the order in which they came. The one rule: seen from outside
- * it is an array that grows by a fixed step and is searched from its start; inside, neither growing nor searching costs
- * more with many members than with few.
+ * DSet (header only): a set of owned copies that remembers the order in which they came. The one rule: seen from
+ * outside it is an array that grows by a fixed step and is searched from its start; inside, neither growing nor
+ * searching costs more with many members than with few.
  */
 #ifndef ZONMDFILE_PLATFORM_DSET_H
 #define ZONMDFILE_PLATFORM_DSET_H
@@ -31,7 +31,7 @@ class DSet {
         : std::out_of_range("DSet: element " + std::to_string(index) + " of " + std::to_string(count)) {}
   };
 
-  /* An empty set with room for `capacity` members, to which `growth` (at least 1) places are added whenever it is full. */
+  /* An empty set of room for `capacity` members; whenever it is full, `growth` places (at least 1) are added. */
   explicit DSet(std::size_t capacity = 1, std::size_t growth = 1)
       : capacity_(capacity), growthStep_(growth != 0 ? growth : 1) {}
   DSet(const DSet& other) : DSet(other.capacity_, other.growthStep_) {

@@ -1,6 +1,6 @@
 /*
- * DString (libzoncmncoll): the string class of the whole system. The one rule: a string is its stored bytes. A NUL is a byte
- * like any other, comparison is by bytes, lengths count bytes, and positions are counted from 1.
+ * DString (libzoncmncoll): the string class of the whole system. The one rule: a string is its stored bytes. A NUL is a
+ * byte like any other, comparison is by bytes, lengths count bytes, and positions are counted from 1.
  */
 #ifndef ZONMDFILE_PLATFORM_DSTRING_H
 #define ZONMDFILE_PLATFORM_DSTRING_H
@@ -73,8 +73,8 @@ class ZON_EXPORT DString {
   DString subString(std::size_t position, std::size_t count = TO_END) const;
 
   /*
-   * The position of the first occurrence of `text` that begins at `start` or later; 0 when there is none. The empty text
-   * occurs nowhere, and nothing is found from a start that the string does not have.
+   * The position of the first occurrence of `text` that begins at `start` or later; 0 when there is none. The empty
+   * text occurs nowhere, and nothing is found from a start that the string does not have.
    */
   std::size_t indexOf(std::string_view text, std::size_t start = 1) const noexcept;
   std::size_t indexOf(const char* text, std::size_t start = 1) const noexcept { return indexOf(toView(text), start); }
@@ -83,8 +83,8 @@ class ZON_EXPORT DString {
   }
 
   /*
-   * How often `text` occurs from `start` on. Occurrences do not overlap: the search goes on behind the one found, so that
-   * "aaaa" holds "aa" twice. The empty text occurs nowhere.
+   * How often `text` occurs from `start` on. Occurrences do not overlap: the search goes on behind the one found, so
+   * that "aaaa" holds "aa" twice. The empty text occurs nowhere.
    */
   std::size_t occurrencesOf(std::string_view text, std::size_t start = 1) const noexcept;
   std::size_t occurrencesOf(const char* text, std::size_t start = 1) const noexcept {
@@ -95,15 +95,15 @@ class ZON_EXPORT DString {
   }
 
   /*
-   * Takes out `count` bytes from `position`, none beyond the end. Nothing happens at a position that the string does not
-   * have.
+   * Takes out `count` bytes from `position`, none beyond the end. Nothing happens at a position that the string does
+   * not have.
    */
   DString& remove(std::size_t position, std::size_t count = TO_END) noexcept;
 
   /*
-   * Hands the text over without copying it: a block of the memory service with length() + 1 bytes, the last a NUL, which
-   * the receiver releases with _ossMemFree and which is counted under (file, line) from now on. The string is empty
-   * afterwards. Null when it was empty before; null, with the string as it was, when the memory service refuses.
+   * Hands the text over without copying it: a block of the memory service with length() + 1 bytes, the last a NUL,
+   * which the receiver releases with _ossMemFree and which is counted under (file, line) from now on. The string is
+   * empty afterwards. Null when it was empty before; null, with the string as it was, when the memory service refuses.
    */
   [[nodiscard]] char* release(const char* file, std::uint32_t line) noexcept { return buffer_.release(file, line); }
 

@@ -1,6 +1,6 @@
 /*
- * Administration server functions (libzonvekapi): the metadata directory, the SQL communication area, and what return codes
- * mean. C11 and C++.
+ * Administration server functions (libzonvekapi): the metadata directory, the SQL communication area, and what return
+ * codes mean. C11 and C++.
  */
 #ifndef ZONMDFILE_PLATFORM_ADMIN_H
 #define ZONMDFILE_PLATFORM_ADMIN_H
@@ -18,22 +18,27 @@ extern "C" {
 
 /*
  * Copies the metadata directory to path: what setMetadataPath set, else the environment variable ZON_METADATA_PATH.
- * Returns 0; non-zero with path made empty when neither is there or it does not fit into size bytes with its NUL. Safe to
- * call from any thread.
+ * Returns 0; non-zero with path made empty when neither is there (an empty variable
+ * counts as none) or it does not fit into size bytes with its NUL. Safe
+ * to call from any thread.
  */
 ZON_EXPORT int getMetadataPath(char *path, size_t size);
 
-/* Sets the directory for this process; null or "" takes it back. Returns 0, non-zero when path has 4096 bytes or more. */
+/*
+ * Sets the directory for this process; null or "" takes it back. Returns 0; non-zero, with the directory as it was,
+ * when path has 4096 bytes or more or memory is short. Safe to call from any thread. A copy of each different directory
+ * is kept until the process ends.
+ */
 ZON_EXPORT int setMetadataPath(const char *path);
 
 /*
- * Fills the whole of *sqlca: the code, its SQLSTATE, the reporting function's name cut at 8 bytes (blank-padded), and as
- * message the tokens joined by single blanks, cut at 70 bytes. A null sqlca, or null tokens, is allowed.
+ * Fills the whole of *sqlca: the code, its SQLSTATE, the reporting function's name cut at 8 bytes (blank-padded), and
+ * as message the tokens joined by single blanks, cut at 70 bytes. A null sqlca, or null tokens, is allowed.
  */
 ZON_EXPORT void vekFillSqlca(struct sqlca *sqlca, int32_t sqlcode, const char *function, int32_t tokenCount,
                              const char *const *tokens);
 
-/* The SQLCODE of a return code: 0 for 0, else negative and one of its own; one common SQLCODE for codes not in the table. */
+/* The SQLCODE of a return code: 0 for 0, else negative and its own; one common SQLCODE for codes not in the table. */
 ZON_EXPORT int32_t ecfToSqlError(uint32_t rc);
 
 /* What a return code means and what to do, in plain words. Never null, constant, not to be freed. */

@@ -1,6 +1,6 @@
 /*
- * Operating-system services (libzonosse): memory that the caller can account for, thread identity, and the two halves of
- * a path. C11 and C++.
+ * Operating-system services (libzonosse): memory that the caller can account for, thread identity, and the two halves
+ * of a path. C11 and C++.
  */
 #ifndef ZONMDFILE_PLATFORM_OSS_H
 #define ZONMDFILE_PLATFORM_OSS_H
@@ -27,7 +27,8 @@ extern "C" {
  * Returns 0, or non-zero when there is no memory (or the fault set by ossMemFailAt is due). The buffer belongs to the
  * caller, who releases it with _ossMemFree. Safe to call from any thread.
  */
-ZON_EXPORT int _ossMemAlloc(void **pointer, uint64_t zero, uint64_t size, uint32_t flags, const char *file, uint32_t line);
+ZON_EXPORT int _ossMemAlloc(void **pointer, uint64_t zero, uint64_t size, uint32_t flags, const char *file,
+                            uint32_t line);
 
 /*
  * Releases the buffer in *pointer and sets *pointer to null. A null pointer, or a pointer to null, is left alone.
@@ -52,7 +53,11 @@ ZON_EXPORT int ossMemRelabel(void *pointer, uint64_t size, const char *file, uin
 /* The bytes a buffer was asked for (after resizing or handing on, the newest size). */
 ZON_EXPORT uint64_t ossMemSize(const void *pointer);
 
-/* Buffers allocated under this label and not yet released; with null, under all labels. Exact when no call is under way. */
+/*
+ * Buffers allocated under this label and not yet released; with null, under all labels. Exact when no call is under
+ * way. Labels are told apart by their first 63 bytes, and the first 256 different ones; all others are counted as one,
+ * whose figure is the answer for each of them.
+ */
 ZON_EXPORT uint64_t ossMemOutstanding(const char *file);
 
 /* The same in bytes asked for. */

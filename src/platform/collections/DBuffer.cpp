@@ -37,8 +37,8 @@ void DBuffer::freeBlock() noexcept {
 void DBuffer::growAndAppend(const char* bytes, std::size_t count) {
   if (count > LARGEST_CAPACITY - length_) throw std::bad_alloc();
   // The bytes may be this buffer's own, and the block may move.
-  const std::size_t offset = static_cast<std::size_t>(reinterpret_cast<std::uintptr_t>(bytes) -
-                                                      reinterpret_cast<std::uintptr_t>(data_));
+  const std::size_t offset =
+      static_cast<std::size_t>(reinterpret_cast<std::uintptr_t>(bytes) - reinterpret_cast<std::uintptr_t>(data_));
   const bool isOwn = data_ != nullptr && offset <= length_;
   resizeBlock(std::max({length_ + count, std::min(2 * capacity_, LARGEST_CAPACITY), SMALLEST_CAPACITY}));
   append(isOwn ? data_ + offset : bytes, count);

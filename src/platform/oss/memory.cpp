@@ -1,12 +1,12 @@
-// The memory service. The one rule: no byte that one caller wrote ever reaches another, and still nobody pays for clearing
-// what was not touched.
+// The memory service. The one rule: no byte that one caller wrote ever reaches another, and still nobody pays for
+// clearing what was not touched.
 //
 // A block is a header followed by the caller's bytes. There are three kinds:
 //   SMALL   below 128 KB, from the C library, cleared as a whole;
 //   POOLED  up to the size of the largest record buffer, a mapping of one fixed size. Record buffers are a megabyte of
 //           which mostly the first pages are touched, two or three for each call. A released one is made all zero again
-//           and kept: its first pages by clearing them, so that they stay present, the others by giving them back to the
-//           kernel, which costs next to nothing when they were never touched;
+//           and kept: its first pages by clearing them, so that they stay present, the others by giving them back to
+//           the kernel, which costs next to nothing when they were never touched;
 //   MAPPED  anything bigger, a mapping of its own. It grows by moving pages.
 //
 // Nothing here takes a lock, so a fork at any moment leaves the child a service that works.
@@ -53,8 +53,9 @@ struct alignas(128) Label {
   std::atomic<std::uint64_t> bytes{0};
 };
 
-// The last one is shared by all labels that found no place. A label whose writer was elsewhere in the middle of claiming
-// its place (or was lost by a fork right there) may stand twice; readers therefore add up all places of that text.
+// The last one is shared by all labels that found no place. A label whose writer was elsewhere in the middle of
+// claiming its place (or was lost by a fork right there) may stand twice; readers therefore add up all places of that
+// text.
 Label labels[LABEL_COUNT + 1];
 constexpr std::uint32_t SHARED_LABEL = LABEL_COUNT;
 
@@ -106,7 +107,7 @@ void countOut(std::uint32_t label, std::uint64_t bytes) {
   labels[label].bytes.fetch_sub(bytes, std::memory_order_relaxed);
 }
 
-std::uint64_t sumOver(const char* file, std::atomic<std::uint64_t> Label::* figure) {
+std::uint64_t sumOver(const char* file, std::atomic<std::uint64_t> Label::*figure) {
   const std::string_view text = labelText(file);
   std::uint64_t sum = 0;
   bool found = false;
@@ -229,8 +230,8 @@ bool giveTo(PoolGroup& group, void* mapping) {
   return false;
 }
 
-// Two neighbouring mappings can become one range in the kernel's eyes. Large pages there would make the touch of a single
-// byte cost the clearing of two megabytes.
+// Two neighbouring mappings can become one range in the kernel's eyes. Large pages there would make the touch of a
+// single byte cost the clearing of two megabytes.
 void* mapForPool() {
   void* mapping = map(POOLED_BYTES);
   if (mapping != nullptr) ::madvise(mapping, POOLED_BYTES, MADV_NOHUGEPAGE);
@@ -238,8 +239,8 @@ void* mapForPool() {
 }
 
 // When two threads give pages back at the same time, the kernel interrupts the other processors for each of them, which
-// costs ten times the call itself. So threads take turns, but nobody relies on it: after a short wait a thread goes ahead
-// anyway. A turn that a fork left taken in the child therefore costs one wait and is free again.
+// costs ten times the call itself. So threads take turns, but nobody relies on it: after a short wait a thread goes
+// ahead anyway. A turn that a fork left taken in the child therefore costs one wait and is free again.
 class Turn {
  public:
   Turn() {
@@ -321,7 +322,7 @@ Header* makeMapped(std::uint64_t size) {
 
 Header* makeBlock(std::uint64_t size) {
   if (size > SIZE_LIMIT) return nullptr;
-  Header* header = size < SMALL_LIMIT                        ? makeSmall(size)
+  Header* header = size < SMALL_LIMIT                      ? makeSmall(size)
                    : size <= POOLED_BYTES - sizeof(Header) ? makePooled()
                                                            : makeMapped(size);
   if (header == nullptr) return nullptr;
