@@ -17,7 +17,6 @@ set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/lib")
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
 set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
-set(CMAKE_INSTALL_LIBDIR lib CACHE STRING "Library folder below the prefix")
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow -Wformat=2)
 if(ZON_WERROR)
@@ -25,7 +24,7 @@ if(ZON_WERROR)
 endif()
 
 # Reproducible output: no build folder in debug data or __FILE__, no time stamps.
-add_compile_options("-ffile-prefix-map=${CMAKE_SOURCE_DIR}=.")
+add_compile_options("-ffile-prefix-map=${CMAKE_SOURCE_DIR}=." "-ffile-prefix-map=${CMAKE_BINARY_DIR}=build")
 
 add_compile_options(-fstack-protector-strong)
 add_link_options(-Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack -Wl,--build-id=sha1)
