@@ -18,9 +18,8 @@ extern "C" {
 
 /*
  * Copies the metadata directory to path: what setMetadataPath set, else the environment variable ZON_METADATA_PATH.
- * Returns 0; non-zero with path made empty when neither is there (an empty variable
- * counts as none) or it does not fit into size bytes with its NUL. Safe
- * to call from any thread.
+ * Returns 0; non-zero with path made empty when neither is there (an empty variable counts as none) or it does not fit
+ * into size bytes with its NUL. Safe to call from any thread.
  */
 ZON_EXPORT int getMetadataPath(char *path, size_t size);
 
