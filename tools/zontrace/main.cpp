@@ -50,18 +50,19 @@ std::string defaultFile(pid_t pid) {
 }
 
 std::string statusText(pid_t pid, const ProcessStatus& status) {
+  const std::string file = escaped(status.file);
   const std::string values = status.withValues ? " with values" : "";
   switch (status.state) {
     case ProcessState::OFF:
-      return processText(pid) + " is not being recorded" + (status.file.empty() ? "" : "; last ring: " + status.file);
+      return processText(pid) + " is not being recorded" + (file.empty() ? "" : "; last ring: " + file);
     case ProcessState::STARTING:
-      return processText(pid) + " will make " + status.file + values + " at its next traced call";
+      return processText(pid) + " will make " + file + values + " at its next traced call";
     case ProcessState::RECORDING:
-      return processText(pid) + " is recording" + values + " into " + status.file;
+      return processText(pid) + " is recording" + values + " into " + file;
     case ProcessState::STOPPING:
-      return processText(pid) + " records no more and will let go of " + status.file + " at its next traced call";
+      return processText(pid) + " records no more and will let go of " + file + " at its next traced call";
     case ProcessState::FAILED:
-      return processText(pid) + " could not make " + status.file + " (" + std::strerror(status.reason) +
+      return processText(pid) + " could not make " + file + " (" + std::strerror(status.reason) +
              ") and switched recording off; choose another --file or --size";
   }
   return {};

@@ -19,6 +19,7 @@ using Condition = Recording::Condition;
 using Bytes = std::span<const std::byte>;
 
 constexpr std::uint64_t MAX_FILE_BYTES = HEADER_BYTES + MAX_EVENT_BYTES;
+constexpr std::size_t PIECE_BYTES = 16 * 1024;
 constexpr std::uint64_t MIN_SLOTS = MIN_EVENT_BYTES / SLOT_BYTES;
 constexpr std::uint64_t MAX_SLOTS = MAX_EVENT_BYTES / SLOT_BYTES;
 
@@ -158,16 +159,34 @@ class RingParser {
   std::vector<std::uint64_t> events_;
 };
 
-int readAll(int descriptor, std::vector<std::byte>& bytes) {
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t got = ::pread(descriptor, bytes.data() + done, bytes.size() - done, static_cast<off_t>(done));
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) return errno;
-    if (got == 0) break;
-    done += static_cast<std::size_t>(got);
+// Returns 0 or an errno value; `got` tells how many bytes there were.
+int readAt(int descriptor, std::span<std::byte> bytes, std::size_t offset, std::size_t& got) {
+  got = 0;
+  while (got < bytes.size()) {
+    const ssize_t part = ::pread(descriptor, bytes.data() + got, bytes.size() - got, static_cast<off_t>(offset + got));
+    if (part < 0 && errno == EINTR) continue;
+    if (part < 0) return errno;
+    if (part == 0) break;
+    got += static_cast<std::size_t>(part);
   }
-  bytes.resize(done);
+  return 0;
+}
+
+// Takes both copies of a piece right after one another, so that of a ring that is being written few slots differ. The
+// header comes last: it then counts every event that the slots hold.
+int readPieces(int descriptor, std::vector<std::byte>& first, std::vector<std::byte>& second) {
+  std::size_t present = first.size();
+  for (std::size_t end = first.size(); end > 0;) {
+    const std::size_t start = (end - 1) / PIECE_BYTES * PIECE_BYTES;
+    for (std::vector<std::byte>* const copy : {&first, &second}) {
+      std::size_t got = 0;
+      if (const int error = readAt(descriptor, std::span(*copy).subspan(start, end - start), start, got)) return error;
+      if (got < end - start) present = std::min(present, start + got);
+    }
+    end = start;
+  }
+  first.resize(present);
+  second.resize(present);
   return 0;
 }
 
@@ -181,8 +200,7 @@ int readTwice(const std::string& path, std::vector<std::byte>& first, std::vecto
     const auto size = static_cast<std::uint64_t>(status.st_size);
     first.resize(static_cast<std::size_t>(std::min(size, MAX_FILE_BYTES)));
     second.resize(first.size());
-    error = readAll(descriptor, first);
-    if (error == 0) error = readAll(descriptor, second);
+    error = readPieces(descriptor, first, second);
   }
   ::close(descriptor);
   return error;

@@ -174,13 +174,17 @@ void openRing(RingPage& page, std::uint32_t word) {
   return records;
 }
 
-bool isRecording() {
+[[gnu::noinline, gnu::cold]] int isRecordingSince(std::uint32_t word) {
+  const RingPage* const page = ringPage.load(std::memory_order_acquire);
+  return (page != nullptr && page->word.load(std::memory_order_acquire) == word) || settle() ? 1 : 0;
+}
+
+int isRecording() {
   const std::uint32_t word = gtraceControl.word.load(std::memory_order_relaxed);
   if (word == 0) [[likely]] {
-    return false;
+    return 0;
   }
-  const RingPage* const page = ringPage.load(std::memory_order_acquire);
-  return (page != nullptr && page->word.load(std::memory_order_acquire) == word) || settle();
+  return isRecordingSince(word);
 }
 
 // Keeps the ring mapped while a thread writes into it.
@@ -269,9 +273,9 @@ bool setPath(std::string_view path) {
 
 }  // namespace
 
-extern "C" int gtraceIsAttached(void) { return isRecording() ? 1 : 0; }
+extern "C" int gtraceIsAttached(void) { return isRecording(); }
 
-extern "C" int gtraceIsEnabled(void) { return isRecording() ? 1 : 0; }
+extern "C" int gtraceIsEnabled(void) { return isRecording(); }
 
 extern "C" void _gtraceEntry(uint64_t thread, uint32_t point, uint32_t, uint32_t mask) {
   record({thread, point, mask, zon::trace_ring::ENTRY, 0, 0, nullptr, 0});

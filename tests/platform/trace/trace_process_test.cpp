@@ -253,11 +253,12 @@ TEST_F(TraceProcess, AFullRingKeepsTheNewestEventsAndItsSize) {
   EXPECT_EQ(recording.events.back().number, 9999U);
 }
 
-TEST_F(TraceProcess, ThreadsRecordAllTheirEventsInOrder) {
+TEST_F(TraceProcess, ThreadsRecordAllTheirEventsInOrderOnceTheRingIsMade) {
   TracedProcess process(ring());
+  process.tell("call 1");
   process.tell("threads 8 1000");
   const Recording recording = readRing(ring());
-  EXPECT_EQ(recording.events.size(), 16000U);
+  EXPECT_EQ(recording.events.size(), 2U + 16000U);
   std::map<std::uint64_t, const Event*> last;
   for (const Event& event : recording.events) {
     const Event*& before = last[event.thread];
@@ -266,7 +267,7 @@ TEST_F(TraceProcess, ThreadsRecordAllTheirEventsInOrder) {
     ASSERT_TRUE(before == nullptr || before->time <= event.time);
     before = &event;
   }
-  EXPECT_EQ(last.size(), 8U);
+  EXPECT_EQ(last.size(), 1U + 8U);
 }
 
 TEST_F(TraceProcess, AForkedChildRecordsIntoARingOfItsOwn) {
@@ -357,6 +358,22 @@ TEST_F(TraceProcess, ThePrintedTreeNamesFunctionsAndResults) {
   EXPECT_NE(inner, std::string::npos) << result.output;
   EXPECT_THAT(result.output, HasSubstr(") = SQLCODE -22273\n"));
   EXPECT_THAT(result.output, HasSubstr(") = 31004"));
+}
+
+TEST_F(TraceProcess, StatusCanBeReadByPrograms) {
+  TracedProcess process;
+  on(process);
+  process.tell("call 1");
+  const std::string pid = std::to_string(process.pid());
+  EXPECT_EQ(runZontrace("status -o json --pid " + pid).output,
+            "{\"process\":" + pid + ",\"state\":\"recording\",\"file\":\"" + ring() +
+                "\",\"eventBytes\":4194304,\"values\":false,\"errno\":0}\n");
+}
+
+TEST_F(TraceProcess, ARingWithoutEventsPrintsNothingFound) {
+  TracedProcess process(ring());
+  EXPECT_EQ(process.tell("attached"), "11");
+  EXPECT_EQ(runZontrace("print " + ring()).code, zontrace::EXIT_NOTHING);
 }
 
 TEST_F(TraceProcess, PrintingWhatIsNoRingTellsSo) {

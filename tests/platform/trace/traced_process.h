@@ -31,7 +31,7 @@ class RingFolder {
   std::filesystem::path path_;
 };
 
-// One running traced_program; ends with the object.
+// One running traced_program, its libraries loaded; ends with the object.
 class TracedProcess {
  public:
   // setting is the value of ZON_TRACE, none when empty.
@@ -56,6 +56,7 @@ class TracedProcess {
     ::close(out[1]);
     commands_ = in[1];
     answers_ = ::fdopen(out[0], "r");
+    tell("ready");
   }
   ~TracedProcess() {
     ::close(commands_);

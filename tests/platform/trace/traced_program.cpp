@@ -128,7 +128,9 @@ int main() {
     std::size_t count = 0;
     words >> command;
     if (command == "quit") break;
-    if (command == "call" && words >> count) {
+    if (command == "ready") {
+      std::cout << "ok";
+    } else if (command == "call" && words >> count) {
       call(count);
       std::cout << "ok";
     } else if (command == "outer") {
