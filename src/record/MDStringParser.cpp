@@ -1,0 +1,46 @@
+// MDStringParser: tokenized strings for callers that hold them as DString.
+//
+// The rule: no rule of its own; every decision is that of tokenized_text.h.
+#include "zonmdfile/MDStringParser.h"
+
+#include <utility>
+
+#include "platform/trace_scope.h"
+#include "record/tokenized_text.h"
+
+namespace {
+
+constexpr std::uint32_t TRACE_BASE = zon::trace::MD_STRING_PARSER;
+
+}  // namespace
+
+MDStringParser::MDStringParser() { zon::TraceScope trace(TRACE_BASE + zon::trace::CONSTRUCT_OP); }
+
+MDStringParser::~MDStringParser() { zon::TraceScope trace(TRACE_BASE + zon::trace::DESTROY_OP); }
+
+std::uint32_t MDStringParser::occurrencesOfToken(DString& source, DString token) {
+  zon::TraceScope trace(TRACE_BASE + zon::trace::OCCURRENCES_OF_TOKEN_OP);
+  return trace.exit(static_cast<std::uint32_t>(source.occurrencesOf(token.c_str())));
+}
+
+std::uint32_t MDStringParser::splitTokenizedString(DString& source, DString token, DString& head, DString& rest) {
+  zon::TraceScope trace(TRACE_BASE + zon::trace::SPLIT_TOKENIZED_STRING_OP);
+  std::string_view headText;
+  std::string_view restText;
+  if (const std::uint32_t rc = zon::splitText(source, token, headText, restText)) return trace.exit(rc);
+  // Copied before either output changes: an output may be the source itself.
+  DString newHead(headText);
+  DString newRest(restText);
+  head = std::move(newHead);
+  rest = std::move(newRest);
+  return trace.exit(MD_RC_OK);
+}
+
+std::uint32_t MDStringParser::parseTokenizedString(DString& source, DString token, unsigned long index,
+                                                   DString& field) {
+  zon::TraceScope trace(TRACE_BASE + zon::trace::PARSE_TOKENIZED_STRING_OP);
+  std::string_view text;
+  const std::uint32_t rc = zon::parseText(source, token, index, text);
+  field.assign(text);
+  return trace.exit(rc);
+}
