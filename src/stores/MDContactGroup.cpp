@@ -1,0 +1,196 @@
+// MDContactGroup: the three-key operations on the file of membership records, the queries by member and by parent, and
+// what concerns a group as a whole.
+//
+// The rule: a group is its records; nothing here touches the records of other groups.
+#include "zonmdfile/MDContactGroup.h"
+
+#include <cstdio>
+#include <string_view>
+
+#include "stores/contact_group_lists.h"
+#include "stores/group_expansion.h"
+#include "stores/store_operations.h"
+
+static_assert(MDContactGroup::TRACE_BASE == zon::trace::MD_CONTACT_GROUP);
+
+const char* const MDContactGroup::FILENAME = "zoncontactgroup";
+
+using zon::Field;
+using zon::Keys;
+using zon::ListOutput;
+using zon::ThreeKeyLayout;
+
+namespace {
+
+constexpr unsigned long MATCH_GROUP_AND_KIND = zon::MATCH_GROUP_KEY | zon::MATCH_SUB_GROUP_KEY;
+constexpr unsigned long MATCH_MEMBER = zon::MATCH_SUB_GROUP_KEY | zon::MATCH_KEY;
+
+// Rewrites the listed records one after the other, all of them under one sync.
+std::uint32_t changeListed(MDContactGroup& store, DString& group, const DString& kinds, const DString& members,
+                           const DString& description, const DString& version) {
+  zon::BatchScope batch(store);
+  if (const std::uint32_t rc = batch.begin(); zon::endsCall(rc)) return rc;
+  zon::ListReader kindReader(kinds);
+  zon::ListReader memberReader(members);
+  std::uint32_t rc = MD_RC_OK;
+  for (std::size_t left = zon::countEntries(kinds); left > 0 && rc == MD_RC_OK; --left) {
+    std::string_view kindText;
+    std::string_view memberText;
+    rc = kindReader.next(kindText);
+    if (rc == MD_RC_OK) rc = memberReader.next(memberText);
+    if (rc != MD_RC_OK) break;
+    DString kind(kindText);
+    DString member(memberText);
+    rc = zon::changeRecord<ThreeKeyLayout>(store, MDContactGroup::SOURCE, {&group, &kind, &member}, description,
+                                           version);
+  }
+  const std::uint32_t commitRc = batch.commit();
+  return rc != MD_RC_OK ? rc : commitRc;
+}
+
+}  // namespace
+
+MDContactGroup::MDContactGroup() : MDThreeKeyReg(FILENAME) {
+  zon::TraceScope trace(TRACE_BASE + zon::trace::CONSTRUCT_OP);
+}
+
+MDContactGroup::~MDContactGroup() { zon::TraceScope trace(TRACE_BASE + zon::trace::DESTROY_OP); }
+
+std::uint32_t MDContactGroup::insert(DString& group, DString kind, DString& member, DString& description,
+                                     DString version) {
+  return zon::tracedOperation(
+      TRACE_BASE + zon::trace::INSERT_OP, {&group, &kind, &member, &description, &version}, [&] {
+        const Keys<ThreeKeyLayout> recordKeys{&group, &kind, &member};
+        if (const std::uint32_t rc = zon::checkRecord<ThreeKeyLayout>(*this, recordKeys, description, version)) {
+          return rc;
+        }
+        return zon::addRecord<ThreeKeyLayout>(*this, SOURCE, recordKeys, description, version);
+      });
+}
+
+std::uint32_t MDContactGroup::remove(DString& group, DString kind, DString& member) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::REMOVE_OP, {&group, &kind, &member}, [&] {
+    const Keys<ThreeKeyLayout> recordKeys{&group, &kind, &member};
+    if (const std::uint32_t rc = zon::checkKeys(*this, recordKeys)) return rc;
+    return zon::deleteRecords<ThreeKeyLayout>(*this, SOURCE, ThreeKeyLayout::WHOLE_KEY, recordKeys);
+  });
+}
+
+std::uint32_t MDContactGroup::removeGroup(DString& group, DString kind) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::REMOVE_GROUP_OF_KIND_OP, {&group, &kind}, [&] {
+    const Keys<ThreeKeyLayout> recordKeys{&group, &kind};
+    if (const std::uint32_t rc = zon::checkKeys(*this, recordKeys)) return rc;
+    const zon::DeleteAllScope all(*this);
+    return zon::deleteRecords<ThreeKeyLayout>(*this, SOURCE, MATCH_GROUP_AND_KIND, recordKeys);
+  });
+}
+
+std::uint32_t MDContactGroup::removeGroup(DString& group) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::REMOVE_GROUP_OP, {&group}, [&] {
+    const Keys<ThreeKeyLayout> recordKeys{&group};
+    if (const std::uint32_t rc = zon::checkKeys(*this, recordKeys)) return rc;
+    const zon::DeleteAllScope all(*this);
+    return zon::deleteRecords<ThreeKeyLayout>(*this, SOURCE, zon::MATCH_GROUP_KEY, recordKeys);
+  });
+}
+
+std::uint32_t MDContactGroup::update(DString& group, DString& description, DString version) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::UPDATE_OP, {&group, &description, &version}, [&] {
+    if (const std::uint32_t rc = zon::checkRecord<ThreeKeyLayout>(*this, {&group}, description, version)) return rc;
+    DString kinds;
+    DString members;
+    if (const std::uint32_t rc = zon::listRecordsOfGroup(*this, group, kinds, members)) return rc;
+    return changeListed(*this, group, kinds, members, description, version);
+  });
+}
+
+std::uint32_t MDContactGroup::retrieveKeys(DString& groups, DString& kinds, DString& members) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_KEYS_OP, {}, [&] {
+    return zon::listRecords<ThreeKeyLayout>(
+        *this, SOURCE, zon::MATCH_ALL, {},
+        std::array{ListOutput{Field::GROUP_KEY, &groups}, ListOutput{Field::SUB_GROUP_KEY, &kinds},
+                   ListOutput{Field::KEY, &members}});
+  });
+}
+
+std::uint32_t MDContactGroup::retrieveAll(DString& groups, DString& kinds, DString& members, DString& descriptions,
+                                          DString& versions) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_ALL_OP, {}, [&] {
+    return zon::listRecords<ThreeKeyLayout>(
+        *this, SOURCE, zon::MATCH_ALL, {},
+        std::array{ListOutput{Field::GROUP_KEY, &groups}, ListOutput{Field::SUB_GROUP_KEY, &kinds},
+                   ListOutput{Field::KEY, &members}, ListOutput{Field::DATA, &descriptions},
+                   ListOutput{Field::VERSION, &versions}});
+  });
+}
+
+std::uint32_t MDContactGroup::retrieveList(DString& group, DString& kinds, DString& members, DString& descriptions,
+                                           DString& versions) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_LIST_OP, {&group}, [&] {
+    const Keys<ThreeKeyLayout> recordKeys{&group};
+    if (const std::uint32_t rc = zon::checkKeys(*this, recordKeys)) return rc;
+    return zon::listRecords<ThreeKeyLayout>(
+        *this, SOURCE, zon::MATCH_GROUP_KEY, recordKeys,
+        std::array{ListOutput{Field::SUB_GROUP_KEY, &kinds}, ListOutput{Field::KEY, &members},
+                   ListOutput{Field::DATA, &descriptions}, ListOutput{Field::VERSION, &versions}});
+  });
+}
+
+std::uint32_t MDContactGroup::retrieveGroupOrContactList(DString& group, DString kind, DString& members,
+                                                         DString& descriptions, DString& versions) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_GROUP_OR_CONTACT_LIST_OP, {&group, &kind}, [&] {
+    const Keys<ThreeKeyLayout> recordKeys{&group, &kind};
+    if (const std::uint32_t rc = zon::checkKeys(*this, recordKeys)) return rc;
+    return zon::listRecords<ThreeKeyLayout>(
+        *this, SOURCE, MATCH_GROUP_AND_KIND, recordKeys,
+        std::array{ListOutput{Field::KEY, &members}, ListOutput{Field::DATA, &descriptions},
+                   ListOutput{Field::VERSION, &versions}});
+  });
+}
+
+std::uint32_t MDContactGroup::retrieveParentGroupList(DString& groups, DString kind, DString& member,
+                                                      DString& descriptions, DString& versions) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_PARENT_GROUP_LIST_OP, {&kind, &member}, [&] {
+    if (const std::uint32_t rc = zon::checkMember(*this, kind, member)) return rc;
+    return zon::listRecords<ThreeKeyLayout>(
+        *this, SOURCE, MATCH_MEMBER, {nullptr, &kind, &member},
+        std::array{ListOutput{Field::GROUP_KEY, &groups}, ListOutput{Field::DATA, &descriptions},
+                   ListOutput{Field::VERSION, &versions}});
+  });
+}
+
+std::uint32_t MDContactGroup::retrieveAllNames(DString& group, DSet<DString>& contacts, DSet<DString>& groups) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_ALL_NAMES_OP, {&group},
+                              [&] { return zon::GroupExpansion(*this, contacts, groups).run(group); });
+}
+
+std::uint32_t MDContactGroup::retrieveAllContact(DString& group, DSet<DString>& contacts) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_ALL_CONTACT_OP, {&group}, [&] {
+    DSet<DString> visited(1, 1);
+    visited.add(group);
+    return retrieveAllNames(group, contacts, visited);
+  });
+}
+
+std::uint32_t MDContactGroup::retrieveAllContactNames(DString& group, DString& names) {
+  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_ALL_CONTACT_NAMES_OP, {&group}, [&]() -> std::uint32_t {
+    DString wanted(group);  // callers may pass one string as both
+    names.clear();
+    DSet<DString> contacts(1, 1);
+    if (const std::uint32_t rc = retrieveAllContact(wanted, contacts)) return rc;
+    if (contacts.count() == 0) return GENREG_RC_NOT_FOUND;
+    DString list;
+    for (std::size_t i = 1; i <= contacts.count(); ++i) {
+      list.append(contacts.elementAt(i));
+      list.append(zon::LIST_TOKEN);
+    }
+    names = std::move(list);
+    return MD_RC_OK;
+  });
+}
+
+void printSet(DSet<DString>& names) {
+  zon::TraceScope trace(zon::trace::printSet);
+  for (std::size_t i = 1; i <= names.count(); ++i) std::printf("\t\t%s\n", names.elementAt(i).c_str());
+  std::printf("\n");
+}

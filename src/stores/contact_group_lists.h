@@ -1,0 +1,52 @@
+// The listings of contact groups that the library itself walks: names only, without the descriptions and versions that
+// repeat in every record.
+//
+// The rule: same checks, same scan, same codes as the store's own listings; only fewer lists are gathered.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "stores/store_operations.h"
+#include "zonmdfile/MDContactGroup.h"
+
+namespace zon {
+
+// The members of one kind of a group.
+inline std::uint32_t listMembers(MDContactGroup& store, DString& group, DString& kind, DString& members) {
+  const Keys<ThreeKeyLayout> recordKeys{&group, &kind};
+  if (const std::uint32_t rc = checkKeys(store, recordKeys)) return rc;
+  return listRecords<ThreeKeyLayout>(store, MDContactGroup::SOURCE, MATCH_GROUP_KEY | MATCH_SUB_GROUP_KEY, recordKeys,
+                                     std::array{ListOutput{Field::KEY, &members}});
+}
+
+// Kinds and members of a group.
+inline std::uint32_t listRecordsOfGroup(MDContactGroup& store, DString& group, DString& kinds, DString& members) {
+  const Keys<ThreeKeyLayout> recordKeys{&group};
+  if (const std::uint32_t rc = checkKeys(store, recordKeys)) return rc;
+  return listRecords<ThreeKeyLayout>(
+      store, MDContactGroup::SOURCE, MATCH_GROUP_KEY, recordKeys,
+      std::array{ListOutput{Field::SUB_GROUP_KEY, &kinds}, ListOutput{Field::KEY, &members}});
+}
+
+// Parents are looked up by the member first: its name decides the code before the kind's does.
+inline std::uint32_t checkMember(MDContactGroup& store, DString& kind, DString& member) {
+  if (const std::uint32_t rc = store.checkKeyLength(member)) return rc;
+  return store.checkSubGroupKeyLength(kind);
+}
+
+// The groups that hold a member with this kind.
+inline std::uint32_t listParents(MDContactGroup& store, DString& kind, DString& member, DString& groups) {
+  if (const std::uint32_t rc = checkMember(store, kind, member)) return rc;
+  return listRecords<ThreeKeyLayout>(store, MDContactGroup::SOURCE, MATCH_SUB_GROUP_KEY | MATCH_KEY,
+                                     {nullptr, &kind, &member}, std::array{ListOutput{Field::GROUP_KEY, &groups}});
+}
+
+// 0 when the group has a record; else the code that its listing would give.
+inline std::uint32_t findGroup(MDContactGroup& store, DString& group) {
+  const Keys<ThreeKeyLayout> recordKeys{&group};
+  if (const std::uint32_t rc = checkKeys(store, recordKeys)) return rc;
+  return findRecord<ThreeKeyLayout>(store, MDContactGroup::SOURCE, MATCH_GROUP_KEY, recordKeys);
+}
+
+}  // namespace zon
