@@ -1,0 +1,124 @@
+// removeMemberFromGroups: withdraws a member from every group that holds it, and groups that become empty by that from
+// their own parents, depth first.
+//
+// The rule: the withdrawals under way stand on the heap, and no group is withdrawn twice in one call. The second visit
+// could find nothing to remove, unless a list of names read back wrongly because a name holds the list separator; then
+// it would go round for ever.
+#include "api/group_cascade.h"
+
+#include <deque>
+#include <string_view>
+
+#include "api/MDRegFactory.h"
+#include "record/tokenized_text.h"
+#include "stores/contact_group_lists.h"
+
+namespace zon {
+
+namespace {
+
+// A failure that is not the file's answer to a question ends the cascade at once: going on would take "no memory" for
+// "no records" and withdraw groups that are not empty.
+constexpr bool isFatal(std::uint32_t rc) { return rc == GENREG_RC_NO_MEMORY || rc == GENREG_RC_INTERNAL; }
+
+class Withdrawal {
+ public:
+  explicit Withdrawal(MDContactGroup& store) : store_(store), batch_(store) {}
+
+  // The code of the last step for the member itself; those of emptied groups are not reported.
+  std::uint32_t run(DString& member, const DString& kind);
+
+ private:
+  // A member whose parents are being visited.
+  struct Step {
+    DString member;
+    DString kind;
+    DString parents;
+    ListReader unvisited{std::string_view()};
+    std::uint32_t rc = MD_RC_OK;
+  };
+
+  std::uint32_t enter(const DString& member, const DString& kind);
+  std::uint32_t visitParents();
+  std::uint32_t visit(Step& step, DString& parent);
+
+  MDContactGroup& store_;
+  BatchScope batch_;
+  bool hasBegun_ = false;
+  DSet<DString> entered_;   // groups that are or were being withdrawn
+  std::deque<Step> steps_;  // steps stay in place: their readers point into them
+};
+
+std::uint32_t Withdrawal::run(DString& member, const DString& kind) {
+  std::uint32_t rc = enter(member, kind);
+  if (rc == MD_RC_OK) rc = visitParents();
+  // A member of no group is withdrawn already.
+  if (rc == GENREG_RC_NOT_FOUND) rc = MD_RC_OK;
+  const std::uint32_t commitRc = batch_.commit();
+  return rc != MD_RC_OK ? rc : commitRc;
+}
+
+// Puts a step for the member on the stack when it has parents.
+std::uint32_t Withdrawal::enter(const DString& member, const DString& kind) {
+  if (kind == DString(MDContactGroup::GROUP_KIND) && !entered_.add(member)) return MD_RC_OK;
+  Step& step = steps_.emplace_back();
+  step.member = member;
+  step.kind = kind;
+  const std::uint32_t rc = listParents(store_, step.kind, step.member, step.parents);
+  if (rc == MD_RC_OK) {
+    step.unvisited = ListReader(step.parents);
+  } else {
+    steps_.pop_back();
+  }
+  return rc;
+}
+
+std::uint32_t Withdrawal::visitParents() {
+  for (;;) {
+    Step& step = steps_.back();
+    std::string_view name;
+    if (step.unvisited.next(name) == MD_RC_OK) {
+      DString parent(name);
+      if (const std::uint32_t rc = visit(step, parent)) return rc;
+      continue;
+    }
+    const std::uint32_t rc = step.rc;
+    steps_.pop_back();
+    if (steps_.empty()) return rc;
+  }
+}
+
+// Removes the step's member from one parent, and enters the parent when that was its last record. Returns what ends the
+// whole cascade; everything else is remembered in the step.
+std::uint32_t Withdrawal::visit(Step& step, DString& parent) {
+  if (!hasBegun_) {
+    hasBegun_ = true;
+    if (const std::uint32_t rc = batch_.begin(); endsCall(rc)) return rc;
+  }
+  step.rc = store_.remove(parent, step.kind, step.member);
+  if (isFatal(step.rc)) return step.rc;
+  const std::uint32_t rest = findGroup(store_, parent);
+  if (rest == MD_RC_OK) return MD_RC_OK;
+  if (isFatal(rest)) return rest;
+  const std::uint32_t nested = enter(parent, DString(MDContactGroup::GROUP_KIND));
+  return isFatal(nested) ? nested : MD_RC_OK;
+}
+
+}  // namespace
+
+std::uint32_t withdrawMember(const char* member, char kind) noexcept {
+  return returnCodeOf([&] {
+    DString name(member);
+    return removeMemberFromGroups(name, DString(kind));
+  });
+}
+
+}  // namespace zon
+
+extern "C" std::uint32_t removeMemberFromGroups(DString& member, DString kind) {
+  zon::TraceScope trace(zon::trace::removeMemberFromGroups);
+  trace.variable(member.c_str(), member.length());
+  trace.variable(kind.c_str(), kind.length());
+  return trace.exit(
+      zon::withStore<MDContactGroup>([&](MDContactGroup& store) { return zon::Withdrawal(store).run(member, kind); }));
+}
