@@ -1,6 +1,6 @@
 /*
- * GenRegBase: the settings of a registry engine object. The engine keeps records of one record type in one file; it knows
- * nothing of their layout beyond the callbacks set here.
+ * GenRegBase: the settings of a registry engine object. The engine keeps records of one record type in one file; it
+ * knows nothing of their layout beyond the callbacks set here.
  *
  * Objects are cheap (no file is opened by construction), belong to one thread at a time, and may not be copied.
  */
@@ -30,12 +30,12 @@ class ZON_EXPORT GenRegBase {
    */
   using DigestCallback = std::uint64_t (*)(unsigned long flags, const void* record, std::uint64_t seed);
 
-  static constexpr std::size_t PATH_SIZE = 4096;            /* 4095 bytes and the closing NUL */
+  static constexpr std::size_t PATH_SIZE = 4096; /* 4095 bytes and the closing NUL */
   static constexpr std::size_t MAX_INDEXES = 3;
-  static constexpr std::uint64_t OPTION_DURABLE = 0x100;     /* option bit: a change is synced before it is acknowledged */
-  static constexpr unsigned long FEATURE_REPAIR = 0;         /* the first writer that meets damage repairs the file */
-  static constexpr unsigned long FEATURE_BACKUP = 1;         /* writers keep the backup up to date */
-  static constexpr unsigned long FEATURE_DELETE_ALL = 2;     /* Delete takes every matching record, not only the first */
+  static constexpr std::uint64_t OPTION_DURABLE = 0x100; /* option bit: a change is synced before it is acknowledged */
+  static constexpr unsigned long FEATURE_REPAIR = 0;     /* the first writer that meets damage repairs the file */
+  static constexpr unsigned long FEATURE_BACKUP = 1;     /* writers keep the backup up to date */
+  static constexpr unsigned long FEATURE_DELETE_ALL = 2; /* Delete takes every matching record, not only the first */
   static constexpr std::uint32_t DEFAULT_LOCK_WAIT_MS = 30000;
 
   GenRegBase();

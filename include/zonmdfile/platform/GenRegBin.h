@@ -2,9 +2,9 @@
  * GenRegBin: the record operations of the registry engine. A record is a run of bytes whose size the record type's
  * callback tells; which records a call concerns is what the match callback says for the flags given (0: every record).
  *
- * Every operation opens the file, does its work, and leaves nothing behind: no descriptor, lock, mapping or cache. A change
- * that returned 0 is on stable storage. All return 0 or a code of return_codes.h; none throws. One object serves one
- * thread at a time; any number of objects, threads and processes may work on one file.
+ * Every operation opens the file, does its work, and leaves nothing behind: no descriptor, lock, mapping or cache. A
+ * change that returned 0 is on stable storage. All return 0 or a code of return_codes.h; none throws. One object serves
+ * one thread at a time; any number of objects, threads and processes may work on one file.
  */
 #ifndef ZONMDFILE_PLATFORM_GENREGBIN_H
 #define ZONMDFILE_PLATFORM_GENREGBIN_H
@@ -18,12 +18,13 @@ class ZON_EXPORT GenRegBin : public GenRegFile {
   GenRegBin();
   ~GenRegBin();
 
-  /* Adds the record at the end of the scan order. GENREG_RC_DUPLICATE_KEY when a record matches it under flags (not 0). */
+  /* Adds the record at the end of the scan order. GENREG_RC_DUPLICATE_KEY when a record matches it under flags (not 0).
+   */
   std::uint32_t Add(unsigned long flags, void* record);
 
   /*
-   * Copies the first record in scan order that matches `key` to `out`, which must hold the maximum record size. `key` is a
-   * record of which only the fields selected by flags are read. GENREG_RC_NOT_FOUND when none matches.
+   * Copies the first record in scan order that matches `key` to `out`, which must hold the maximum record size. `key`
+   * is a record of which only the fields selected by flags are read. GENREG_RC_NOT_FOUND when none matches.
    */
   std::uint32_t Get(unsigned long flags, void* key, void* out);
 
@@ -36,7 +37,8 @@ class ZON_EXPORT GenRegBin : public GenRegFile {
   /* Removes the first record that matches, or with FEATURE_DELETE_ALL every one, all or nothing. */
   std::uint32_t Delete(unsigned long flags, void* key);
 
-  /* Copies the next record of the scan that matches `key` under flags to `out`; GENREG_RC_END_OF_SCAN after the last. */
+  /* Copies the next record of the scan that matches `key` under flags to `out`; GENREG_RC_END_OF_SCAN after the last.
+   */
   std::uint32_t GetNext(unsigned long flags, void* key, void* out);
 };
 

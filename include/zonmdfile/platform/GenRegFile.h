@@ -11,20 +11,22 @@
 namespace zon {
 class Scan;
 class Transaction;
+struct RecordType;
+struct WriterSettings;
 }  // namespace zon
 
 /* What GenRegFile::status tells of a record file. Sizes in bytes. */
 struct GenRegStatus {
-  std::uint64_t records;        /* live records */
-  std::uint64_t recordBytes;    /* their sizes added up */
-  std::uint64_t fileBytes;      /* size of the record file */
-  std::uint64_t usedBytes;      /* of these, header, frames and index; the rest is reserved for the next changes */
-  std::uint64_t changes;        /* commits since the file was created, compaction included */
-  std::uint64_t backupBytes;    /* how far the backup follows the file; 0 without a backup */
-  std::uint64_t repairs;        /* repairs in the file's history */
-  std::uint64_t lostBytes;      /* bytes that repairs could restore neither from the file nor from the backup */
+  std::uint64_t records;     /* live records */
+  std::uint64_t recordBytes; /* their sizes added up */
+  std::uint64_t fileBytes;   /* size of the record file */
+  std::uint64_t usedBytes;   /* of these, header, frames and index; the rest is reserved for the next changes */
+  std::uint64_t changes;     /* commits since the file was created, compaction included */
+  std::uint64_t backupBytes; /* how far the backup follows the file; 0 without a backup */
+  std::uint64_t repairs;     /* repairs in the file's history */
+  std::uint64_t lostBytes;   /* bytes that repairs could restore neither from the file nor from the backup */
   std::uint32_t formatVersion;
-  std::uint32_t damaged;        /* non-zero when the last full check, done by this call, met damage */
+  std::uint32_t damaged; /* non-zero when the last full check, done by this call, met damage */
 };
 
 class ZON_EXPORT GenRegFile : public GenRegBase {
@@ -43,8 +45,10 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
 
   /*
    * Gathers the following changes of this object under one sync. Until commitBatch, other processes see nothing of them
-   * and this object sees them all. A crash leaves a prefix of them. beginBatch takes the lock; a batch that grows large is
-   * synced in between. Destroying the object without commitBatch takes back what was not synced yet.
+   * and this object sees them all. A crash leaves a prefix of them. beginBatch takes the lock; a batch that grows large
+   * is synced in between. Destroying the object without commitBatch takes back what was not synced yet. While a scan is
+   * open within a batch, changes are refused with GENREG_RC_SCAN_OPEN. commitBatch ends the batch, whatever it answers;
+   * GENREG_RC_NO_BATCH without one, or when beginBatch finds one under way.
    */
   std::uint32_t beginBatch();
   std::uint32_t commitBatch();
@@ -52,15 +56,18 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
   /* Reads the whole file and its checksums; changes nothing. */
   std::uint32_t status(GenRegStatus& status);
 
-  /* Writes the file anew from all that file and backup hold intact; keeps the present file as the corrupt copy when damaged. */
+  /* Writes the file anew from all that file and backup hold intact; keeps the present file as the corrupt copy when
+   * damaged. */
   std::uint32_t repair();
 
   /* Writes the live records anew, in their order. Happens by itself when needed. */
   std::uint32_t compact();
 
  protected:
-  friend class zon::Scan;
-  friend class zon::Transaction;
+  /* The settings in the engine's own form. */
+  zon::RecordType recordType() const;
+  zon::WriterSettings writerSettings() const;
+
   zon::Scan* scan_ = nullptr;
   zon::Transaction* batch_ = nullptr;
 };

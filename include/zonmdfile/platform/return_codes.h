@@ -46,6 +46,7 @@
 #define GENREG_RC_LOCK_UNSUPPORTED UINT32_C(0x90000213)   /* the file system has no locks */
 #define GENREG_RC_SYSTEM_ERROR UINT32_C(0x90000214)       /* any other failure of a system call */
 #define GENREG_RC_INTERNAL UINT32_C(0x90000215)           /* a state that must not occur; please report it */
-#define GENREG_RC_SCAN_OPEN UINT32_C(0x90000216)          /* OpenScan while a scan of this object is open */
+#define GENREG_RC_SCAN_OPEN UINT32_C(0x90000216)          /* not possible while a scan of this object is open */
+#define GENREG_RC_NO_BATCH UINT32_C(0x90000217)           /* commitBatch without a batch, or beginBatch within one */
 
 #endif

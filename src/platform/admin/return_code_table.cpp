@@ -111,7 +111,9 @@ constexpr std::array RETURN_CODES{
         GENREG_RC_INTERNAL, "GENREG_RC_INTERNAL", -22340, "58004",
         "The software met a state that must not occur. Keep the record file and a trace of the call, and report it."},
     ReturnCode{GENREG_RC_SCAN_OPEN, "GENREG_RC_SCAN_OPEN", -22341, "24502",
-               "A scan is open on this object already. Close it before opening another, or use a second object."},
+               "A scan is open on this object already. Close it first, or use a second object."},
+    ReturnCode{GENREG_RC_NO_BATCH, "GENREG_RC_NO_BATCH", -22342, "25000",
+               "No batch of changes is under way on this object, or one is already. Begin and commit batches in pairs."},
 };
 
 constexpr std::array BOUNDARY_SQL_STATES{

@@ -1,0 +1,74 @@
+// The record operations: each is a reader's question or a transaction of its own, unless a batch is under way.
+#include "zonmdfile/platform/GenRegBin.h"
+
+#include "platform/registry/engine_access.h"
+#include "platform/registry/reader.h"
+#include "platform/registry/transaction.h"
+
+namespace {
+
+// Runs a change in the batch under way, or in a transaction of its own. `create`: the change may make the file.
+template <class Work>
+std::uint32_t runChange(zon::Transaction* batch, const zon::RecordType& type, zon::WriterSettings settings, bool create,
+                        Work work) {
+  if (batch != nullptr) {
+    if (!batch->hasFile()) {
+      if (const std::uint32_t rc = batch->begin(create)) return rc;
+    }
+    const std::uint32_t rc = work(*batch);
+    return rc != MD_RC_OK ? rc : batch->commitWhenHeavy();
+  }
+  zon::Transaction transaction(type, std::move(settings));
+  if (const std::uint32_t rc = transaction.begin(create)) return rc;
+  const std::uint32_t rc = work(transaction);
+  return rc != MD_RC_OK ? rc : transaction.commit();
+}
+
+}  // namespace
+
+GenRegBin::GenRegBin() = default;
+GenRegBin::~GenRegBin() = default;
+
+std::uint32_t GenRegBin::Add(unsigned long flags, void* record) {
+  return zon::guarded([&] {
+    if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
+    return runChange(batch_, recordType(), writerSettings(), true,
+                     [&](zon::Transaction& transaction) { return transaction.add(flags, record); });
+  });
+}
+
+std::uint32_t GenRegBin::Get(unsigned long flags, void* key, void* out) {
+  return zon::guarded([&] {
+    const zon::RecordType type = recordType();
+    auto* bytes = static_cast<std::byte*>(out);
+    if (batch_ == nullptr) return zon::Reader(type, filePath_, backupPath_).get(flags, key, bytes);
+    if (!batch_->hasFile()) return GENREG_RC_NOT_FOUND;
+    zon::LiveRecord found{};
+    std::size_t size = 0;
+    return zon::findFirst(batch_->view(), flags, key, bytes, found, size);
+  });
+}
+
+std::uint32_t GenRegBin::Change(unsigned long flags, void* key, void* record) {
+  return zon::guarded([&] {
+    if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
+    return runChange(batch_, recordType(), writerSettings(), false,
+                     [&](zon::Transaction& transaction) { return transaction.change(flags, key, record); });
+  });
+}
+
+std::uint32_t GenRegBin::Delete(unsigned long flags, void* key) {
+  return zon::guarded([&] {
+    if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
+    const bool all = hasFeature(FEATURE_DELETE_ALL);
+    return runChange(batch_, recordType(), writerSettings(), false,
+                     [&](zon::Transaction& transaction) { return transaction.remove(flags, key, all); });
+  });
+}
+
+std::uint32_t GenRegBin::GetNext(unsigned long flags, void* key, void* out) {
+  return zon::guarded([&] {
+    if (scan_ == nullptr) return GENREG_RC_NO_SCAN;
+    return scan_->next(flags, key, static_cast<std::byte*>(out));
+  });
+}

@@ -1,0 +1,183 @@
+// Scans, batches and care of a record file as a whole.
+#include "zonmdfile/platform/GenRegFile.h"
+
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "platform/registry/engine_access.h"
+#include "platform/registry/reader.h"
+#include "platform/registry/transaction.h"
+
+namespace zon {
+
+namespace {
+
+// Whether every frame and block up to the published end passes its checksum.
+std::uint32_t checkWholeLog(const Reader& reader, std::uint64_t fileSize, bool& damaged) {
+  const LogView& view = reader.view();
+  const RawLog log(view.type(), reader.file(), view.header(), fileSize);
+  Frame frame;
+  damaged = false;
+  for (std::uint64_t offset = format::LOG_START; offset < view.end(); offset = frame.end()) {
+    damaged = !log.hasFrame(offset, frame);
+    if (!damaged && frame.kind == format::FrameKind::AREA) {
+      const std::uint32_t rc = log.verifyBlocks(frame.area);
+      if (rc != MD_RC_OK && rc != GENREG_RC_DAMAGED) return rc;
+      damaged = rc == GENREG_RC_DAMAGED;
+    }
+    if (damaged) return MD_RC_OK;
+  }
+  return MD_RC_OK;
+}
+
+void fillStatus(const Reader& reader, std::uint64_t fileSize, GenRegStatus& status) {
+  const format::Slot& slot = reader.view().slot();
+  const format::FileHeader& header = reader.view().header();
+  status.records = slot.records;
+  status.recordBytes = slot.recordBytes;
+  status.fileBytes = fileSize;
+  status.usedBytes = reader.view().end();
+  status.changes = slot.commits;
+  status.backupBytes = slot.backupEnd;
+  status.repairs = header.repairs;
+  status.lostBytes = header.lostBytes;
+  status.formatVersion = header.version;
+}
+
+std::uint32_t readStatus(const RecordType& type, const char* filePath, const char* backupPath, GenRegStatus& status) {
+  status = GenRegStatus{};
+  Reader reader(type, filePath, backupPath);
+  const std::uint32_t opened = reader.open();
+  if (opened == GENREG_RC_NOT_FOUND) return MD_RC_OK;
+  if (opened != MD_RC_OK && opened != GENREG_RC_DAMAGED) return opened;
+  FileState state;
+  if (const std::uint32_t rc = stateOf(reader.file(), state)) return rc;
+  status.fileBytes = state.size;
+  status.damaged = 1;
+  if (opened == GENREG_RC_DAMAGED) return MD_RC_OK;
+  fillStatus(reader, state.size, status);
+  bool damaged = false;
+  const std::uint32_t rc = checkWholeLog(reader, state.size, damaged);
+  status.damaged = damaged ? 1 : 0;
+  return rc;
+}
+
+}  // namespace
+
+}  // namespace zon
+
+GenRegFile::GenRegFile() = default;
+
+GenRegFile::~GenRegFile() {
+  delete scan_;
+  delete batch_;
+}
+
+zon::RecordType GenRegFile::recordType() const {
+  zon::RecordType type;
+  type.match = callbacks_.match;
+  type.validate = callbacks_.validate;
+  type.recordSize = callbacks_.recordSize;
+  type.digest = callbacks_.digest;
+  unsigned long size = 0;
+  callbacks_.maxRecordSize(&size);
+  type.maxSize = size;
+  type.indexCount = 0;
+  for (std::size_t index = 0; index < MAX_INDEXES && indexFlags_[index] != 0; ++index) {
+    type.indexFlags[index] = indexFlags_[index];
+    ++type.indexCount;
+  }
+  return type;
+}
+
+zon::WriterSettings GenRegFile::writerSettings() const {
+  zon::WriterSettings settings;
+  const auto isFull = [](const char* path) { return std::strlen(path) == PATH_SIZE - 1; };
+  settings.paths = zon::FilePaths{.directory = zon::directoryOf(filePath_),
+                                  .file = zon::lastComponent(filePath_),
+                                  .backup = zon::lastComponent(backupPath_),
+                                  .temporary = zon::lastComponent(temporaryPath_),
+                                  .corrupt = zon::lastComponent(corruptPath_),
+                                  .lock = zon::lastComponent(lockPath_),
+                                  .isCut = isFull(filePath_) || isFull(backupPath_) || isFull(temporaryPath_) ||
+                                           isFull(corruptPath_) || isFull(lockPath_)};
+  settings.fileMode = fileMode_;
+  settings.companionMode = companionMode_;
+  settings.lockWaitMs = lockWaitMs_;
+  settings.repairs = hasFeature(FEATURE_REPAIR);
+  settings.keepsBackup = hasFeature(FEATURE_BACKUP);
+  settings.durable = (options_ & OPTION_DURABLE) != 0;
+  return settings;
+}
+
+std::uint32_t GenRegFile::OpenScan() {
+  return zon::guarded([&] {
+    if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
+    auto scan = std::make_unique<zon::Scan>(recordType(), filePath_, backupPath_);
+    std::uint32_t rc = MD_RC_OK;
+    if (batch_ == nullptr) {
+      rc = scan->open();
+    } else if (batch_->hasFile()) {
+      scan->openOn(batch_->view());
+    }
+    if (rc == MD_RC_OK) scan_ = scan.release();
+    return rc;
+  });
+}
+
+std::uint32_t GenRegFile::CloseScan() {
+  if (scan_ == nullptr) return GENREG_RC_NO_SCAN;
+  const std::uint32_t rc = scan_->close();
+  delete scan_;
+  scan_ = nullptr;
+  return rc;
+}
+
+std::uint32_t GenRegFile::beginBatch() {
+  return zon::guarded([&] {
+    if (batch_ != nullptr) return GENREG_RC_NO_BATCH;
+    auto batch = std::make_unique<zon::Transaction>(recordType(), writerSettings());
+    // Without a file there is nothing to change or remove yet; the first record added makes it.
+    const std::uint32_t rc = batch->begin(false);
+    if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
+    batch_ = batch.release();
+    return MD_RC_OK;
+  });
+}
+
+std::uint32_t GenRegFile::commitBatch() {
+  if (batch_ == nullptr) return GENREG_RC_NO_BATCH;
+  const std::unique_ptr<zon::Transaction> batch(batch_);
+  batch_ = nullptr;
+  return zon::guarded([&] { return batch->hasFile() ? batch->commit() : MD_RC_OK; });
+}
+
+std::uint32_t GenRegFile::status(GenRegStatus& status) {
+  return zon::guarded([&] { return zon::readStatus(recordType(), filePath_, backupPath_, status); });
+}
+
+std::uint32_t GenRegFile::repair() {
+  return zon::guarded([&] {
+    if (scan_ != nullptr || batch_ != nullptr) return GENREG_RC_SCAN_OPEN;
+    zon::WriterSettings settings = writerSettings();
+    settings.repairs = true;
+    zon::Transaction transaction(recordType(), settings);
+    GenRegStatus before;
+    if (const std::uint32_t rc = status(before)) return rc;
+    const std::uint32_t rc = transaction.begin(false);
+    if (rc == GENREG_RC_NOT_FOUND) return MD_RC_OK;
+    if (rc != MD_RC_OK || before.damaged == 0 || transaction.isRepaired()) return rc;
+    return transaction.repair();
+  });
+}
+
+std::uint32_t GenRegFile::compact() {
+  return zon::guarded([&] {
+    if (scan_ != nullptr || batch_ != nullptr) return GENREG_RC_SCAN_OPEN;
+    zon::Transaction transaction(recordType(), writerSettings());
+    const std::uint32_t rc = transaction.begin(false);
+    if (rc != MD_RC_OK) return rc == GENREG_RC_NOT_FOUND ? MD_RC_OK : rc;
+    return transaction.compact();
+  });
+}

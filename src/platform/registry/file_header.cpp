@@ -1,0 +1,111 @@
+// Reading and sealing of the header page; see file_header.h.
+#include "platform/registry/file_header.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/registry/crc32c.h"
+#include "platform/registry/file_io.h"
+#include "platform/registry/frame.h"
+#include "platform/registry/system_calls.h"
+
+namespace zon {
+
+namespace {
+
+constexpr const char* BOOT_ID_PATH = "/proc/sys/kernel/random/boot_id";
+
+int hexDigit(char digit) {
+  if (digit >= '0' && digit <= '9') return digit - '0';
+  if (digit >= 'a' && digit <= 'f') return digit - 'a' + 10;
+  return -1;
+}
+
+bool hasMagic(const format::FileHeader& header) {
+  return std::memcmp(header.magic, format::MAGIC, sizeof header.magic) == 0;
+}
+
+bool isIntact(const format::FileHeader& header) { return hasMagic(header) && header.crc == headerChecksum(header); }
+
+std::uint32_t slotChecksum(const format::Slot& slot, std::uint32_t salt) {
+  const auto bytes = bytesOf(slot);
+  return crc32c(salt, bytes.data() + sizeof slot.crc, slotSize(slot) - sizeof slot.crc);
+}
+
+bool isIntact(const format::Slot& slot, std::uint32_t salt) {
+  return slot.overlayCount <= format::OVERLAY_CAPACITY && slot.overlayApplied <= slot.overlayCount &&
+         slot.crc == slotChecksum(slot, salt) && slot.end >= format::LOG_START && slot.end < format::MAX_OFFSET;
+}
+
+// The header from its copy, when the first one is unreadable.
+std::uint32_t readHeaderCopy(int file, const format::FileHeader& first, format::FileHeader& header) {
+  std::size_t got = 0;
+  const std::uint32_t rc = readAt(file, format::HEADER_COPY_OFFSET, writableBytesOf(header), got);
+  if (rc != MD_RC_OK) return rc;
+  if (got == sizeof header && isIntact(header)) return MD_RC_OK;
+  if (hasMagic(first) && first.version > format::FORMAT_VERSION && first.version < 0x10000)
+    return GENREG_RC_NEWER_FORMAT;
+  return hasMagic(first) || (got == sizeof header && hasMagic(header)) ? GENREG_RC_DAMAGED : GENREG_RC_NOT_RECORD_FILE;
+}
+
+}  // namespace
+
+BootId currentBootId() {
+  BootId id{};
+  Descriptor file;
+  if (openRegular(AT_FDCWD, BOOT_ID_PATH, O_RDONLY, 0, file) != MD_RC_OK) return id;
+  std::array<char, 64> text{};
+  std::size_t got = 0;
+  if (readAt(file.get(), 0, std::as_writable_bytes(std::span(text).first(36)), got) != MD_RC_OK) return id;
+  std::size_t digits = 0;
+  for (std::size_t at = 0; at < got && digits < 32; ++at) {
+    const int digit = hexDigit(text[at]);
+    if (digit < 0) continue;
+    id[digits / 2] = static_cast<std::uint8_t>(id[digits / 2] << 4 | digit);
+    ++digits;
+  }
+  return digits == 32 ? id : BootId{};
+}
+
+bool isSameBoot(const BootId& current, const format::Slot& slot) {
+  return current != BootId{} && std::memcmp(current.data(), slot.bootId, current.size()) == 0;
+}
+
+std::uint32_t headerChecksum(const format::FileHeader& header) {
+  return crc32c(0, &header, offsetof(format::FileHeader, crc));
+}
+
+std::size_t slotSize(const format::Slot& slot) {
+  return offsetof(format::Slot, overlay) + std::size_t{slot.overlayCount} * sizeof(format::OverlayEntry);
+}
+
+void sealSlot(format::Slot& slot, std::uint32_t salt) { slot.crc = slotChecksum(slot, salt); }
+
+std::size_t HeaderPage::newest() const {
+  if (!slotValid[0]) return 1;
+  if (!slotValid[1]) return 0;
+  return slots[1].sequence > slots[0].sequence ? 1 : 0;
+}
+
+std::uint32_t readHeaderPage(int file, HeaderPage& page) {
+  alignas(8) std::array<std::byte, format::HEADER_READ_SIZE> bytes;
+  std::size_t got = 0;
+  if (const std::uint32_t rc = readAt(file, 0, bytes, got)) return rc;
+  std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(got), bytes.end(), std::byte{0});
+  std::memcpy(&page.header, bytes.data(), sizeof page.header);
+  if (!isIntact(page.header)) {
+    const format::FileHeader first = page.header;
+    if (const std::uint32_t rc = readHeaderCopy(file, first, page.header)) return rc;
+  }
+  if (page.header.version > format::FORMAT_VERSION) return GENREG_RC_NEWER_FORMAT;
+  const std::uint32_t salt = saltOf(page.header.fileId);
+  for (std::size_t slot = 0; slot < page.slots.size(); ++slot) {
+    std::memcpy(&page.slots[slot], bytes.data() + format::SLOT_OFFSET[slot], sizeof(format::Slot));
+    page.slotValid[slot] = isIntact(page.slots[slot], salt);
+  }
+  return MD_RC_OK;
+}
+
+}  // namespace zon

@@ -1,0 +1,100 @@
+// Opening, reading and writing whole ranges over the table of system calls. Every function answers a return code; errno
+// is turned into one here and nowhere else in the engine.
+#ifndef ZON_PLATFORM_REGISTRY_FILE_IO_H
+#define ZON_PLATFORM_REGISTRY_FILE_IO_H
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <utility>
+
+#include "zonmdfile/platform/return_codes.h"
+
+namespace zon {
+
+// The return code that names the cause of a failed system call.
+std::uint32_t codeOfErrno(int error);
+
+// Owns an open descriptor.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int value) : value_(value) {}
+  Descriptor(Descriptor&& other) noexcept : value_(std::exchange(other.value_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    if (this != &other) {
+      reset();
+      value_ = std::exchange(other.value_, -1);
+    }
+    return *this;
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() { reset(); }
+
+  int get() const { return value_; }
+  bool isOpen() const { return value_ >= 0; }
+  void reset();
+  // Closes and tells what close said: for files that were written, where a late error counts.
+  std::uint32_t close();
+
+ private:
+  int value_ = -1;
+};
+
+// What the engine needs to know of an open file.
+struct FileState {
+  std::uint64_t size;
+  std::uint64_t device;
+  std::uint64_t inode;
+  std::uint32_t mode;
+  std::uint32_t owner;
+  std::uint32_t group;
+  std::uint64_t links;
+};
+
+// Opens path relative to a directory descriptor (AT_FDCWD for the current one). Never follows a link in the last
+// component, never blocks, never answers a descriptor of standard input, output or error, closes on exec. A file that
+// is not regular is refused with GENREG_RC_NOT_REGULAR, a missing one with GENREG_RC_NOT_FOUND.
+std::uint32_t openRegular(int directory, const char* path, int flags, std::uint32_t mode, Descriptor& file);
+
+// Opens a directory only to name files in it.
+std::uint32_t openDirectory(const char* path, Descriptor& directory);
+
+std::uint32_t stateOf(int file, FileState& state);
+
+// GENREG_RC_NOT_FOUND when there is nothing at that name.
+std::uint32_t stateAt(int directory, const char* path, FileState& state);
+
+// Reads until the range is full or the file ends; `got` tells how far.
+std::uint32_t readAt(int file, std::uint64_t offset, std::span<std::byte> range, std::size_t& got);
+
+// Writes the whole range or fails.
+std::uint32_t writeAt(int file, std::uint64_t offset, std::span<const std::byte> range);
+
+// Makes [0, size) exist, with room on the disk where the file system can promise it; never shrinks.
+std::uint32_t reserve(int file, std::uint64_t oldSize, std::uint64_t size);
+
+std::uint32_t syncData(int file);
+std::uint32_t syncFile(int file);
+
+// Makes the names in a directory durable. GENREG_RC_DURABILITY_UNKNOWN when the system cannot say so.
+std::uint32_t syncDirectory(int directory);
+
+// The monotonic clock in milliseconds.
+std::uint64_t nowMs();
+void sleepMicroseconds(std::uint32_t microseconds);
+
+template <class T>
+std::span<const std::byte> bytesOf(const T& object) {
+  return std::as_bytes(std::span<const T, 1>(&object, 1));
+}
+
+template <class T>
+std::span<std::byte> writableBytesOf(T& object) {
+  return std::as_writable_bytes(std::span<T, 1>(&object, 1));
+}
+
+}  // namespace zon
+
+#endif

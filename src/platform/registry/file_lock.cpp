@@ -1,0 +1,69 @@
+// Bounded waiting for flock; see file_lock.h.
+#include "platform/registry/file_lock.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+
+#include <algorithm>
+#include <cerrno>
+
+#include "platform/registry/system_calls.h"
+
+namespace zon {
+
+namespace {
+
+// A holder is usually done within one sync: first look often, then ever less so.
+constexpr std::uint32_t FIRST_PAUSE_US = 10;
+constexpr std::uint32_t LONGEST_PAUSE_US = 2000;
+
+}  // namespace
+
+LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
+  if (this != &other) {
+    release();
+    file_ = std::move(other.file_);
+  }
+  return *this;
+}
+
+void LockedFile::release() {
+  if (!file_.isOpen()) return;
+  systemCalls.flock(file_.get(), LOCK_UN);
+  file_.reset();
+}
+
+std::uint32_t LockedFile::lock(Descriptor file, std::uint64_t deadlineMs) {
+  release();
+  for (std::uint32_t pause = FIRST_PAUSE_US;; pause = std::min(pause * 2, LONGEST_PAUSE_US)) {
+    if (systemCalls.flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
+      file_ = std::move(file);
+      return MD_RC_OK;
+    }
+    if (errno != EWOULDBLOCK && errno != EINTR) return codeOfErrno(errno);
+    if (nowMs() >= deadlineMs) return GENREG_RC_LOCK_TIMEOUT;
+    sleepMicroseconds(pause);
+  }
+}
+
+std::uint32_t lockByName(int directory, const char* path, int flags, std::uint32_t mode, std::uint64_t deadlineMs,
+                         LockedFile& locked) {
+  for (;;) {
+    Descriptor file;
+    if (const std::uint32_t rc = openRegular(directory, path, flags, mode, file)) return rc;
+    LockedFile candidate;
+    if (const std::uint32_t rc = candidate.lock(std::move(file), deadlineMs)) return rc;
+    FileState held;
+    if (const std::uint32_t rc = stateOf(candidate.get(), held)) return rc;
+    FileState named;
+    const std::uint32_t rc = stateAt(directory, path, named);
+    if (rc == MD_RC_OK && named.inode == held.inode && named.device == held.device) {
+      locked = std::move(candidate);
+      return MD_RC_OK;
+    }
+    if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
+    if (nowMs() >= deadlineMs) return GENREG_RC_LOCK_TIMEOUT;
+  }
+}
+
+}  // namespace zon

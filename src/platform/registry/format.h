@@ -1,0 +1,153 @@
+// What a record file holds, byte for byte; docs/file-format.md tells the same to readers of the file. Everything here
+// is on disk: never change a value, offset or meaning without a new FORMAT_VERSION. Integers are little-endian.
+#ifndef ZON_PLATFORM_REGISTRY_FORMAT_H
+#define ZON_PLATFORM_REGISTRY_FORMAT_H
+
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+
+namespace zon::format {
+
+static_assert(std::endian::native == std::endian::little,
+              "the structures below are read and written as they lie in memory");
+
+constexpr char MAGIC[8] = {'Z', 'O', 'N', 'R', 'E', 'G', '\r', '\n'};
+constexpr std::uint32_t FORMAT_VERSION = 1;
+
+constexpr std::size_t MAX_INDEXES = 3;
+constexpr std::uint64_t LOG_START = 4096;  // the first frame; before it lies the header page
+constexpr std::uint64_t SLOT_OFFSET[2] = {512, 1536};
+constexpr std::uint64_t HEADER_COPY_OFFSET = 3584;
+constexpr std::size_t HEADER_READ_SIZE = 2560;  // header and both slots
+constexpr std::uint64_t FRAME_ALIGNMENT = 8;
+constexpr std::uint64_t MAX_OFFSET = std::uint64_t{1} << 43;  // what an index entry can address
+
+// Written once, when the file is made. Stands at 0 and again at HEADER_COPY_OFFSET.
+struct FileHeader {
+  char magic[8];
+  std::uint32_t version;
+  std::uint32_t headerSize;  // LOG_START
+  std::uint64_t fileId;      // random; a rewritten file gets a new one
+  std::uint64_t hashSeed;    // random; keys the digests of the index
+  std::uint8_t indexFlags[8];
+  std::uint64_t repairs;
+  std::uint64_t lostBytes;
+  std::uint32_t reserved;
+  std::uint32_t crc;  // over all bytes before it
+};
+static_assert(sizeof(FileHeader) == 64);
+static_assert(offsetof(FileHeader, fileId) == 16 && offsetof(FileHeader, indexFlags) == 32);
+static_assert(offsetof(FileHeader, crc) == 60);
+
+// An index change that the blocks may not hold durably yet: the newest frame of the chain of this digest. As frames are
+// aligned, the low three bits of the offset are free to hold the index's number.
+struct OverlayEntry {
+  std::uint64_t digest;
+  std::uint64_t offsetAndIndex;
+};
+
+constexpr std::size_t MAX_SEGMENTS = 16;
+constexpr std::size_t OVERLAY_CAPACITY = 49;
+
+// Publishes the log up to `end`. Two slots are written in turn; the valid one with the higher sequence counts.
+struct Slot {
+  std::uint32_t crc;  // over the bytes after it, up to the last overlay entry in use
+  std::uint16_t overlayCount;
+  std::uint16_t overlayApplied;  // how many of the first entries the blocks hold already
+  std::uint64_t sequence;
+  std::uint64_t end;    // where the next commit goes
+  std::uint32_t chain;  // crc of the last frame before end
+  std::uint32_t flags;  // SLOT_ bits
+  std::uint64_t records;
+  std::uint64_t recordBytes;
+  std::uint64_t liveFrameBytes;
+  std::uint64_t firstEvent;  // offset of the first change or removal frame, 0 when there is none
+  std::uint64_t commits;
+  std::uint8_t bootId[16];       // of the machine's run in which this slot was written
+  std::uint64_t segmentEntries;  // entries in the newest segment
+  std::uint64_t backupEnd;       // how far the backup reached when this slot was written
+  std::uint64_t reserved;
+  std::uint64_t segments[MAX_SEGMENTS];  // blocks << 40 | offset >> 9, oldest first, 0 behind the last
+  OverlayEntry overlay[OVERLAY_CAPACITY];
+};
+static_assert(sizeof(Slot) == 1024);
+static_assert(offsetof(Slot, sequence) == 8 && offsetof(Slot, bootId) == 72 && offsetof(Slot, segments) == 112);
+static_assert(offsetof(Slot, overlay) == 240);
+
+constexpr std::uint32_t SLOT_NOT_UNIQUE = 1;  // several live records may have the same whole key
+
+enum class FrameKind : std::uint8_t {
+  INSERT = 1,   // a record; its place in the scan order is the frame's own offset
+  CHANGE = 2,   // a newer form of the record at a place
+  REMOVE = 3,   // the record at a place is gone; the payload is its digests, one for each index
+  AREA = 4,     // room for index blocks, which alone are overwritten in place
+  SUMMARY = 5,  // the live records of one chain, so that readers need not walk further
+};
+
+constexpr std::uint8_t FRAME_LAST = 1;  // flag: this frame completes its commit
+constexpr std::size_t MAX_HEAD_SIZE = 72;
+
+// Frames follow each other without gaps from LOG_START on: header, then (by kind) bodies and links, which together are
+// the head, then the payload and zero padding up to FRAME_ALIGNMENT.
+struct FrameHeader {
+  std::uint32_t crc;         // over the head's bytes after it, keyed by file and offset
+  std::uint32_t chain;       // crc of the frame before; of the first frame: the file's salt
+  std::uint32_t payloadCrc;  // over everything behind the head, padding included; 0 in AREA frames
+  std::uint32_t size;        // up to the next frame; a multiple of FRAME_ALIGNMENT
+  std::uint64_t link;  // kind << 56 | flags << 48 | chain of the whole key: the newest frame before this one, or 0
+};
+static_assert(sizeof(FrameHeader) == 24 && offsetof(FrameHeader, link) == 16);
+
+// Follows the header of CHANGE and REMOVE frames.
+struct EventBody {
+  std::uint64_t place;
+  std::uint64_t below;  // in the chain of the whole key: what lies below every older frame of this place
+};
+
+// One for each index but the first, in INSERT, CHANGE and REMOVE frames.
+struct Link {
+  std::uint64_t previous;
+  std::uint32_t events;  // frames in this chain since its last summary, this one included
+  std::uint32_t live;    // live records in this chain
+};
+
+// Follows the header of AREA frames; blocks start at the next multiple of BLOCK_SIZE.
+struct AreaBody {
+  std::uint64_t blocksOffset;
+  std::uint64_t blockCount;
+};
+
+// Follows the header of SUMMARY frames; the payload is `count` entries sorted by place. The header's link leads to the
+// chain's newest frame before the summary.
+struct SummaryBody {
+  std::uint64_t digest;
+  std::uint32_t index;
+  std::uint32_t count;
+};
+struct SummaryEntry {
+  std::uint64_t place;
+  std::uint64_t offset;
+};
+
+constexpr std::size_t BLOCK_SIZE = 512;
+constexpr std::size_t BLOCK_ENTRIES = 63;
+
+// An index block. An entry is the digest's upper 24 bits << 40 | frame offset >> 3.
+struct Block {
+  std::uint32_t crc;  // over the bytes after it up to the last entry in use, keyed by file and offset
+  std::uint8_t count;
+  std::uint8_t overflowed;  // entries that belong here went on to the next block
+  std::uint16_t reserved;
+  std::uint64_t entries[BLOCK_ENTRIES];
+};
+static_assert(sizeof(Block) == BLOCK_SIZE);
+
+constexpr std::uint64_t MAX_FRAME_SIZE = std::uint64_t{0xFFFFFFF8};
+
+// What lies behind the last commit: so many zero bytes, or a commit under way, or the remains of one.
+constexpr std::size_t TERMINATOR_SIZE = sizeof(FrameHeader);
+
+}  // namespace zon::format
+
+#endif

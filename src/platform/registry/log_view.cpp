@@ -1,0 +1,410 @@
+// See log_view.h. Every loop over frames goes down in offset or up to a known end, so that no file can make it endless.
+#include "platform/registry/log_view.h"
+
+#include <algorithm>
+#include <cstring>
+#include <functional>
+
+#include "platform/registry/crc32c.h"
+#include "platform/registry/scratch_record.h"
+#include "platform/registry/zero_runs.h"
+
+namespace zon {
+
+namespace {
+
+constexpr std::size_t PIECE_SIZE = 16384;
+constexpr int MOST_PAGE_READS = 20;
+constexpr std::uint64_t INDEX_MASK = format::FRAME_ALIGNMENT - 1;
+
+bool isAllZero(std::span<const std::byte> bytes) {
+  return std::all_of(bytes.begin(), bytes.end(), [](std::byte byte) { return byte == std::byte{0}; });
+}
+
+}  // namespace
+
+std::uint32_t LogView::takePage(const HeaderPage& page) {
+  header_ = page.header;
+  key_.salt = saltOf(header_.fileId);
+  key_.indexCount = type_.indexCount;
+  if (!std::equal(type_.indexFlags.begin(), type_.indexFlags.end(), header_.indexFlags))
+    return GENREG_RC_WRONG_RECORD_TYPE;
+  // A slot that fails its checksum is being written, or was when the machine stopped; one that stays so is damage.
+  if (!page.hasSlot()) return GENREG_RC_DAMAGED;
+  slot_ = page.slots[page.newest()];
+  end_ = slot_.end;
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::open(int file) {
+  file_ = file;
+  HeaderPage page;
+  for (int round = 0;; ++round) {
+    if (const std::uint32_t rc = readHeaderPage(file, page)) return rc;
+    if (page.bothSlots() || round == MOST_PAGE_READS) break;
+  }
+  if (const std::uint32_t rc = takePage(page)) return rc;
+  bool clean = false;
+  if (const std::uint32_t rc = tailIsClean(clean)) return rc;
+  if (clean && page.bothSlots()) return MD_RC_OK;
+  // Same run of the machine: what lies behind the end is a commit under way, which no reader may see before its sync.
+  if (isSameBoot(currentBootId(), slot_)) return page.bothSlots() ? MD_RC_OK : GENREG_RC_DAMAGED;
+  return rollForward();
+}
+
+std::uint32_t LogView::tailIsClean(bool& clean) const {
+  std::array<std::byte, format::TERMINATOR_SIZE> tail;
+  std::size_t got = 0;
+  if (const std::uint32_t rc = readAt(file_, end_, tail, got)) return rc;
+  clean = isAllZero(std::span(tail).first(got));
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::read(std::uint64_t offset, std::span<std::byte> range, std::size_t& got) const {
+  got = 0;
+  if (offset < pendingStart_) {
+    const auto inFile = static_cast<std::size_t>(std::min<std::uint64_t>(range.size(), pendingStart_ - offset));
+    if (const std::uint32_t rc = readAt(file_, offset, range.first(inFile), got)) return rc;
+    if (got < inFile) return MD_RC_OK;
+  }
+  if (got == range.size()) return MD_RC_OK;
+  const std::uint64_t at = offset + got - pendingStart_;
+  if (at >= pending_.size()) return MD_RC_OK;
+  const std::size_t count = std::min(range.size() - got, pending_.size() - static_cast<std::size_t>(at));
+  std::memcpy(range.data() + got, pending_.data() + at, count);
+  got += count;
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::readHead(std::uint64_t offset, FrameBytes& bytes, Frame& frame) const {
+  if (const std::uint32_t rc = read(offset, bytes.bytes, bytes.got)) return rc;
+  return parseHead(bytes.all(), offset, key_, frame) == ParseResult::OK ? MD_RC_OK : GENREG_RC_DAMAGED;
+}
+
+std::uint32_t LogView::readRecord(const Frame& frame, std::span<const std::byte> first, std::byte* out,
+                                  std::size_t& size) const {
+  if (!frame.isRecord()) return GENREG_RC_DAMAGED;
+  ZeroRunDecoder decoder(std::span(out, type_.maxSize), RECORD_ROOM);
+  std::span<const std::byte> payload = first.subspan(frame.headSize);
+  payload = payload.first(std::min<std::size_t>(payload.size(), frame.payloadSize()));
+  if (!decoder.feed(payload)) return GENREG_RC_DAMAGED;
+  std::uint32_t crc = crc32c(0, payload.data(), payload.size());
+  std::uint64_t at = frame.offset + frame.headSize + payload.size();
+  if (at < frame.end()) {
+    std::array<std::byte, PIECE_SIZE> piece;
+    while (at < frame.end()) {
+      const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), frame.end() - at));
+      std::size_t got = 0;
+      if (const std::uint32_t rc = read(at, std::span(piece).first(count), got)) return rc;
+      if (got < count || !decoder.feed(std::span(piece).first(count))) return GENREG_RC_DAMAGED;
+      crc = crc32c(crc, piece.data(), count);
+      at += count;
+    }
+  }
+  size = decoder.size();
+  return decoder.finished() && crc == frame.payloadCrc ? MD_RC_OK : GENREG_RC_DAMAGED;
+}
+
+std::uint32_t LogView::readRecord(std::uint64_t offset, std::byte* out, std::size_t& size) const {
+  FrameBytes bytes;
+  Frame frame;
+  if (const std::uint32_t rc = readHead(offset, bytes, frame)) return rc;
+  return readRecord(frame, bytes.all(), out, size);
+}
+
+std::uint32_t LogView::verifyPayload(const Frame& frame, std::span<const std::byte> first) const {
+  if (frame.kind == format::FrameKind::AREA) return verifyBlocks(frame.area);
+  std::span<const std::byte> payload = first.subspan(frame.headSize);
+  payload = payload.first(std::min<std::size_t>(payload.size(), frame.payloadSize()));
+  std::uint32_t crc = crc32c(0, payload.data(), payload.size());
+  std::array<std::byte, PIECE_SIZE> piece;
+  for (std::uint64_t at = frame.offset + frame.headSize + payload.size(); at < frame.end();) {
+    const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), frame.end() - at));
+    std::size_t got = 0;
+    if (const std::uint32_t rc = read(at, std::span(piece).first(count), got)) return rc;
+    if (got < count) return GENREG_RC_DAMAGED;
+    crc = crc32c(crc, piece.data(), count);
+    at += count;
+  }
+  return crc == frame.payloadCrc ? MD_RC_OK : GENREG_RC_DAMAGED;
+}
+
+std::uint32_t LogView::verifyBlocks(const format::AreaBody& area) const {
+  for (std::uint64_t at = 0; at < area.blockCount; ++at) {
+    format::Block block;
+    if (const std::uint32_t rc = readBlock(file_, key_.salt, area.blocksOffset + at * format::BLOCK_SIZE, block))
+      return rc;
+  }
+  return MD_RC_OK;
+}
+
+bool LogView::findNewHead(std::size_t index, std::uint64_t digest, std::uint64_t& head) const {
+  const auto found = newHeads_[index].empty() ? newHeads_[index].end() : newHeads_[index].find(digest);
+  if (found != newHeads_[index].end()) {
+    head = found->second;
+    return true;
+  }
+  for (std::size_t entry = slot_.overlayCount; entry-- > 0;) {
+    const format::OverlayEntry& candidate = slot_.overlay[entry];
+    if (candidate.digest == digest && (candidate.offsetAndIndex & INDEX_MASK) == index) {
+      head = candidate.offsetAndIndex & ~INDEX_MASK;
+      return true;
+    }
+  }
+  return false;
+}
+
+std::size_t LogView::newHeadCount() const {
+  std::size_t count = 0;
+  for (const auto& heads : newHeads_) count += heads.size();
+  return count;
+}
+
+std::uint32_t LogView::hasDigest(std::uint64_t offset, std::size_t index, std::uint64_t digest, bool& result) const {
+  FrameBytes bytes;
+  Frame frame;
+  if (const std::uint32_t rc = readHead(offset, bytes, frame)) return rc;
+  result = false;
+  if (frame.kind == format::FrameKind::SUMMARY) {
+    result = frame.summary.index == index && frame.summary.digest == digest;
+  } else if (frame.kind == format::FrameKind::REMOVE) {
+    RemovedDigests digests;
+    if (const std::uint32_t rc = readRemovedDigests(frame, bytes.all(), digests)) return rc;
+    result = digests[index] == digest;
+  } else if (frame.isRecord()) {
+    const ScratchRecord record(type_.maxSize);
+    if (!record.isThere()) return GENREG_RC_NO_MEMORY;
+    std::size_t size = 0;
+    if (const std::uint32_t rc = readRecord(frame, bytes.all(), record.get(), size)) return rc;
+    result = digestOf(index, record.get()) == digest;
+  }
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::readRemovedDigests(const Frame& frame, std::span<const std::byte> first,
+                                          RemovedDigests& digests) const {
+  const std::size_t size = type_.indexCount * sizeof(std::uint64_t);
+  if (frame.payloadSize() != size || first.size() < frame.headSize + size) return GENREG_RC_DAMAGED;
+  const std::span<const std::byte> payload = first.subspan(frame.headSize, size);
+  if (crc32c(0, payload.data(), payload.size()) != frame.payloadCrc) return GENREG_RC_DAMAGED;
+  std::memcpy(digests.data(), payload.data(), size);
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::headOf(std::size_t index, std::uint64_t digest, bool exact, std::uint64_t& head) const {
+  if (findNewHead(index, digest, head)) return MD_RC_OK;
+  head = 0;
+  std::vector<std::uint64_t> candidates;
+  if (const std::uint32_t rc = findEntries(file_, key_.salt, slot_, digest, candidates)) return rc;
+  if (candidates.size() == 1 && !exact) {
+    head = candidates.front();
+    return MD_RC_OK;
+  }
+  // A frame that another index leads to may well be of this digest, but only the newest such frame is the chain's head.
+  std::sort(candidates.begin(), candidates.end(), std::greater<>());
+  for (const std::uint64_t candidate : candidates) {
+    bool isOurs = false;
+    if (const std::uint32_t rc = hasDigest(candidate, index, digest, isOurs)) return rc;
+    if (!isOurs) continue;
+    head = candidate;
+    break;
+  }
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::findByWholeKey(unsigned long flags, const void* key, std::byte* out, LiveRecord& found,
+                                      std::size_t& size) const {
+  std::uint64_t offset = 0;
+  if (const std::uint32_t rc = headOf(0, digestOf(0, key), false, offset)) return rc;
+  std::vector<std::uint64_t> seen;
+  FrameBytes bytes;
+  Frame frame;
+  while (offset != 0) {
+    if (const std::uint32_t rc = readHead(offset, bytes, frame)) return rc;
+    if (offset >= end_ || !frame.isEvent()) {
+      offset = frame.previous;
+      continue;
+    }
+    const bool superseded = std::find(seen.begin(), seen.end(), frame.place) != seen.end();
+    if (frame.isRecord() && !superseded) {
+      if (const std::uint32_t rc = readRecord(frame, bytes.all(), out, size)) return rc;
+      if (type_.matches(flags, key, out)) {
+        found = LiveRecord{.place = frame.place, .offset = offset};
+        return MD_RC_OK;
+      }
+    }
+    if (frame.kind == format::FrameKind::INSERT) {
+      offset = frame.previous;
+    } else {
+      if (!superseded) seen.push_back(frame.place);
+      offset = frame.below;
+    }
+  }
+  return GENREG_RC_NOT_FOUND;
+}
+
+std::uint32_t LogView::readSummary(const Frame& frame, std::vector<ChainEvent>& events) const {
+  std::vector<std::byte> payload(frame.payloadSize());
+  std::size_t got = 0;
+  if (const std::uint32_t rc = read(frame.offset + frame.headSize, payload, got)) return rc;
+  if (got < payload.size() || crc32c(0, payload.data(), payload.size()) != frame.payloadCrc) return GENREG_RC_DAMAGED;
+  for (std::uint32_t at = 0; at < frame.summary.count; ++at) {
+    format::SummaryEntry entry;
+    std::memcpy(&entry, payload.data() + std::size_t{at} * sizeof entry, sizeof entry);
+    events.push_back(ChainEvent{.place = entry.place, .offset = entry.offset, .removed = false});
+  }
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::walkChain(std::size_t index, std::uint64_t head, std::vector<ChainEvent>& events) const {
+  FrameBytes bytes;
+  Frame frame;
+  for (std::uint64_t offset = head; offset != 0;) {
+    if (const std::uint32_t rc = readHead(offset, bytes, frame)) return rc;
+    const std::uint64_t next = frame.previousIn(index);
+    if (next >= offset) return GENREG_RC_DAMAGED;
+    if (offset < end_ && frame.isEvent()) {
+      events.push_back(
+          ChainEvent{.place = frame.place, .offset = offset, .removed = frame.kind == format::FrameKind::REMOVE});
+    } else if (offset < end_ && frame.kind == format::FrameKind::SUMMARY && frame.summary.index == index) {
+      return readSummary(frame, events);
+    }
+    offset = next;
+  }
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::gather(std::size_t index, std::uint64_t digest, std::vector<LiveRecord>& live) const {
+  std::uint64_t head = 0;
+  if (const std::uint32_t rc = headOf(index, digest, false, head)) return rc;
+  return gatherChain(index, head, live);
+}
+
+std::uint32_t LogView::gatherChain(std::size_t index, std::uint64_t head, std::vector<LiveRecord>& live) const {
+  std::vector<ChainEvent> events;
+  if (const std::uint32_t rc = walkChain(index, head, events)) return rc;
+  std::sort(events.begin(), events.end(), [](const ChainEvent& a, const ChainEvent& b) {
+    return a.place != b.place ? a.place < b.place : a.offset > b.offset;
+  });
+  std::uint64_t place = 0;
+  for (const ChainEvent& event : events) {
+    if (event.place == place) continue;  // an older form
+    place = event.place;
+    if (!event.removed) live.push_back(LiveRecord{.place = event.place, .offset = event.offset});
+  }
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::chainReaches(std::size_t index, std::uint64_t from, std::uint64_t target, bool& reaches) const {
+  FrameBytes bytes;
+  Frame frame;
+  while (from > target) {
+    if (const std::uint32_t rc = readHead(from, bytes, frame)) return rc;
+    const std::uint64_t next = frame.previousIn(index);
+    if (next >= from) return GENREG_RC_DAMAGED;
+    from = next;
+  }
+  reaches = from == target;
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::readCommit(std::vector<Frame>& frames) const {
+  frames.clear();
+  FrameBytes bytes;
+  std::uint32_t chain = slot_.chain;
+  for (std::uint64_t offset = end_;;) {
+    Frame frame;
+    std::uint32_t rc = readHead(offset, bytes, frame);
+    if (rc == MD_RC_OK && frame.chain != chain) rc = GENREG_RC_DAMAGED;
+    if (rc == MD_RC_OK) rc = verifyPayload(frame, bytes.all());
+    if (rc == GENREG_RC_DAMAGED) {
+      frames.clear();
+      return MD_RC_OK;
+    }
+    if (rc != MD_RC_OK) return rc;
+    frames.push_back(frame);
+    if (frame.last) return MD_RC_OK;
+    chain = frame.crc;
+    offset = frame.end();
+  }
+}
+
+std::uint32_t LogView::rollForward() {
+  std::vector<Frame> frames;
+  for (;;) {
+    if (const std::uint32_t rc = readCommit(frames)) return rc;
+    if (frames.empty()) return MD_RC_OK;
+    if (const std::uint32_t rc = takeCommit(frames)) return rc;
+  }
+}
+
+std::uint32_t LogView::takeCommit(const std::vector<Frame>& frames) {
+  std::vector<std::byte> record(type_.maxSize);
+  for (const Frame& frame : frames) {
+    if (const std::uint32_t rc = takeFrame(frame, record)) return rc;
+  }
+  ++slot_.commits;
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::takeFrame(const Frame& frame, std::vector<std::byte>& record) {
+  if (frame.kind == format::FrameKind::AREA) {
+    const std::size_t segments = segmentCount(slot_);
+    if (segments == format::MAX_SEGMENTS) return GENREG_RC_DAMAGED;
+    slot_.segments[segments] =
+        packSegment(Segment{.offset = frame.area.blocksOffset, .blockCount = frame.area.blockCount});
+    slot_.segmentEntries = 0;
+  } else if (frame.kind == format::FrameKind::SUMMARY) {
+    takeHead(frame.summary.index, frame.summary.digest, frame.offset);
+  } else {
+    Sizes old;
+    FrameBytes bytes;
+    Frame older;
+    bool replaces = false;
+    std::size_t size = 0;
+    if (frame.kind != format::FrameKind::INSERT) {
+      if (const std::uint32_t rc = findOlder(frame, bytes, older, replaces)) return rc;
+      if (replaces) {
+        if (const std::uint32_t rc = readRecord(older, bytes.all(), record.data(), size)) return rc;
+        old = Sizes{.record = size, .frame = older.size};
+      } else if (frame.kind == format::FrameKind::REMOVE) {
+        return GENREG_RC_DAMAGED;
+      }
+    }
+    if (frame.isRecord()) {
+      if (const std::uint32_t rc = readRecord(frame.offset, record.data(), size)) return rc;
+    }
+    takeEvent(frame, record.data(), size, replaces ? &old : nullptr);
+  }
+  slot_.chain = frame.crc;
+  end_ = frame.end();
+  return MD_RC_OK;
+}
+
+void LogView::takeEvent(const Frame& frame, const void* record, std::size_t recordSize, const Sizes* old) {
+  for (std::size_t index = 0; index < type_.indexCount; ++index) takeHead(index, digestOf(index, record), frame.offset);
+  if (old != nullptr) {
+    --slot_.records;
+    slot_.recordBytes -= old->record;
+    slot_.liveFrameBytes -= old->frame;
+  }
+  if (frame.isRecord()) {
+    ++slot_.records;
+    slot_.recordBytes += recordSize;
+    slot_.liveFrameBytes += frame.size;
+  }
+  if (frame.kind != format::FrameKind::INSERT && slot_.firstEvent == 0) slot_.firstEvent = frame.offset;
+}
+
+std::uint32_t LogView::findOlder(const Frame& event, FrameBytes& bytes, Frame& older, bool& found) const {
+  found = false;
+  for (std::uint64_t offset = event.previous; offset >= event.place && offset != 0; offset = older.previous) {
+    if (const std::uint32_t rc = readHead(offset, bytes, older)) return rc;
+    if (!older.isEvent() || older.place != event.place) continue;
+    found = older.isRecord();
+    return MD_RC_OK;
+  }
+  return MD_RC_OK;
+}
+
+}  // namespace zon

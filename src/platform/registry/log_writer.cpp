@@ -1,0 +1,598 @@
+// See log_writer.h for the order of a commit.
+#include "platform/registry/log_writer.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "platform/registry/log_scan.h"
+#include "platform/registry/zero_runs.h"
+
+namespace zon {
+
+namespace {
+
+constexpr std::uint64_t INDEX_MASK = format::FRAME_ALIGNMENT - 1;
+constexpr std::uint64_t PAGE = 4096;
+constexpr std::uint64_t LEAST_RESERVE = 8192;
+constexpr std::uint64_t MOST_RESERVE = 8 << 20;
+constexpr std::uint64_t LEAST_BLOCKS = 8;
+// One more commit with this many new heads must fit the overlay, or the blocks take over.
+constexpr std::size_t OVERLAY_HEADROOM = 8;
+constexpr std::size_t HEAVY_PENDING = 1 << 20;
+constexpr std::size_t HEAVY_HEADS = 8192;
+// A chain is summarized when following it reads so many times more frames than it has live records.
+constexpr std::uint32_t CHAIN_FACTOR = 2;
+constexpr std::uint32_t CHAIN_SLACK = 32;
+
+std::uint64_t roundUp(std::uint64_t value, std::uint64_t unit) { return (value + unit - 1) / unit * unit; }
+
+std::uint64_t offsetOf(const format::OverlayEntry& entry) { return entry.offsetAndIndex & ~INDEX_MASK; }
+
+}  // namespace
+
+std::uint32_t LogWriter::create(int file, const format::FileHeader& header, std::uint64_t expectedRecords) {
+  file_ = file;
+  fresh_ = true;
+  header_ = header;
+  key_ = FrameKey{.salt = saltOf(header.fileId), .indexCount = type_.indexCount};
+  slot_ = format::Slot{};
+  slot_.chain = key_.salt;
+  end_ = format::LOG_START;
+  pendingStart_ = end_;
+  const std::uint64_t entries = expectedRecords * type_.indexCount;
+  const std::uint64_t blocks = (entries + entries / 4) / (format::BLOCK_ENTRIES * 4 / 5);
+  if (const std::uint32_t rc = appendArea(std::max(LEAST_BLOCKS, blocks))) return rc;
+  slot_.commits = 0;
+  return MD_RC_OK;
+}
+
+std::uint32_t LogWriter::open(int file) {
+  file_ = file;
+  HeaderPage page;
+  if (const std::uint32_t rc = readHeaderPage(file, page)) return rc;
+  if (const std::uint32_t rc = takePage(page)) return rc;
+  FileState state;
+  if (const std::uint32_t rc = stateOf(file, state)) return rc;
+  fileSize_ = state.size;
+  published_ = slot_;
+  newestIsDurable_ = !page.bothSlots();  // the slot that is no good is the one to write
+  pendingStart_ = end_;
+  bool clean = false;
+  if (const std::uint32_t rc = tailIsClean(clean)) return rc;
+  return clean && page.bothSlots() ? MD_RC_OK : settle();
+}
+
+// What lies behind the end is of a writer that died, or whose sync failed. A valid commit is written once more before
+// it is synced: after a failed sync the kernel takes its pages for clean and would sync nothing. For the same reason
+// the blocks that the slot takes for applied are applied again.
+std::uint32_t LogWriter::settle() {
+  slot_.overlayApplied = 0;
+  published_.overlayApplied = 0;
+  if (const std::uint32_t rc = adoptCommits()) return rc;
+  if (isDirty()) return commit();
+  if (const std::uint32_t rc = publish(mergedOverlay(), 0)) return rc;
+  const std::array<std::byte, format::TERMINATOR_SIZE> terminator{};
+  return writeAt(file_, end_, terminator);
+}
+
+std::uint32_t LogWriter::adoptCommits() {
+  std::vector<Frame> frames;
+  std::vector<std::byte> bytes;
+  for (;;) {
+    pendingStart_ = format::MAX_OFFSET;  // the commits are read from the file
+    std::uint32_t rc = readCommit(frames);
+    if (rc != MD_RC_OK) return rc;
+    if (frames.empty()) break;
+    const auto size = static_cast<std::size_t>(frames.back().end() - end_);
+    bytes.resize(size);
+    std::size_t got = 0;
+    rc = readAt(file_, end_, bytes, got);
+    if (rc != MD_RC_OK) return rc;
+    if (got < size) return GENREG_RC_DAMAGED;
+    pending_.insert(pending_.end(), bytes.begin(), bytes.end());
+    rc = takeCommit(frames);
+    if (rc != MD_RC_OK) return rc;
+  }
+  pendingStart_ = published_.end;
+  return MD_RC_OK;
+}
+
+std::uint32_t LogWriter::appendInsert(const void* record, std::size_t size) {
+  Frame frame;
+  frame.kind = format::FrameKind::INSERT;
+  frame.place = end_;
+  return appendEvent(frame, record, size, nullptr);
+}
+
+std::uint32_t LogWriter::sizesOf(const FoundRecord& found, Sizes& sizes) const {
+  FrameBytes bytes;
+  Frame frame;
+  if (const std::uint32_t rc = readHead(found.where.offset, bytes, frame)) return rc;
+  sizes = Sizes{.record = found.size, .frame = frame.size};
+  return MD_RC_OK;
+}
+
+std::uint32_t LogWriter::appendRemove(const FoundRecord& found, const void* old) {
+  Sizes sizes;
+  if (const std::uint32_t rc = sizesOf(found, sizes)) return rc;
+  Frame frame;
+  frame.kind = format::FrameKind::REMOVE;
+  frame.place = found.where.place;
+  return appendEvent(frame, old, 0, &sizes);
+}
+
+// A record whose keys change leaves its old chains by a removal and enters its new ones, at the same place.
+std::uint32_t LogWriter::appendChange(const FoundRecord& found, const void* old, const void* record, std::size_t size) {
+  bool sameChains = true;
+  for (std::size_t index = 0; index < type_.indexCount; ++index) {
+    sameChains = sameChains && digestOf(index, old) == digestOf(index, record);
+  }
+  Frame frame;
+  frame.kind = format::FrameKind::CHANGE;
+  frame.place = found.where.place;
+  if (!sameChains) {
+    if (const std::uint32_t rc = appendRemove(found, old)) return rc;
+    return appendEvent(frame, record, size, nullptr);
+  }
+  Sizes sizes;
+  if (const std::uint32_t rc = sizesOf(found, sizes)) return rc;
+  return appendEvent(frame, record, size, &sizes);
+}
+
+std::uint32_t LogWriter::appendEvent(Frame& frame, const void* record, std::size_t size, const Sizes* old) {
+  frame.offset = end_;
+  frame.chain = slot_.chain;
+  const bool grows = frame.kind == format::FrameKind::INSERT || (frame.isRecord() && old == nullptr);
+  const int liveChange = grows ? 1 : frame.kind == format::FrameKind::REMOVE ? -1 : 0;
+  if (const std::uint32_t rc = extendChains(frame, record, liveChange)) return rc;
+  payload_.clear();
+  if (frame.isRecord()) {
+    encodeZeroRuns(std::span(static_cast<const std::byte*>(record), size), payload_);
+  } else {
+    for (std::size_t index = 0; index < type_.indexCount; ++index) {
+      const std::uint64_t digest = digestOf(index, record);
+      const auto bytes = bytesOf(digest);
+      payload_.insert(payload_.end(), bytes.begin(), bytes.end());
+    }
+  }
+  appendFrame(frame, payload_, key_, pending_);
+  takeEvent(frame, record, size, old);
+  slot_.chain = frame.crc;
+  end_ = frame.end();
+  last_ = frame;
+  building_ = true;
+  return MD_RC_OK;
+}
+
+std::uint32_t LogWriter::extendChains(Frame& frame, const void* record, int liveChange) {
+  // In a new file every whole key comes once, so that there is nothing to look up.
+  const bool keyIsNew = fresh_ && !keysMayRepeat_;
+  if (!keyIsNew) {
+    if (const std::uint32_t rc = headOf(0, digestOf(0, record), true, frame.previous)) return rc;
+  }
+  if (frame.kind != format::FrameKind::INSERT) {
+    if (const std::uint32_t rc = findBelow(frame, frame.below)) return rc;
+  }
+  for (std::size_t index = 1; index < type_.indexCount; ++index) {
+    const std::uint64_t digest = digestOf(index, record);
+    format::Link& link = frame.links[index - 1];
+    if (const std::uint32_t rc = headOf(index, digest, true, link.previous)) return rc;
+    if (link.previous != 0) {
+      FrameBytes bytes;
+      Frame head;
+      if (const std::uint32_t rc = readHead(link.previous, bytes, head)) return rc;
+      if (head.isEvent()) {
+        link.events = head.links[index - 1].events;
+        link.live = head.links[index - 1].live;
+      } else {
+        link.live = head.summary.count;
+      }
+    }
+    ++link.events;
+    if (liveChange > 0) ++link.live;
+    if (liveChange < 0 && link.live > 0) --link.live;
+    if (link.events / CHAIN_FACTOR > link.live + CHAIN_SLACK / CHAIN_FACTOR) {
+      longChains_.push_back(ChainMark{.index = index, .digest = digest});
+    }
+  }
+  return MD_RC_OK;
+}
+
+// Below a change or removal, who sees it needs no older form of its place, and no removed place at all.
+std::uint32_t LogWriter::findBelow(const Frame& frame, std::uint64_t& below) const {
+  below = frame.previous;
+  FrameBytes bytes;
+  Frame head;
+  if (below == 0) return MD_RC_OK;
+  if (const std::uint32_t rc = readHead(below, bytes, head)) return rc;
+  if (!head.isEvent() || head.place != frame.place) return MD_RC_OK;
+  below = head.kind == format::FrameKind::INSERT ? head.previous : head.below;
+  while (below != 0) {
+    if (const std::uint32_t rc = readHead(below, bytes, head)) return rc;
+    if (head.kind != format::FrameKind::REMOVE) break;
+    below = head.below;
+  }
+  return MD_RC_OK;
+}
+
+std::uint32_t LogWriter::appendSummary(const ChainMark& mark) {
+  std::uint64_t head = 0;
+  if (const std::uint32_t rc = headOf(mark.index, mark.digest, true, head)) return rc;
+  std::vector<LiveRecord> live;
+  if (const std::uint32_t rc = gatherChain(mark.index, head, live)) return rc;
+  static_assert(sizeof(LiveRecord) == sizeof(format::SummaryEntry));
+  Frame frame;
+  frame.kind = format::FrameKind::SUMMARY;
+  frame.offset = end_;
+  frame.chain = slot_.chain;
+  frame.previous = head;
+  frame.summary = format::SummaryBody{.digest = mark.digest,
+                                      .index = static_cast<std::uint32_t>(mark.index),
+                                      .count = static_cast<std::uint32_t>(live.size())};
+  appendFrame(frame, std::as_bytes(std::span(live)), key_, pending_);
+  takeHead(mark.index, mark.digest, frame.offset);
+  slot_.chain = frame.crc;
+  end_ = frame.end();
+  last_ = frame;
+  return MD_RC_OK;
+}
+
+std::uint32_t LogWriter::finishCommit() {
+  if (!building_) return MD_RC_OK;
+  std::sort(longChains_.begin(), longChains_.end(),
+            [](const auto& a, const auto& b) { return a.index != b.index ? a.index < b.index : a.digest < b.digest; });
+  const auto same = [](const auto& a, const auto& b) { return a.index == b.index && a.digest == b.digest; };
+  longChains_.erase(std::unique(longChains_.begin(), longChains_.end(), same), longChains_.end());
+  for (const ChainMark& mark : longChains_) {
+    if (const std::uint32_t rc = appendSummary(mark)) return rc;
+  }
+  longChains_.clear();
+  markLast(std::span(pending_).subspan(static_cast<std::size_t>(last_.offset - pendingStart_)), last_, key_);
+  slot_.chain = last_.crc;
+  ++slot_.commits;
+  building_ = false;
+  return MD_RC_OK;
+}
+
+// The area is a commit of its own. Its blocks do not wait in memory: they are written at once, empty and sealed, so
+// that what a crash makes of them is never taken for an empty block.
+std::uint32_t LogWriter::appendArea(std::uint64_t blockCount) {
+  const std::size_t segments = segmentCount(slot_);
+  if (segments == format::MAX_SEGMENTS) return GENREG_RC_INTERNAL;
+  Frame frame;
+  frame.kind = format::FrameKind::AREA;
+  frame.offset = end_;
+  frame.chain = slot_.chain;
+  frame.last = true;
+  frame.area.blocksOffset = roundUp(end_ + sizeof(format::FrameHeader) + sizeof(format::AreaBody), format::BLOCK_SIZE);
+  frame.area.blockCount = blockCount;
+  appendFrame(frame, {}, key_, pending_);
+  pending_.resize(static_cast<std::size_t>(frame.area.blocksOffset - pendingStart_));
+  const Segment segment{.offset = frame.area.blocksOffset, .blockCount = blockCount};
+  if (const std::uint32_t rc = ensureFileSize(frame.end() + format::TERMINATOR_SIZE)) return rc;
+  if (const std::uint32_t rc = writeAt(file_, pendingStart_, pending_)) return rc;
+  if (const std::uint32_t rc = writeEmptyBlocks(file_, key_.salt, segment)) return rc;
+  pending_.clear();
+  end_ = frame.end();
+  pendingStart_ = end_;
+  slot_.chain = frame.crc;
+  slot_.segments[segments] = packSegment(segment);
+  slot_.segmentEntries = 0;
+  ++slot_.commits;
+  return MD_RC_OK;
+}
+
+bool LogWriter::isHeavy() const { return pending_.size() > HEAVY_PENDING || newHeadCount() > HEAVY_HEADS; }
+
+std::uint32_t LogWriter::ensureFileSize(std::uint64_t size) {
+  if (size <= fileSize_) return MD_RC_OK;
+  const std::uint64_t step = std::clamp(size / 32, LEAST_RESERVE, MOST_RESERVE);
+  const std::uint64_t target = roundUp(size + step, PAGE);
+  if (const std::uint32_t rc = reserve(file_, fileSize_, target)) return rc;
+  fileSize_ = target;
+  return MD_RC_OK;
+}
+
+std::uint32_t LogWriter::flushPending() {
+  if (const std::uint32_t rc = ensureFileSize(end_ + format::TERMINATOR_SIZE)) return rc;
+  pending_.resize(pending_.size() + format::TERMINATOR_SIZE);
+  const std::uint32_t rc = writeAt(file_, pendingStart_, pending_);
+  if (rc != MD_RC_OK) return rc;
+  pending_.clear();
+  pendingStart_ = end_;
+  return MD_RC_OK;
+}
+
+std::vector<format::OverlayEntry> LogWriter::mergedOverlay() const {
+  std::vector<format::OverlayEntry> merged;
+  // What was applied before the last sync is durable in the blocks by now.
+  for (std::size_t entry = slot_.overlayApplied; entry < slot_.overlayCount; ++entry) {
+    const std::size_t index = slot_.overlay[entry].offsetAndIndex & INDEX_MASK;
+    if (!newHeads_[index].contains(slot_.overlay[entry].digest)) merged.push_back(slot_.overlay[entry]);
+  }
+  for (std::size_t index = 0; index < type_.indexCount; ++index) {
+    for (const auto& [digest, offset] : newHeads_[index]) {
+      merged.push_back(format::OverlayEntry{.digest = digest, .offsetAndIndex = offset | index});
+    }
+  }
+  return merged;
+}
+
+bool LogWriter::needsApply(std::size_t entries) const { return entries + OVERLAY_HEADROOM > format::OVERLAY_CAPACITY; }
+
+bool LogWriter::isIndexFull() const { return segmentCount(slot_) + 1 >= format::MAX_SEGMENTS; }
+
+std::uint32_t LogWriter::makeRoomInIndex(std::size_t entries) {
+  if (!needsApply(entries) || isIndexFull()) return MD_RC_OK;
+  const std::size_t segments = segmentCount(slot_);
+  std::uint64_t total = 0;
+  for (std::size_t segment = 0; segment < segments; ++segment)
+    total += unpackSegment(slot_.segments[segment]).blockCount;
+  const std::uint64_t newest = segments == 0 ? 0 : unpackSegment(slot_.segments[segments - 1]).blockCount;
+  if (slot_.segmentEntries + entries <= segmentCapacity(newest)) return MD_RC_OK;
+  return appendArea(std::max({LEAST_BLOCKS, total, entries / (format::BLOCK_ENTRIES / 2)}));
+}
+
+namespace {
+
+// The blocks that an application of entries touches, each read once and written once.
+class BlockSet {
+ public:
+  BlockSet(int file, std::uint32_t salt) : file_(file), salt_(salt) {}
+
+  std::uint32_t get(std::uint64_t offset, format::Block*& block) {
+    const auto [at, isNew] = blocks_.try_emplace(offset);
+    block = &at->second.block;
+    if (!isNew) return MD_RC_OK;
+    const std::uint32_t rc = readBlock(file_, salt_, offset, *block);
+    if (rc != MD_RC_OK) blocks_.erase(at);
+    return rc;
+  }
+
+  void markDirty(std::uint64_t offset) { blocks_[offset].dirty = true; }
+
+  std::uint32_t write() {
+    std::vector<std::uint64_t> order;
+    for (const auto& [offset, cached] : blocks_) {
+      if (cached.dirty) order.push_back(offset);
+    }
+    std::sort(order.begin(), order.end());
+    for (const std::uint64_t offset : order) {
+      format::Block& block = blocks_[offset].block;
+      sealBlock(block, salt_, offset);
+      if (const std::uint32_t rc = writeAt(file_, offset, bytesOf(block))) return rc;
+    }
+    blocks_.clear();
+    return MD_RC_OK;
+  }
+
+  std::size_t size() const { return blocks_.size(); }
+
+ private:
+  struct Cached {
+    format::Block block;
+    bool dirty = false;
+  };
+  int file_;
+  std::uint32_t salt_;
+  std::unordered_map<std::uint64_t, Cached> blocks_;
+};
+
+constexpr std::size_t MOST_CACHED_BLOCKS = 4096;
+
+// Finds the entry of the chain that `entry` continues, or room for a new one in the newest segment.
+class EntryPlacer {
+ public:
+  EntryPlacer(const LogView& view, BlockSet& blocks) : view_(view), blocks_(blocks) {}
+
+  std::uint32_t place(const format::OverlayEntry& entry, bool& isNew) {
+    const std::size_t segments = segmentCount(view_.slot());
+    isNew = false;
+    for (std::size_t segment = segments; segment-- > 0;) {
+      bool done = false;
+      if (const std::uint32_t rc = replaceIn(unpackSegment(view_.slot().segments[segment]), entry, done)) return rc;
+      if (done) return MD_RC_OK;
+    }
+    isNew = true;
+    return addTo(unpackSegment(view_.slot().segments[segments - 1]), entry);
+  }
+
+ private:
+  // An older head of the same chain is replaced; an entry that only shares the tag stays.
+  std::uint32_t replaceIn(const Segment& segment, const format::OverlayEntry& entry, bool& done) {
+    std::uint64_t at = homeBlock(entry.digest, segment.blockCount);
+    for (std::uint64_t probe = 0; probe < std::min(MOST_PROBES, segment.blockCount) && !done; ++probe) {
+      const std::uint64_t offset = segment.offset + at * format::BLOCK_SIZE;
+      format::Block* block = nullptr;
+      if (const std::uint32_t rc = blocks_.get(offset, block)) return rc;
+      for (std::size_t slot = 0; slot < block->count && !done; ++slot) {
+        if (!entryHasTagOf(block->entries[slot], entry.digest)) continue;
+        const std::uint64_t older = entryOffset(block->entries[slot]);
+        const std::size_t index = entry.offsetAndIndex & INDEX_MASK;
+        if (const std::uint32_t rc = view_.chainReaches(index, offsetOf(entry), older, done)) return rc;
+        if (!done) continue;
+        // Written also when nothing changes: a block that a failed sync dropped is made dirty again by this.
+        block->entries[slot] = makeEntry(entry.digest, offsetOf(entry));
+        blocks_.markDirty(offset);
+      }
+      if (block->overflowed == 0) break;
+      at = at + 1 == segment.blockCount ? 0 : at + 1;
+    }
+    return MD_RC_OK;
+  }
+
+  std::uint32_t addTo(const Segment& segment, const format::OverlayEntry& entry) {
+    std::uint64_t at = homeBlock(entry.digest, segment.blockCount);
+    for (std::uint64_t probe = 0; probe < std::min(MOST_PROBES, segment.blockCount); ++probe) {
+      const std::uint64_t offset = segment.offset + at * format::BLOCK_SIZE;
+      format::Block* block = nullptr;
+      if (const std::uint32_t rc = blocks_.get(offset, block)) return rc;
+      blocks_.markDirty(offset);
+      if (block->count < format::BLOCK_ENTRIES) {
+        block->entries[block->count++] = makeEntry(entry.digest, offsetOf(entry));
+        return MD_RC_OK;
+      }
+      block->overflowed = 1;
+      at = at + 1 == segment.blockCount ? 0 : at + 1;
+    }
+    return GENREG_RC_INTERNAL;
+  }
+
+  const LogView& view_;
+  BlockSet& blocks_;
+};
+
+}  // namespace
+
+std::uint32_t LogWriter::applyToBlocks(std::vector<format::OverlayEntry> entries) {
+  const std::size_t segments = segmentCount(slot_);
+  if (segments == 0) return GENREG_RC_DAMAGED;
+  const std::uint64_t newest = unpackSegment(slot_.segments[segments - 1]).blockCount;
+  std::sort(entries.begin(), entries.end(), [newest](const auto& a, const auto& b) {
+    return homeBlock(a.digest, newest) < homeBlock(b.digest, newest);
+  });
+  BlockSet blocks(file_, key_.salt);
+  EntryPlacer placer(*this, blocks);
+  for (const format::OverlayEntry& entry : entries) {
+    bool isNew = false;
+    if (const std::uint32_t rc = placer.place(entry, isNew)) return rc;
+    if (isNew) ++slot_.segmentEntries;
+    if (blocks.size() > MOST_CACHED_BLOCKS) {
+      if (const std::uint32_t rc = blocks.write()) return rc;
+    }
+  }
+  return blocks.write();
+}
+
+void LogWriter::setOverlay(const std::vector<format::OverlayEntry>& overlay, std::size_t applied) {
+  std::copy(overlay.begin(), overlay.end(), slot_.overlay);
+  slot_.overlayCount = static_cast<std::uint16_t>(overlay.size());
+  slot_.overlayApplied = static_cast<std::uint16_t>(applied);
+}
+
+std::uint32_t LogWriter::writeSlot(format::Slot& slot) {
+  // Slots take turns by sync: while the newest one may not be durable, it is the one to be written over, so that the
+  // other one stays whole whatever a crash of the machine does.
+  slot.sequence = published_.sequence + (newestIsDurable_ ? 1 : 2);
+  newestIsDurable_ = false;
+  std::copy(boot_.begin(), boot_.end(), slot.bootId);
+  sealSlot(slot, key_.salt);
+  const auto bytes = bytesOf(slot).first(slotSize(slot));
+  return writeAt(file_, format::SLOT_OFFSET[slot.sequence % 2], bytes);
+}
+
+void LogWriter::forgetNewHeads() {
+  for (auto& heads : newHeads_) heads.clear();
+}
+
+std::uint32_t LogWriter::publish(const std::vector<format::OverlayEntry>& overlay, std::size_t applied) {
+  setOverlay(overlay, applied);
+  slot_.end = end_;
+  if (const std::uint32_t rc = writeSlot(slot_)) return rc;
+  published_ = slot_;
+  forgetNewHeads();
+  return MD_RC_OK;
+}
+
+// The slot shows these entries already, so that nothing is lost when this fails or stops half way.
+std::uint32_t LogWriter::applyPublished() {
+  const std::vector<format::OverlayEntry> entries(slot_.overlay, slot_.overlay + slot_.overlayCount);
+  if (const std::uint32_t rc = applyToBlocks(entries)) return rc;
+  return publish(entries, entries.size());
+}
+
+void LogWriter::republish(std::uint64_t backupEnd) {
+  slot_.backupEnd = backupEnd;
+  const std::vector<format::OverlayEntry> overlay(slot_.overlay, slot_.overlay + slot_.overlayCount);
+  publish(overlay, slot_.overlayApplied);  // should this fail, the next writer looks at the backup once more
+}
+
+std::size_t LogWriter::mergedOverlaySize() const { return mergedOverlay().size(); }
+
+std::uint32_t LogWriter::commit() {
+  if (!isDirty()) return MD_RC_OK;
+  std::uint32_t rc = makeRoomInIndex(mergedOverlaySize());
+  if (rc == MD_RC_OK) rc = flushPending();
+  if (rc != MD_RC_OK) {
+    takeBack(false);
+    return rc;
+  }
+  rc = sync();
+  if (rc != MD_RC_OK) {
+    takeBack(true);
+    return rc;
+  }
+  newestIsDurable_ = true;
+  std::vector<format::OverlayEntry> overlay = mergedOverlay();
+  if (overlay.size() > format::OVERLAY_CAPACITY) {
+    // More heads than the slot can hold: the blocks must be durable before the slot may point past them.
+    rc = applyToBlocks(std::move(overlay));
+    if (rc == MD_RC_OK) rc = sync();
+    if (rc == MD_RC_OK) rc = publish({}, 0);
+    return rc == MD_RC_OK ? rc : GENREG_RC_DURABILITY_UNKNOWN;
+  }
+  rc = publish(overlay, 0);
+  if (rc != MD_RC_OK) {
+    takeBack(false);
+    return rc;
+  }
+  if (needsApply(overlay.size())) applyPublished();  // what fails here is tried again by a later commit
+  return MD_RC_OK;
+}
+
+// Nothing of a failed commit may be found later. First a mark that is no commit goes where it stood: should the rest
+// fail too, the next writer sees that something is to be settled. After a failed sync the slot is written again, as its
+// page and the blocks that it takes for applied may never have reached the disk.
+void LogWriter::takeBack(bool syncFailed) {
+  if (fresh_) return;
+  std::array<std::byte, format::TERMINATOR_SIZE> mark;
+  mark.fill(std::byte{0xFF});
+  if (writeAt(file_, published_.end, mark) != MD_RC_OK) return;
+  if (syncFailed) {
+    format::Slot slot = published_;
+    slot.overlayApplied = 0;
+    if (writeSlot(slot) != MD_RC_OK) return;
+  }
+  mark.fill(std::byte{0});
+  writeAt(file_, published_.end, mark);
+}
+
+std::uint32_t LogWriter::spill() {
+  if (const std::uint32_t rc = flushPending()) return rc;
+  if (!fresh_ || newHeadCount() <= HEAVY_HEADS) return MD_RC_OK;
+  if (const std::uint32_t rc = applyToBlocks(mergedOverlay())) return rc;
+  forgetNewHeads();
+  return MD_RC_OK;
+}
+
+std::uint32_t LogWriter::finish() {
+  if (const std::uint32_t rc = flushPending()) return rc;
+  if (const std::uint32_t rc = applyToBlocks(mergedOverlay())) return rc;
+  forgetNewHeads();
+  if (const std::uint32_t rc = writeAt(file_, 0, bytesOf(header_))) return rc;
+  if (const std::uint32_t rc = writeAt(file_, format::HEADER_COPY_OFFSET, bytesOf(header_))) return rc;
+  // Both slots are there from the start: a slot that fails its checksum is damage or a write under way.
+  for (int slot = 0; slot < 2; ++slot) {
+    newestIsDurable_ = true;
+    if (const std::uint32_t rc = publish({}, 0)) return rc;
+  }
+  if (const std::uint32_t rc = syncFile(file_)) return rc;
+  fresh_ = false;
+  return MD_RC_OK;
+}
+
+std::uint64_t LogWriter::areaBytes() const {
+  std::uint64_t bytes = 0;
+  for (std::size_t segment = 0; segment < segmentCount(slot_); ++segment) {
+    bytes += unpackSegment(slot_.segments[segment]).blockCount * format::BLOCK_SIZE;
+  }
+  return bytes;
+}
+
+std::uint64_t LogWriter::deadBytes() const {
+  const std::uint64_t used = end_ - format::LOG_START;
+  const std::uint64_t live = slot_.liveFrameBytes + areaBytes();
+  return used > live ? used - live : 0;
+}
+
+}  // namespace zon

@@ -1,0 +1,115 @@
+// Appends to a log and publishes what was appended. The owner holds the file's lock.
+//
+// Order of a commit, and what each step is for: (1) the frames and the zeros behind them are written; (2) one sync
+// makes them durable, and with them everything written since the sync before: the last slot and the last index blocks;
+// (3) the slot is written, which shows the commit to readers; (4) now and then the slot's overlay is carried over to
+// the index blocks, which may lag behind because every reader looks at the overlay first. Steps 3 and 4 need no sync: a
+// crash of the machine that loses them leaves a durable commit behind the slot's end, which the next opening takes in.
+#ifndef ZON_PLATFORM_REGISTRY_LOG_WRITER_H
+#define ZON_PLATFORM_REGISTRY_LOG_WRITER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "platform/registry/log_view.h"
+
+namespace zon {
+
+// A record that is to be changed or removed, as it was found.
+struct FoundRecord {
+  LiveRecord where;
+  std::size_t size;
+};
+
+class LogWriter : public LogView {
+ public:
+  // Without `durable` no commit is synced: a crash of the machine may then cost commits, and damage the file.
+  LogWriter(const RecordType& type, const BootId& boot, bool durable) : LogView(type), boot_(boot), durable_(durable) {}
+
+  // Begins a new log in an empty file, with room in the index for so many records.
+  std::uint32_t create(int file, const format::FileHeader& header, std::uint64_t expectedRecords);
+
+  // Opens the log and settles it: what a crash left behind its end is taken in or overwritten.
+  std::uint32_t open(int file);
+
+  // Each appends one event; finishCommit completes what was appended since the last one, and only then does it count.
+  std::uint32_t appendInsert(const void* record, std::size_t size);
+  // `old` is the record as it was, whose keys may differ from the new one's.
+  std::uint32_t appendChange(const FoundRecord& found, const void* old, const void* record, std::size_t size);
+  std::uint32_t appendRemove(const FoundRecord& found, const void* old);
+  std::uint32_t finishCommit();
+
+  // In a log that create() began, keys are taken to come once each, unless this is called.
+  void lookKeysUp() { keysMayRepeat_ = true; }
+  void setNotUnique() { slot_.flags |= format::SLOT_NOT_UNIQUE; }
+
+  // Something was appended that is not published.
+  bool isDirty() const { return end_ != published_.end; }
+  // So much waits in memory that it should be committed, or written, before more is appended.
+  bool isHeavy() const;
+
+  // Makes everything appended durable and visible. After a failure the log is as it was at the last commit and this
+  // object must not be used any more.
+  std::uint32_t commit();
+
+  // For a log in a file that nobody sees yet: writes out what waits, without a sync.
+  std::uint32_t spill();
+  // Completes such a log: everything is on the disk when it answers 0.
+  std::uint32_t finish();
+
+  std::uint64_t fileSize() const { return fileSize_; }
+  // Bytes that writing the log anew would give back.
+  std::uint64_t deadBytes() const;
+  std::uint64_t areaBytes() const;
+  bool isIndexFull() const;
+  // Notes in the published slot how far the backup reaches.
+  void republish(std::uint64_t backupEnd);
+
+ private:
+  struct ChainMark {
+    std::size_t index;
+    std::uint64_t digest;
+  };
+
+  std::uint32_t settle();
+  std::uint32_t adoptCommits();
+  std::uint32_t appendEvent(Frame& frame, const void* record, std::size_t size, const Sizes* old);
+  std::uint32_t extendChains(Frame& frame, const void* record, int liveChange);
+  std::uint32_t findBelow(const Frame& frame, std::uint64_t& below) const;
+  std::uint32_t appendSummary(const ChainMark& mark);
+  std::uint32_t appendArea(std::uint64_t blockCount);
+  std::uint32_t sizesOf(const FoundRecord& found, Sizes& sizes) const;
+
+  std::size_t mergedOverlaySize() const;
+  bool needsApply(std::size_t entries) const;
+  std::uint32_t makeRoomInIndex(std::size_t entries);
+  std::vector<format::OverlayEntry> mergedOverlay() const;
+  std::uint32_t applyToBlocks(std::vector<format::OverlayEntry> entries);
+  std::uint32_t flushPending();
+  std::uint32_t ensureFileSize(std::uint64_t size);
+  std::uint32_t publish(const std::vector<format::OverlayEntry>& overlay, std::size_t applied);
+  std::uint32_t writeSlot(format::Slot& slot);
+  std::uint32_t applyPublished();
+  void takeBack(bool syncFailed);
+  void forgetNewHeads();
+  void setOverlay(const std::vector<format::OverlayEntry>& overlay, std::size_t applied);
+
+  std::uint32_t sync() const { return durable_ ? syncData(file_) : MD_RC_OK; }
+
+  BootId boot_;
+  bool durable_;
+  bool keysMayRepeat_ = false;
+  bool fresh_ = false;        // create() began this log; nothing of it is published
+  format::Slot published_{};  // the newest slot in the file
+  bool newestIsDurable_ = false;
+  std::uint64_t fileSize_ = 0;
+  Frame last_;  // the newest frame of the commit being built
+  bool building_ = false;
+  std::vector<ChainMark> longChains_;
+  std::vector<std::byte> payload_;
+};
+
+}  // namespace zon
+
+#endif

@@ -1,0 +1,147 @@
+// See reader.h. A record that is not among the intact ones is missing only when nothing was lost.
+#include "platform/registry/reader.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+
+namespace zon {
+
+bool isDamage(std::uint32_t rc) { return rc == GENREG_RC_DAMAGED || rc == GENREG_RC_NOT_RECORD_FILE; }
+
+std::uint32_t Reader::open() {
+  if (const std::uint32_t rc = openRegular(AT_FDCWD, filePath_, O_RDONLY, 0, file_)) return rc;
+  return view_.open(file_.get());
+}
+
+std::uint32_t Reader::salvage(std::unique_ptr<Salvage>& salvage) const {
+  Descriptor backup;
+  const std::uint32_t opened = openRegular(AT_FDCWD, backupPath_, O_RDONLY, 0, backup);
+  salvage = std::make_unique<Salvage>(type_);
+  std::uint32_t rc = salvage->open(file_.get(), opened == MD_RC_OK ? backup.get() : -1);
+  if (rc == MD_RC_OK) salvage->keepBackupOpen(std::move(backup));
+  FileState state;
+  // An empty file with no backup is one that holds nothing yet.
+  if (rc == GENREG_RC_NOT_RECORD_FILE && stateOf(file_.get(), state) == MD_RC_OK && state.size == 0)
+    rc = GENREG_RC_NOT_FOUND;
+  return rc;
+}
+
+std::uint32_t Reader::get(unsigned long flags, const void* key, std::byte* out) {
+  std::uint32_t rc = open();
+  if (rc == MD_RC_OK) {
+    LiveRecord found{};
+    std::size_t size = 0;
+    rc = findFirst(view_, flags, key, out, found, size);
+  }
+  return isDamage(rc) ? getFromSalvage(flags, key, out) : rc;
+}
+
+std::uint32_t Reader::getFromSalvage(unsigned long flags, const void* key, std::byte* out) const {
+  std::unique_ptr<Salvage> intact;
+  if (const std::uint32_t rc = salvage(intact)) return rc;
+  std::size_t size = 0;
+  for (std::size_t number = 0; number < intact->count(); ++number) {
+    if (const std::uint32_t rc = intact->readRecord(number, out, size)) return rc;
+    if (type_.matches(flags, key, out)) return MD_RC_OK;
+  }
+  return intact->lostBytes() > 0 ? GENREG_RC_DAMAGED : GENREG_RC_NOT_FOUND;
+}
+
+std::uint32_t Scan::open() {
+  const std::uint32_t rc = reader_.open();
+  if (rc == GENREG_RC_NOT_FOUND) return MD_RC_OK;
+  if (rc == MD_RC_OK) {
+    view_ = &reader_.view();
+    return MD_RC_OK;
+  }
+  if (!isDamage(rc)) return rc;
+  const std::uint32_t failed = reader_.salvage(salvage_);
+  if (failed != MD_RC_OK) salvage_.reset();
+  return failed == GENREG_RC_NOT_FOUND ? MD_RC_OK : failed;
+}
+
+std::uint32_t Scan::fail(std::uint32_t rc) {
+  failure_ = rc;
+  over_ = true;
+  return delivered_ == 0 ? rc : GENREG_RC_END_OF_SCAN;
+}
+
+std::uint32_t Scan::next(unsigned long flags, const void* key, std::byte* out) {
+  if (over_) return GENREG_RC_END_OF_SCAN;
+  std::uint32_t rc = salvage_ != nullptr ? nextSalvaged(flags, key, out) : nextMatch(flags, key, out);
+  if (isDamage(rc) && salvage_ == nullptr) {
+    rc = reader_.file() >= 0 ? reader_.salvage(salvage_) : rc;
+    if (rc == MD_RC_OK) rc = nextSalvaged(flags, key, out);
+  }
+  if (rc == MD_RC_OK) {
+    ++delivered_;
+    return rc;
+  }
+  if (rc != GENREG_RC_END_OF_SCAN) return fail(rc);
+  if (salvage_ != nullptr && salvage_->lostBytes() > 0) return fail(GENREG_RC_DAMAGED);
+  return rc;
+}
+
+std::uint32_t Scan::prepare(unsigned long flags, const void* key) {
+  const std::size_t index = type_.bestIndex(flags);
+  const bool isIndexed = index < type_.indexCount;
+  const std::uint64_t digest = isIndexed ? view_->digestOf(index, key) : 0;
+  if (prepared_ && flags == flags_ && digest == digest_) return MD_RC_OK;
+  flags_ = flags;
+  digest_ = digest;
+  prepared_ = true;
+  candidates_.clear();
+  nextCandidate_ = 0;
+  everything_.reset();
+  if (!isIndexed) {
+    everything_ = std::make_unique<LogScan>(*view_);
+    return MD_RC_OK;
+  }
+  return view_->gather(index, digest, candidates_);
+}
+
+std::uint32_t Scan::nextCandidate(std::byte* out, std::size_t& size) {
+  LiveRecord record{};
+  // Who asks another question in the middle of a scan goes on behind the last record he was given.
+  do {
+    if (everything_ != nullptr) {
+      if (const std::uint32_t rc = everything_->next(out, record, size)) return rc;
+    } else {
+      if (nextCandidate_ == candidates_.size()) return GENREG_RC_END_OF_SCAN;
+      record = candidates_[nextCandidate_++];
+    }
+  } while (record.place <= lastPlace_);
+  if (everything_ == nullptr) {
+    if (const std::uint32_t rc = view_->readRecord(record.offset, out, size)) return rc;
+  }
+  candidatePlace_ = record.place;
+  return MD_RC_OK;
+}
+
+std::uint32_t Scan::nextMatch(unsigned long flags, const void* key, std::byte* out) {
+  if (view_ == nullptr) return GENREG_RC_END_OF_SCAN;
+  if (const std::uint32_t rc = prepare(flags, key)) return rc;
+  std::size_t size = 0;
+  for (;;) {
+    if (const std::uint32_t rc = nextCandidate(out, size)) return rc;
+    if (!type_.matches(flags, key, out)) continue;
+    lastPlace_ = candidatePlace_;
+    return MD_RC_OK;
+  }
+}
+
+std::uint32_t Scan::nextSalvaged(unsigned long flags, const void* key, std::byte* out) {
+  std::size_t size = 0;
+  while (nextSalvaged_ < salvage_->count()) {
+    const std::size_t number = nextSalvaged_++;
+    if (salvage_->placeOf(number) <= lastPlace_) continue;
+    if (const std::uint32_t rc = salvage_->readRecord(number, out, size)) return rc;
+    if (!type_.matches(flags, key, out)) continue;
+    lastPlace_ = salvage_->placeOf(number);
+    return MD_RC_OK;
+  }
+  return GENREG_RC_END_OF_SCAN;
+}
+
+}  // namespace zon

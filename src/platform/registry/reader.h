@@ -1,0 +1,91 @@
+// Answers questions from a record file without any right to write: from the file as it stands, and when that is damaged
+// from what is intact in it and its backup.
+#ifndef ZON_PLATFORM_REGISTRY_READER_H
+#define ZON_PLATFORM_REGISTRY_READER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "platform/registry/log_scan.h"
+#include "platform/registry/salvage.h"
+
+namespace zon {
+
+// What is wrong with the file may be helped by salvage.
+bool isDamage(std::uint32_t rc);
+
+// An open record file, as readers see it.
+class Reader {
+ public:
+  Reader(const RecordType& type, const char* filePath, const char* backupPath)
+      : type_(type), filePath_(filePath), backupPath_(backupPath), view_(type) {}
+
+  // GENREG_RC_NOT_FOUND when there is no file: it counts as an empty one.
+  std::uint32_t open();
+
+  // As GenRegBin::Get.
+  std::uint32_t get(unsigned long flags, const void* key, std::byte* out);
+
+  const LogView& view() const { return view_; }
+  int file() const { return file_.get(); }
+
+  // Reads file and backup through for what is intact.
+  std::uint32_t salvage(std::unique_ptr<Salvage>& salvage) const;
+
+ private:
+  std::uint32_t getFromSalvage(unsigned long flags, const void* key, std::byte* out) const;
+
+  const RecordType& type_;
+  const char* filePath_;
+  const char* backupPath_;
+  Descriptor file_;
+  LogView view_;
+};
+
+// A pass over the matching records of one state.
+class Scan {
+ public:
+  // The paths must stay valid as long as the scan.
+  Scan(const RecordType& type, const char* filePath, const char* backupPath)
+      : type_(type), reader_(type_, filePath, backupPath) {}
+  Scan(const Scan&) = delete;
+  Scan& operator=(const Scan&) = delete;
+
+  // Opens the file; or, within a batch, looks at the batch's own state instead.
+  std::uint32_t open();
+  void openOn(const LogView& view) { view_ = &view; }
+
+  // As GenRegBin::GetNext. A failure is told once, then the scan is over; close() tells it again.
+  std::uint32_t next(unsigned long flags, const void* key, std::byte* out);
+  std::uint32_t close() const { return failure_; }
+
+ private:
+  std::uint32_t nextMatch(unsigned long flags, const void* key, std::byte* out);
+  std::uint32_t nextCandidate(std::byte* out, std::size_t& size);
+  std::uint32_t prepare(unsigned long flags, const void* key);
+  std::uint32_t nextSalvaged(unsigned long flags, const void* key, std::byte* out);
+  std::uint32_t fail(std::uint32_t rc);
+
+  const RecordType type_;
+  Reader reader_;
+  const LogView* view_ = nullptr;  // null: no file, or only what is salvaged
+  bool prepared_ = false;
+  unsigned long flags_ = 0;
+  std::uint64_t digest_ = 0;
+  std::unique_ptr<LogScan> everything_;
+  std::vector<LiveRecord> candidates_;
+  std::size_t nextCandidate_ = 0;
+  std::unique_ptr<Salvage> salvage_;
+  std::size_t nextSalvaged_ = 0;
+  std::uint64_t candidatePlace_ = 0;
+  std::uint64_t lastPlace_ = 0;
+  std::uint64_t delivered_ = 0;
+  std::uint32_t failure_ = MD_RC_OK;
+  bool over_ = false;
+};
+
+}  // namespace zon
+
+#endif

@@ -1,0 +1,55 @@
+// What the engine knows of the records of one file: the record type's callbacks and the field sets it is indexed by.
+#ifndef ZON_PLATFORM_REGISTRY_RECORD_TYPE_H
+#define ZON_PLATFORM_REGISTRY_RECORD_TYPE_H
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/registry/format.h"
+#include "zonmdfile/platform/GenRegBase.h"
+
+namespace zon {
+
+// A record may be longer than the record type's maximum by so many bytes, if those are zero. They are not copied out:
+// the caller's buffer is made for the maximum.
+constexpr std::size_t RECORD_ROOM = 8;
+
+struct RecordType {
+  GenRegBase::MatchCallback match = nullptr;
+  GenRegBase::ValidateCallback validate = nullptr;
+  GenRegBase::SizeCallback recordSize = nullptr;
+  GenRegBase::DigestCallback digest = nullptr;
+  std::size_t maxSize = 0;
+  std::array<std::uint8_t, format::MAX_INDEXES> indexFlags{};
+  std::size_t indexCount = 1;
+
+  // The callbacks take void* for what they only read.
+  bool matches(unsigned long flags, const void* key, const void* record) const {
+    return match(flags, const_cast<void*>(record), const_cast<void*>(key)) == 1;
+  }
+
+  // Each index has digests of its own: the same text as a group and as a key must not meet in one chain.
+  std::uint64_t digestFor(std::size_t index, const void* record, std::uint64_t seed) const {
+    return digest(indexFlags[index], record, seed + index * 0x9E3779B97F4A7C15u);
+  }
+
+  // The index that narrows a question the most; indexCount when none of them may be used for it.
+  std::size_t bestIndex(unsigned long flags) const {
+    std::size_t best = indexCount;
+    int bits = 0;
+    for (std::size_t index = 0; index < indexCount; ++index) {
+      const unsigned long fields = indexFlags[index];
+      if (fields != 0 && (fields & flags) == fields && std::popcount(fields) > bits) {
+        best = index;
+        bits = std::popcount(fields);
+      }
+    }
+    return best;
+  }
+};
+
+}  // namespace zon
+
+#endif

@@ -1,0 +1,81 @@
+// What can still be read of a damaged record file, filled up from its backup. Reads only.
+//
+// File and backup of one generation (file id) hold the same bytes at the same offsets, so that a frame that is damaged
+// in one can be taken from the other. A backup of another generation serves only when nothing of the file can be read.
+#ifndef ZON_PLATFORM_REGISTRY_SALVAGE_H
+#define ZON_PLATFORM_REGISTRY_SALVAGE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "platform/registry/log_view.h"
+
+namespace zon {
+
+// A log read without its slots and index, up to the end of the file.
+class RawLog : public LogView {
+ public:
+  RawLog(const RecordType& type, int file, const format::FileHeader& header, std::uint64_t size);
+
+  // The head and the checked payload of the frame at offset.
+  bool hasFrame(std::uint64_t offset, Frame& frame) const;
+};
+
+class Salvage {
+ public:
+  explicit Salvage(const RecordType& type) : type_(type) {}
+
+  // Reads both files through; a descriptor of -1 stands for a file that is not there. GENREG_RC_NOT_RECORD_FILE and
+  // GENREG_RC_NEWER_FORMAT when there is nothing to salvage.
+  std::uint32_t open(int file, int backup);
+
+  // Keeps a descriptor that open was given for as long as this object.
+  void keepBackupOpen(Descriptor backup) { backupDescriptor_ = std::move(backup); }
+
+  // In scan order.
+  std::size_t count() const { return records_.size(); }
+  std::uint32_t readRecord(std::size_t number, std::byte* out, std::size_t& size) const;
+
+  std::uint64_t placeOf(std::size_t number) const { return records_[number].place; }
+
+  // Bytes of the log that neither file has intact, and that may have held records.
+  std::uint64_t lostBytes() const { return lostBytes_; }
+  const format::FileHeader& header() const { return header_; }
+  // Frames that had to be taken from the backup.
+  std::uint64_t fromBackup() const { return fromBackup_; }
+
+ private:
+  struct Event {
+    std::uint64_t place;
+    std::uint64_t offset;
+    bool removed;
+    bool inBackup;
+  };
+
+  void identify(int file, int backup);
+  std::uint32_t walk();
+  void takeFrame(const Frame& frame, bool inBackup);
+  bool frameAt(std::uint64_t offset, Frame& frame, bool& inBackup) const;
+  std::uint64_t skipDamage(std::uint64_t offset);
+  std::uint64_t endOfKnownArea(std::uint64_t offset) const;
+  void keepNewest();
+
+  const RecordType& type_;
+  format::FileHeader header_{};
+  format::Slot slot_{};
+  bool hasSlot_ = false;
+  Descriptor backupDescriptor_;
+  std::unique_ptr<RawLog> file_;
+  std::unique_ptr<RawLog> backup_;
+  std::vector<Event> events_;
+  std::vector<Event> records_;
+  std::uint64_t lostBytes_ = 0;
+  std::uint64_t fromBackup_ = 0;
+};
+
+}  // namespace zon
+
+#endif

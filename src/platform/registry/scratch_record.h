@@ -1,0 +1,29 @@
+// Room for one record of the largest size, from the memory service, whose zero-filled megabyte costs next to nothing.
+#ifndef ZON_PLATFORM_REGISTRY_SCRATCH_RECORD_H
+#define ZON_PLATFORM_REGISTRY_SCRATCH_RECORD_H
+
+#include <cstddef>
+
+#include "zonmdfile/platform/oss.h"
+
+namespace zon {
+
+class ScratchRecord {
+ public:
+  explicit ScratchRecord(std::size_t size) {
+    if (_ossMemAlloc(&memory_, 0, size, 1, "GenRegBin", __LINE__) != 0) memory_ = nullptr;
+  }
+  ScratchRecord(const ScratchRecord&) = delete;
+  ScratchRecord& operator=(const ScratchRecord&) = delete;
+  ~ScratchRecord() { _ossMemFree(&memory_, 0, 0, "GenRegBin", __LINE__); }
+
+  bool isThere() const { return memory_ != nullptr; }
+  std::byte* get() const { return static_cast<std::byte*>(memory_); }
+
+ private:
+  void* memory_ = nullptr;
+};
+
+}  // namespace zon
+
+#endif

@@ -1,0 +1,54 @@
+// The system's own functions, behind the table of system_calls.h.
+#include "platform/registry/system_calls.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+namespace zon {
+
+namespace {
+
+int callOpenAt(int directory, const char* path, int flags, mode_t mode) {
+  return ::openat(directory, path, flags, mode);
+}
+int callDuplicateFrom(int descriptor, int lowest) { return ::fcntl(descriptor, F_DUPFD_CLOEXEC, lowest); }
+
+int callGetResourceLimit(int resource, struct rlimit* limit) {
+  return ::getrlimit(static_cast<__rlimit_resource_t>(resource), limit);
+}
+
+}  // namespace
+
+SystemCalls realSystemCalls() {
+  return SystemCalls{
+      .openAt = callOpenAt,
+      .close = ::close,
+      .duplicateFrom = callDuplicateFrom,
+      .pread = ::pread,
+      .pwrite = ::pwrite,
+      .fdatasync = ::fdatasync,
+      .fsync = ::fsync,
+      .fallocate = ::fallocate,
+      .ftruncate = ::ftruncate,
+      .flock = ::flock,
+      .fstat = ::fstat,
+      .fstatAt = ::fstatat,
+      .renameAt = ::renameat,
+      .linkAt = ::linkat,
+      .unlinkAt = ::unlinkat,
+      .fchmod = ::fchmod,
+      .fchown = ::fchown,
+      .getResourceLimit = callGetResourceLimit,
+      .getRandom = ::getrandom,
+      .clockGetTime = ::clock_gettime,
+      .sleepFor = ::nanosleep,
+  };
+}
+
+SystemCalls systemCalls = realSystemCalls();
+
+}  // namespace zon

@@ -1,0 +1,451 @@
+// The order of locks: the lock file, then the record file itself (so that somebody who deletes the lock file cannot let
+// two writers in), then the temporary file where one is made. Each is held by name: after locking, the name must still
+// lead to the locked file.
+#include "platform/registry/transaction.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cstring>
+#include <utility>
+
+#include "platform/registry/log_scan.h"
+#include "platform/registry/salvage.h"
+#include "platform/registry/system_calls.h"
+
+namespace zon {
+
+namespace {
+
+// The file may be twice as large as its live records and this.
+constexpr std::uint64_t SPACE_SLACK = 65536;
+constexpr std::uint64_t LEAST_GAIN = 16384;
+constexpr std::uint64_t FIRST_BACKUP_DISTANCE = 4096;
+constexpr std::uint64_t BACKUP_DISTANCE = 16384;
+constexpr std::uint64_t BACKUP_SHARE = 16;
+constexpr std::size_t COPY_PIECE = 256 * 1024;
+constexpr int MOST_CORRUPT_COPIES = 1000;
+
+std::uint32_t fillRandom(std::uint64_t& value) {
+  value = 0;
+  while (value == 0) {
+    const ssize_t got = systemCalls.getRandom(&value, sizeof value, 0);
+    if (got < 0 && errno != EINTR) return codeOfErrno(errno);
+    if (got != static_cast<ssize_t>(sizeof value)) value = 0;
+  }
+  return MD_RC_OK;
+}
+
+std::uint32_t makeHeader(const RecordType& type, const format::FileHeader& old, format::FileHeader& header) {
+  header = format::FileHeader{};
+  std::copy(std::begin(format::MAGIC), std::end(format::MAGIC), header.magic);
+  header.version = format::FORMAT_VERSION;
+  header.headerSize = format::LOG_START;
+  if (const std::uint32_t rc = fillRandom(header.fileId)) return rc;
+  if (const std::uint32_t rc = fillRandom(header.hashSeed)) return rc;
+  std::copy(type.indexFlags.begin(), type.indexFlags.end(), header.indexFlags);
+  header.repairs = old.repairs;
+  header.lostBytes = old.lostBytes;
+  header.crc = headerChecksum(header);
+  return MD_RC_OK;
+}
+
+}  // namespace
+
+Transaction::Transaction(const RecordType& type, WriterSettings settings)
+    : type_(type),
+      settings_(std::move(settings)),
+      deadline_(nowMs() + settings_.lockWaitMs),
+      boot_(currentBootId()),
+      scratch_(type.maxSize) {}
+
+std::uint32_t Transaction::begin(bool create) {
+  if (!scratch_.isThere()) return GENREG_RC_NO_MEMORY;
+  if (settings_.paths.isCut) return GENREG_RC_NAME_TOO_LONG;
+  if (const std::uint32_t rc = lockFiles(create)) return rc;
+  return log_ == nullptr ? openLog() : MD_RC_OK;
+}
+
+std::uint32_t Transaction::lockFiles(bool create) {
+  const FilePaths& paths = settings_.paths;
+  if (const std::uint32_t rc = openDirectory(paths.directory.c_str(), directory_)) return rc;
+  FileState state;
+  if (!create) {
+    if (const std::uint32_t rc = stateAt(directory_.get(), paths.file.c_str(), state)) return rc;
+  }
+  // Read access is enough for a lock, and all that a file of another user may grant.
+  const std::uint32_t rc =
+      lockByName(directory_.get(), paths.lock.c_str(), O_RDONLY | O_CREAT, settings_.companionMode, deadline_, lock_);
+  if (rc != MD_RC_OK) return rc == GENREG_RC_NOT_FOUND ? GENREG_RC_NO_DIRECTORY : rc;
+  for (;;) {
+    const std::uint32_t found = lockByName(directory_.get(), paths.file.c_str(), O_RDWR, 0, deadline_, data_);
+    if (found != GENREG_RC_NOT_FOUND || !create) return found;
+    const std::uint32_t made = make();
+    if (made != GENREG_RC_DUPLICATE_KEY) return made;  // somebody else made it meanwhile
+  }
+}
+
+std::uint32_t Transaction::make() {
+  const RecordSource nothing = [](std::byte*, std::size_t&) { return GENREG_RC_END_OF_SCAN; };
+  return rewrite(nothing, 0, format::FileHeader{}, 0, false);
+}
+
+std::uint32_t Transaction::openLog() {
+  auto log = std::make_unique<LogWriter>(type_, boot_, settings_.durable);
+  const std::uint32_t rc = log->open(data_.get());
+  if (rc == MD_RC_OK) {
+    log_ = std::move(log);
+    return MD_RC_OK;
+  }
+  const bool mayBeMended = rc == GENREG_RC_DAMAGED || rc == GENREG_RC_NOT_RECORD_FILE;
+  return mayBeMended && settings_.repairs ? repair() : rc;
+}
+
+std::uint32_t Transaction::sizeOfRecord(const void* record, std::size_t& size) const {
+  unsigned long told = 0;
+  void* writable = const_cast<void*>(record);
+  if (type_.recordSize(writable, &told) != 0 || told == 0 || told > type_.maxSize + RECORD_ROOM)
+    return GENREG_RC_BAD_RECORD;
+  const auto* bytes = static_cast<const std::byte*>(record);
+  for (std::size_t at = type_.maxSize; at < told; ++at) {
+    if (bytes[at] != std::byte{0}) return GENREG_RC_BAD_RECORD;
+  }
+  size = told;
+  return MD_RC_OK;
+}
+
+// Runs a piece of work; when it meets damage, mends the file and runs it once more.
+std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
+  const std::uint32_t rc = work();
+  if (rc != GENREG_RC_DAMAGED || !settings_.repairs || repaired_ || log_->isDirty()) return rc;
+  if (const std::uint32_t failed = repair()) return failed;
+  return work();
+}
+
+std::uint32_t Transaction::add(unsigned long flags, const void* record) {
+  std::size_t size = 0;
+  if (const std::uint32_t rc = sizeOfRecord(record, size)) return rc;
+  if (type_.validate(flags, const_cast<void*>(record)) != 0) return GENREG_RC_BAD_RECORD;
+  return mending([&] { return addSized(flags, record, size); });
+}
+
+std::uint32_t Transaction::addSized(unsigned long flags, const void* record, std::size_t size) {
+  LiveRecord found{};
+  std::size_t foundSize = 0;
+  if (flags != 0) {
+    const std::uint32_t rc = findFirst(*log_, flags, record, scratch_.get(), found, foundSize);
+    if (rc != GENREG_RC_NOT_FOUND) return rc == MD_RC_OK ? GENREG_RC_DUPLICATE_KEY : rc;
+  }
+  // Unless the caller's own condition keeps whole keys unique, see whether they still are.
+  const unsigned long wholeKey = type_.indexFlags[0];
+  if (log_->isUnique() && (flags == 0 || (flags & ~wholeKey) != 0)) {
+    const std::uint32_t rc = findFirst(*log_, wholeKey, record, scratch_.get(), found, foundSize);
+    if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
+    if (rc == MD_RC_OK) log_->setNotUnique();
+  }
+  if (const std::uint32_t rc = log_->appendInsert(record, size)) return rc;
+  return log_->finishCommit();
+}
+
+std::uint32_t Transaction::change(unsigned long flags, const void* key, const void* record) {
+  std::size_t size = 0;
+  if (const std::uint32_t rc = sizeOfRecord(record, size)) return rc;
+  if (type_.validate(0, const_cast<void*>(record)) != 0) return GENREG_RC_BAD_RECORD;
+  return mending([&] { return changeSized(flags, key, record, size); });
+}
+
+std::uint32_t Transaction::changeSized(unsigned long flags, const void* key, const void* record, std::size_t size) {
+  FoundRecord found{};
+  if (const std::uint32_t rc = findFirst(*log_, flags, key, scratch_.get(), found.where, found.size)) return rc;
+  if (found.size == size && std::memcmp(scratch_.get(), record, std::min(size, type_.maxSize)) == 0) {
+    return GENREG_RC_NO_CHANGE;
+  }
+  const unsigned long wholeKey = type_.indexFlags[0];
+  if (log_->isUnique() && !type_.matches(wholeKey, scratch_.get(), record)) {
+    ScratchRecord other(type_.maxSize);
+    if (!other.isThere()) return GENREG_RC_NO_MEMORY;
+    LiveRecord same{};
+    std::size_t sameSize = 0;
+    const std::uint32_t rc = findFirst(*log_, wholeKey, record, other.get(), same, sameSize);
+    if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
+    if (rc == MD_RC_OK) log_->setNotUnique();
+  }
+  if (const std::uint32_t rc = log_->appendChange(found, scratch_.get(), record, size)) return rc;
+  return log_->finishCommit();
+}
+
+std::uint32_t Transaction::remove(unsigned long flags, const void* key, bool all) {
+  return mending([&] { return all ? removeAll(flags, key) : removeFirst(flags, key); });
+}
+
+std::uint32_t Transaction::removeFirst(unsigned long flags, const void* key) {
+  FoundRecord found{};
+  if (const std::uint32_t rc = findFirst(*log_, flags, key, scratch_.get(), found.where, found.size)) return rc;
+  if (const std::uint32_t rc = log_->appendRemove(found, scratch_.get())) return rc;
+  return log_->finishCommit();
+}
+
+std::uint32_t Transaction::removeAll(unsigned long flags, const void* key) {
+  std::vector<LiveRecord> matches;
+  if (const std::uint32_t rc = findAll(*log_, flags, key, scratch_.get(), matches)) return rc;
+  if (matches.empty()) return GENREG_RC_NOT_FOUND;
+  for (const LiveRecord& match : matches) {
+    FoundRecord found{.where = match, .size = 0};
+    if (const std::uint32_t rc = log_->readRecord(match.offset, scratch_.get(), found.size)) return rc;
+    if (const std::uint32_t rc = log_->appendRemove(found, scratch_.get())) return rc;
+  }
+  return log_->finishCommit();
+}
+
+std::uint32_t Transaction::commit() {
+  if (!log_->isDirty()) return MD_RC_OK;
+  if (const std::uint32_t rc = log_->commit()) return rc;
+  maintain();
+  return MD_RC_OK;
+}
+
+std::uint32_t Transaction::commitWhenHeavy() { return log_->isHeavy() ? commit() : MD_RC_OK; }
+
+// ---- Writing the file anew
+
+std::uint32_t Transaction::lockTemporary(LockedFile& temporary) {
+  const char* name = settings_.paths.temporary.c_str();
+  for (;;) {
+    FileState state;
+    std::uint32_t rc = stateAt(directory_.get(), name, state);
+    if (rc == MD_RC_OK) {
+      // Left by a writer that died, or being made by one that is at work: whoever has its lock may remove it.
+      LockedFile stale;
+      rc = lockByName(directory_.get(), name, O_RDONLY, 0, deadline_, stale);
+      if (rc == MD_RC_OK && systemCalls.unlinkAt(directory_.get(), name, 0) != 0) rc = codeOfErrno(errno);
+      if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
+    } else if (rc != GENREG_RC_NOT_FOUND) {
+      return rc;
+    }
+    rc = lockByName(directory_.get(), name, O_RDWR | O_CREAT | O_EXCL, settings_.fileMode, deadline_, temporary);
+    if (rc != GENREG_RC_SYSTEM_ERROR) return rc;
+    if (nowMs() >= deadline_) return GENREG_RC_LOCK_TIMEOUT;
+  }
+}
+
+std::uint32_t Transaction::fill(LogWriter& fresh, const RecordSource& source, bool mayRepeatKeys) {
+  std::size_t size = 0;
+  for (;;) {
+    std::uint32_t rc = source(scratch_.get(), size);
+    if (rc == GENREG_RC_END_OF_SCAN) return fresh.finish();
+    if (rc != MD_RC_OK) return rc;
+    FoundRecord found{};
+    if (mayRepeatKeys) {
+      // Of a key that damage brought back, the later record is the right one.
+      ScratchRecord earlier(type_.maxSize);
+      if (!earlier.isThere()) return GENREG_RC_NO_MEMORY;
+      rc = findFirst(fresh, type_.indexFlags[0], scratch_.get(), earlier.get(), found.where, found.size);
+      if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
+      rc = rc == MD_RC_OK ? fresh.appendChange(found, earlier.get(), scratch_.get(), size)
+                          : fresh.appendInsert(scratch_.get(), size);
+    } else {
+      rc = fresh.appendInsert(scratch_.get(), size);
+    }
+    if (rc == MD_RC_OK) rc = fresh.finishCommit();
+    if (rc == MD_RC_OK && fresh.isHeavy()) rc = fresh.spill();
+    if (rc != MD_RC_OK) return rc;
+  }
+}
+
+std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t expectedRecords,
+                                   const format::FileHeader& old, bool keysAreUnique, bool mayRepeatKeys) {
+  LockedFile temporary;
+  if (const std::uint32_t rc = lockTemporary(temporary)) return rc;
+  auto fresh = std::make_unique<LogWriter>(type_, boot_, settings_.durable);
+  format::FileHeader header;
+  std::uint32_t rc = makeHeader(type_, old, header);
+  if (rc == MD_RC_OK) rc = fresh->create(temporary.get(), header, expectedRecords);
+  if (rc == MD_RC_OK && (!keysAreUnique || mayRepeatKeys)) fresh->lookKeysUp();
+  if (rc == MD_RC_OK && !keysAreUnique) fresh->setNotUnique();
+  if (rc == MD_RC_OK) rc = fill(*fresh, source, mayRepeatKeys);
+  if (rc == MD_RC_OK && data_.isHeld()) rc = takeOverOwner(temporary.get());
+  if (rc == MD_RC_OK) rc = putInPlace(temporary, settings_.paths.file);
+  if (rc == MD_RC_OK || rc == GENREG_RC_DURABILITY_UNKNOWN) {
+    data_ = std::move(temporary);
+    log_ = std::move(fresh);
+    return rc;
+  }
+  systemCalls.unlinkAt(directory_.get(), settings_.paths.temporary.c_str(), 0);
+  return rc;
+}
+
+// The new file is to be what the old one was to its readers. Who may not give it to its owner leaves things as they
+// are.
+std::uint32_t Transaction::takeOverOwner(int temporary) const {
+  FileState old;
+  FileState state;
+  if (const std::uint32_t rc = stateOf(data_.get(), old)) return rc;
+  if (const std::uint32_t rc = stateOf(temporary, state)) return rc;
+  if (state.owner != old.owner || state.group != old.group) {
+    if (systemCalls.fchown(temporary, old.owner, old.group) != 0) return codeOfErrno(errno);
+  }
+  if (state.mode != old.mode && systemCalls.fchmod(temporary, old.mode & 07777) != 0) return codeOfErrno(errno);
+  return MD_RC_OK;
+}
+
+// The file was synced before: a rename that became durable first would leave the name with an empty file. The directory
+// is synced after: without it the name could lead back to the old file, and what is committed to the new one would be
+// lost.
+std::uint32_t Transaction::putInPlace(const LockedFile& temporary, const std::string& name) {
+  FileState held;
+  FileState named;
+  const char* from = settings_.paths.temporary.c_str();
+  if (const std::uint32_t rc = stateOf(temporary.get(), held)) return rc;
+  if (const std::uint32_t rc = stateAt(directory_.get(), from, named)) return rc;
+  if (held.inode != named.inode || held.device != named.device) return GENREG_RC_NOT_REGULAR;
+  if (!data_.isHeld()) {
+    const std::uint32_t rc = stateAt(directory_.get(), name.c_str(), named);
+    if (rc != GENREG_RC_NOT_FOUND) return rc == MD_RC_OK ? GENREG_RC_DUPLICATE_KEY : rc;
+  }
+  if (systemCalls.renameAt(directory_.get(), from, directory_.get(), name.c_str()) != 0) return codeOfErrno(errno);
+  return syncDirectory(directory_.get());
+}
+
+std::uint32_t Transaction::compact() {
+  if (log_->isDirty()) return GENREG_RC_INTERNAL;
+  LogScan scan(*log_);
+  const RecordSource source = [&scan](std::byte* out, std::size_t& size) {
+    LiveRecord record{};
+    return scan.next(out, record, size);
+  };
+  return rewrite(source, log_->records(), log_->header(), log_->isUnique(), false);
+}
+
+std::uint32_t Transaction::repair() {
+  repaired_ = true;
+  Descriptor backup;
+  const std::uint32_t opened = openRegular(directory_.get(), settings_.paths.backup.c_str(), O_RDONLY, 0, backup);
+  Salvage salvage(type_);
+  const std::uint32_t rc = salvage.open(data_.get(), opened == MD_RC_OK ? backup.get() : -1);
+  if (rc == GENREG_RC_NOT_RECORD_FILE) {
+    FileState state;
+    if (const std::uint32_t failed = stateOf(data_.get(), state)) return failed;
+    return state.size == 0 ? make() : rc;
+  }
+  if (rc != MD_RC_OK) return rc;
+  if (const std::uint32_t failed = keepCorruptCopy()) return failed;
+  std::size_t next = 0;
+  const RecordSource source = [&](std::byte* out, std::size_t& size) {
+    return next == salvage.count() ? GENREG_RC_END_OF_SCAN : salvage.readRecord(next++, out, size);
+  };
+  format::FileHeader header = salvage.header();
+  ++header.repairs;
+  header.lostBytes += salvage.lostBytes();
+  return rewrite(source, salvage.count(), header, true, true);
+}
+
+// The damaged bytes get a second name, which must be durable before their first one is given away. An older corrupt
+// copy gets a number.
+std::uint32_t Transaction::keepCorruptCopy() {
+  const int directory = directory_.get();
+  const std::string& corrupt = settings_.paths.corrupt;
+  for (int number = 1; number <= MOST_CORRUPT_COPIES; ++number) {
+    FileState state;
+    const std::uint32_t rc = stateAt(directory, corrupt.c_str(), state);
+    if (rc == GENREG_RC_NOT_FOUND) break;
+    if (rc != MD_RC_OK) return rc;
+    const std::string numbered = corrupt + "." + std::to_string(number);
+    if (stateAt(directory, numbered.c_str(), state) == MD_RC_OK) continue;
+    if (systemCalls.renameAt(directory, corrupt.c_str(), directory, numbered.c_str()) != 0) return codeOfErrno(errno);
+    break;
+  }
+  if (systemCalls.linkAt(directory, settings_.paths.file.c_str(), directory, corrupt.c_str(), 0) != 0) {
+    return codeOfErrno(errno);
+  }
+  return syncDirectory(directory);
+}
+
+// ---- Upkeep after a commit. Nothing here can fail the commit: what does not work now is tried again after a later
+// one.
+
+bool Transaction::isTooLarge() const {
+  const format::Slot& slot = log_->slot();
+  const std::uint64_t limit = 2 * (std::min(slot.recordBytes, slot.liveFrameBytes) + SPACE_SLACK);
+  return log_->fileSize() > limit - limit / 8 && log_->deadBytes() >= std::max(LEAST_GAIN, slot.liveFrameBytes / 8);
+}
+
+void Transaction::maintain() {
+  if (isTooLarge() || log_->isIndexFull()) compact();
+  if (settings_.keepsBackup) updateBackup();
+}
+
+void Transaction::updateBackup() {
+  const std::uint64_t end = log_->end();
+  const std::uint64_t reached = log_->slot().backupEnd;
+  const std::uint64_t frames = end - format::LOG_START - log_->areaBytes();
+  if (reached == 0 ? frames < FIRST_BACKUP_DISTANCE : end - reached < std::max(BACKUP_DISTANCE, end / BACKUP_SHARE))
+    return;
+  Descriptor backup;
+  std::uint32_t rc = openRegular(directory_.get(), settings_.paths.backup.c_str(), O_RDWR, 0, backup);
+  if (rc == MD_RC_OK) rc = extendBackup(backup.get());
+  if (rc == GENREG_RC_NOT_FOUND) rc = makeBackup();
+  if (rc == MD_RC_OK) log_->republish(end);
+}
+
+// GENREG_RC_NOT_FOUND when this is not a backup of the present file that may be written to.
+std::uint32_t Transaction::extendBackup(int backup) {
+  FileState state;
+  if (const std::uint32_t rc = stateOf(backup, state)) return rc;
+  HeaderPage page;
+  const std::uint32_t rc = readHeaderPage(backup, page);
+  const bool isOurs =
+      rc == MD_RC_OK && state.links == 1 && page.header.fileId == log_->header().fileId && page.hasSlot();
+  if (!isOurs) return GENREG_RC_NOT_FOUND;
+  const format::Slot& slot = page.slots[page.newest()];
+  if (slot.end > log_->end()) return GENREG_RC_NOT_FOUND;
+  if (const std::uint32_t failed = reserve(backup, state.size, log_->end())) return failed;
+  if (const std::uint32_t failed = copyLog(backup, slot.end)) return failed;
+  if (const std::uint32_t failed = syncData(backup)) return failed;
+  return sealBackup(backup, slot.sequence + 1);
+}
+
+std::uint32_t Transaction::makeBackup() {
+  LockedFile temporary;
+  if (const std::uint32_t rc = lockTemporary(temporary)) return rc;
+  const int file = temporary.get();
+  std::uint32_t rc = takeOverOwner(file);
+  if (rc == MD_RC_OK) rc = reserve(file, 0, log_->end());
+  if (rc == MD_RC_OK) rc = writeAt(file, 0, bytesOf(log_->header()));
+  if (rc == MD_RC_OK) rc = writeAt(file, format::HEADER_COPY_OFFSET, bytesOf(log_->header()));
+  if (rc == MD_RC_OK) rc = copyLog(file, format::LOG_START);
+  if (rc == MD_RC_OK) rc = sealBackup(file, 1);
+  if (rc == MD_RC_OK) rc = sealBackup(file, 2);
+  if (rc == MD_RC_OK) rc = syncFile(file);
+  if (rc == MD_RC_OK) rc = putInPlace(temporary, settings_.paths.backup);
+  if (rc != MD_RC_OK && rc != GENREG_RC_DURABILITY_UNKNOWN) {
+    systemCalls.unlinkAt(directory_.get(), settings_.paths.temporary.c_str(), 0);
+  }
+  return rc;
+}
+
+std::uint32_t Transaction::copyLog(int backup, std::uint64_t from) {
+  std::vector<std::byte> piece(static_cast<std::size_t>(std::min<std::uint64_t>(COPY_PIECE, log_->end() - from)));
+  for (std::uint64_t at = from; at < log_->end();) {
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), log_->end() - at));
+    std::size_t got = 0;
+    if (const std::uint32_t rc = readAt(data_.get(), at, std::span(piece).first(wanted), got)) return rc;
+    if (got < wanted) return GENREG_RC_DAMAGED;
+    if (const std::uint32_t rc = writeAt(backup, at, std::span(piece).first(wanted))) return rc;
+    at += wanted;
+  }
+  return MD_RC_OK;
+}
+
+// A backup is read frame by frame: its slot tells only how far it reaches.
+std::uint32_t Transaction::sealBackup(int backup, std::uint64_t sequence) {
+  format::Slot slot = log_->slot();
+  slot.overlayCount = 0;
+  slot.overlayApplied = 0;
+  slot.end = log_->end();
+  slot.sequence = sequence;
+  std::fill(std::begin(slot.bootId), std::end(slot.bootId), std::uint8_t{0});
+  sealSlot(slot, log_->key().salt);
+  return writeAt(backup, format::SLOT_OFFSET[sequence % 2], bytesOf(slot).first(slotSize(slot)));
+}
+
+}  // namespace zon

@@ -1,0 +1,99 @@
+// One writer's work on one record file: takes the locks, opens or makes the file, lets records be added, changed and
+// removed, commits, and afterwards keeps the file small and its backup near. Whatever is not committed when the object
+// goes is gone.
+#ifndef ZON_PLATFORM_REGISTRY_TRANSACTION_H
+#define ZON_PLATFORM_REGISTRY_TRANSACTION_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "platform/registry/file_lock.h"
+#include "platform/registry/file_paths.h"
+#include "platform/registry/log_writer.h"
+#include "platform/registry/scratch_record.h"
+
+namespace zon {
+
+struct WriterSettings {
+  FilePaths paths;
+  std::uint32_t fileMode = 0666;
+  std::uint32_t companionMode = 0666;
+  std::uint32_t lockWaitMs = 0;
+  bool repairs = true;
+  bool keepsBackup = true;
+  bool durable = true;
+};
+
+class Transaction {
+ public:
+  Transaction(const RecordType& type, WriterSettings settings);
+
+  // GENREG_RC_NOT_FOUND when there is no file and `create` is false; nothing is made then.
+  std::uint32_t begin(bool create);
+
+  std::uint32_t add(unsigned long flags, const void* record);
+  std::uint32_t change(unsigned long flags, const void* key, const void* record);
+  std::uint32_t remove(unsigned long flags, const void* key, bool all);
+
+  // Makes the work so far durable and visible.
+  std::uint32_t commit();
+  // In a batch: commits only when so much waits that it should not grow further.
+  std::uint32_t commitWhenHeavy();
+
+  std::uint32_t compact();
+  // Writes the file anew from what it and its backup hold intact, and keeps the present one as the corrupt copy.
+  std::uint32_t repair();
+
+  const LogView& view() const { return *log_; }
+  bool hasFile() const { return log_ != nullptr; }
+  // The file was written anew because it was damaged.
+  bool isRepaired() const { return repaired_; }
+
+ private:
+  // Answers one record after the other of what is to be written anew, then GENREG_RC_END_OF_SCAN.
+  using RecordSource = std::function<std::uint32_t(std::byte* out, std::size_t& size)>;
+
+  std::uint32_t lockFiles(bool create);
+  std::uint32_t openLog();
+  std::uint32_t make();
+  std::uint32_t mending(const std::function<std::uint32_t()>& work);
+  std::uint32_t sizeOfRecord(const void* record, std::size_t& size) const;
+  std::uint32_t addSized(unsigned long flags, const void* record, std::size_t size);
+  std::uint32_t changeSized(unsigned long flags, const void* key, const void* record, std::size_t size);
+  std::uint32_t removeFirst(unsigned long flags, const void* key);
+  std::uint32_t removeAll(unsigned long flags, const void* key);
+
+  std::uint32_t lockTemporary(LockedFile& temporary);
+  std::uint32_t rewrite(const RecordSource& source, std::uint64_t expectedRecords, const format::FileHeader& old,
+                        bool keysAreUnique, bool mayRepeatKeys);
+  std::uint32_t fill(LogWriter& fresh, const RecordSource& source, bool mayRepeatKeys);
+  std::uint32_t takeOverOwner(int temporary) const;
+  std::uint32_t putInPlace(const LockedFile& temporary, const std::string& name);
+  std::uint32_t keepCorruptCopy();
+
+  void maintain();
+  bool isTooLarge() const;
+  void updateBackup();
+  std::uint32_t extendBackup(int backup);
+  std::uint32_t makeBackup();
+  std::uint32_t copyLog(int backup, std::uint64_t from);
+  std::uint32_t sealBackup(int backup, std::uint64_t sequence);
+
+  const RecordType type_;
+  WriterSettings settings_;
+  std::uint64_t deadline_;
+  BootId boot_;
+  Descriptor directory_;
+  LockedFile lock_;
+  LockedFile data_;
+  std::unique_ptr<LogWriter> log_;
+  ScratchRecord scratch_;
+  bool repaired_ = false;
+};
+
+}  // namespace zon
+
+#endif

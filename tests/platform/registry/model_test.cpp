@@ -1,0 +1,160 @@
+// The engine against a list in memory: the same random changes to both, after which every question must get the same
+// answer. Every sequence follows from its seed, which a failure tells.
+#include <algorithm>
+#include <random>
+
+#include "test_records.h"
+
+namespace zon::test {
+namespace {
+
+// What a record file holds, as simply as it can be told.
+class Model {
+ public:
+  std::uint32_t add(const Value& value) {
+    if (find(value.group, value.key) != records_.end()) return GENREG_RC_DUPLICATE_KEY;
+    records_.push_back(value);
+    return MD_RC_OK;
+  }
+  std::uint32_t change(const Value& value) {
+    const auto found = find(value.group, value.key);
+    if (found == records_.end()) return GENREG_RC_NOT_FOUND;
+    if (*found == value) return GENREG_RC_NO_CHANGE;
+    *found = value;
+    return MD_RC_OK;
+  }
+  std::uint32_t rename(const Value& from, const Value& to) {
+    const auto found = find(from.group, from.key);
+    if (found == records_.end()) return GENREG_RC_NOT_FOUND;
+    if (*found == to) return GENREG_RC_NO_CHANGE;
+    *found = to;
+    return MD_RC_OK;
+  }
+  std::uint32_t remove(const std::string& group, const std::string& key) {
+    const auto found = find(group, key);
+    if (found == records_.end()) return GENREG_RC_NOT_FOUND;
+    records_.erase(found);
+    return MD_RC_OK;
+  }
+  std::uint32_t removeGroup(const std::string& group) {
+    const auto removed = std::erase_if(records_, [&](const Value& value) { return value.group == group; });
+    return removed == 0 ? GENREG_RC_NOT_FOUND : MD_RC_OK;
+  }
+  bool has(const std::string& group, const std::string& key) { return find(group, key) != records_.end(); }
+  std::vector<Value> list(unsigned long flags, const Value& match) const {
+    std::vector<Value> values;
+    for (const Value& value : records_) {
+      if ((flags & GROUP) != 0 && value.group != match.group) continue;
+      if ((flags & KEY) != 0 && value.key != match.key) continue;
+      if ((flags & DATA) != 0 && value.data != match.data) continue;
+      values.push_back(value);
+    }
+    return values;
+  }
+
+ private:
+  std::vector<Value>::iterator find(const std::string& group, const std::string& key) {
+    return std::find_if(records_.begin(), records_.end(),
+                        [&](const Value& value) { return value.group == group && value.key == key; });
+  }
+  std::vector<Value> records_;
+};
+
+class RandomChanges {
+ public:
+  RandomChanges(std::uint32_t seed, unsigned groups, unsigned keys) : random_(seed), groups_(groups), keys_(keys) {}
+
+  std::string group() { return "g" + std::to_string(below(groups_)); }
+  std::string key() { return "k" + std::to_string(below(keys_)); }
+  std::string data() {
+    const unsigned kind = below(40);
+    const std::size_t size = kind == 0 ? below(100000) : kind < 4 ? below(3000) : below(60);
+    return std::string(size, static_cast<char>('a' + below(26))) + std::to_string(below(1000));
+  }
+  unsigned below(unsigned limit) { return std::uniform_int_distribution<unsigned>(0, limit - 1)(random_); }
+
+ private:
+  std::mt19937 random_;
+  unsigned groups_;
+  unsigned keys_;
+};
+
+void compareAll(TestStore& store, const Model& model, RandomChanges& random) {
+  ASSERT_EQ(store.list(), model.list(0, {}));
+  const Value match{random.group(), random.key(), ""};
+  for (const unsigned long flags : {GROUP, KEY, WHOLE_KEY})
+    ASSERT_EQ(store.list(flags, match), model.list(flags, match));
+}
+
+void step(TestStore& store, Model& model, RandomChanges& random) {
+  const Value value{random.group(), random.key(), random.data()};
+  const unsigned kind = random.below(100);
+  if (kind < 40) {
+    ASSERT_EQ(store.add(value), model.add(value));
+  } else if (kind < 65) {
+    ASSERT_EQ(store.change(value), model.change(value));
+  } else if (kind < 85) {
+    ASSERT_EQ(store.remove(value.group, value.key), model.remove(value.group, value.key));
+  } else if (kind < 87) {
+    ASSERT_EQ(store.removeAll(value.group, "", GROUP), model.removeGroup(value.group));
+  } else if (kind < 90) {
+    const Value to{random.group(), random.key(), random.data()};
+    if (!model.has(to.group, to.key)) {
+      ASSERT_EQ(store.changeTo(value, to), model.rename(value, to));
+    }
+  } else {
+    Value found;
+    const auto expected = model.list(WHOLE_KEY, value);
+    ASSERT_EQ(store.get(value.group, value.key, found), expected.empty() ? GENREG_RC_NOT_FOUND : MD_RC_OK);
+    if (!expected.empty()) {
+      ASSERT_EQ(found, expected.front());
+    }
+  }
+}
+
+void run(std::uint32_t seed, unsigned groups, unsigned keys, int steps, int batchLength) {
+  SCOPED_TRACE("seed " + std::to_string(seed));
+  const TestFolder folder;
+  TestStore store(folder.path());
+  Model model;
+  RandomChanges random(seed, groups, keys);
+  for (int at = 0; at < steps; ++at) {
+    if (batchLength > 0 && at % batchLength == 0) {
+      if (at > 0) {
+        ASSERT_EQ(store.commitBatch(), MD_RC_OK);
+      }
+      ASSERT_EQ(store.beginBatch(), MD_RC_OK);
+    }
+    ASSERT_NO_FATAL_FAILURE(step(store, model, random)) << "step " << at;
+    if (at % 97 == 0) {
+      ASSERT_NO_FATAL_FAILURE(compareAll(store, model, random)) << "step " << at;
+    }
+    if (at % 997 == 996 && batchLength == 0) {
+      ASSERT_EQ(store.compact(), MD_RC_OK);
+    }
+  }
+  if (batchLength > 0) {
+    ASSERT_EQ(store.commitBatch(), MD_RC_OK);
+  }
+  ASSERT_NO_FATAL_FAILURE(compareAll(store, model, random));
+  GenRegStatus status;
+  ASSERT_EQ(store.status(status), MD_RC_OK);
+  EXPECT_EQ(status.records, model.list(0, {}).size());
+  EXPECT_EQ(status.damaged, 0u);
+  EXPECT_EQ(status.repairs, 0u);
+}
+
+TEST(EngineModel, FewKeysManyChanges) { run(1, 3, 5, 3000, 0); }
+TEST(EngineModel, ManyKeys) { run(2, 20, 200, 4000, 0); }
+TEST(EngineModel, OneGroup) { run(3, 1, 300, 3000, 0); }
+TEST(EngineModel, Batches) { run(4, 10, 50, 6000, 50); }
+TEST(EngineModel, OneLongBatch) { run(5, 50, 400, 40000, 40000); }
+
+TEST(EngineModel, DigestsThatAllMeet) {
+  digestsCollide = true;
+  run(6, 4, 10, 1500, 0);
+  digestsCollide = false;
+}
+
+}  // namespace
+}  // namespace zon::test

@@ -1,0 +1,204 @@
+// A record type for the engine's tests, with a group and a key, and a folder of its own for every test.
+#ifndef ZON_TESTS_PLATFORM_REGISTRY_TEST_RECORDS_H
+#define ZON_TESTS_PLATFORM_REGISTRY_TEST_RECORDS_H
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "zonmdfile/platform/GenRegBin.h"
+#include "zonmdfile/platform/return_codes.h"
+
+namespace zon::test {
+
+constexpr unsigned long GROUP = 2;
+constexpr unsigned long KEY = 8;
+constexpr unsigned long DATA = 32;
+constexpr unsigned long WHOLE_KEY = GROUP | KEY;
+constexpr std::size_t MAX_DATA = 1 << 20;
+
+// As it lies in memory and in the file: fixed fields, then the data with its closing NUL and four zero bytes.
+struct TestRecord {
+  char group[32];
+  char key[32];
+  std::uint32_t dataSize;
+  char data[1];
+};
+constexpr std::size_t FIXED_SIZE = offsetof(TestRecord, data);
+
+struct Value {
+  std::string group;
+  std::string key;
+  std::string data;
+  bool operator==(const Value&) const = default;
+};
+
+inline void PrintTo(const Value& value, std::ostream* out) {
+  *out << '(' << value.group << ", " << value.key << ", " << value.data.substr(0, 20) << "... " << value.data.size()
+       << ')';
+}
+
+inline int matchRecord(unsigned long flags, void* record, void* other) {
+  const auto* a = static_cast<const TestRecord*>(record);
+  const auto* b = static_cast<const TestRecord*>(other);
+  if ((flags & GROUP) != 0 && std::strcmp(a->group, b->group) != 0) return 0;
+  if ((flags & KEY) != 0 && std::strcmp(a->key, b->key) != 0) return 0;
+  if ((flags & DATA) != 0 && std::strcmp(a->data, b->data) != 0) return 0;
+  return 1;
+}
+inline int validateRecord(unsigned long, void* record) {
+  return std::strcmp(static_cast<const TestRecord*>(record)->key, "refuse me") == 0 ? 1 : 0;
+}
+inline int printRecord(void*) { return 0; }
+inline int recordSize(void* record, unsigned long* size) {
+  *size = FIXED_SIZE + static_cast<const TestRecord*>(record)->dataSize + 4;
+  return 0;
+}
+inline int maxRecordSize(unsigned long* size) {
+  *size = FIXED_SIZE + MAX_DATA + 4;
+  return 0;
+}
+
+// FNV-1a with a final mix. Set to make every digest meet every other.
+inline bool digestsCollide = false;
+inline std::uint64_t digestRecord(unsigned long flags, const void* record, std::uint64_t seed) {
+  const auto* fields = static_cast<const TestRecord*>(record);
+  if (digestsCollide) return flags;
+  std::uint64_t hash = seed ^ 0xCBF29CE484222325u;
+  const auto take = [&hash](const char* text) {
+    for (; *text != '\0'; ++text) hash = (hash ^ static_cast<unsigned char>(*text)) * 0x100000001B3u;
+    hash = (hash ^ 0xFF) * 0x100000001B3u;
+  };
+  if ((flags & GROUP) != 0) take(fields->group);
+  if ((flags & KEY) != 0) take(fields->key);
+  hash ^= hash >> 32;
+  hash *= 0xD6E8FEB86659FD93u;
+  return hash ^ hash >> 32;
+}
+
+// The bytes of a record, zero-filled up to the largest size when `full`.
+inline std::vector<std::byte> encode(const Value& value, bool full = false) {
+  const std::size_t size = FIXED_SIZE + value.data.size() + 1 + 4;
+  std::vector<std::byte> bytes(full ? FIXED_SIZE + MAX_DATA + 16 : size);
+  auto* record = reinterpret_cast<TestRecord*>(bytes.data());
+  std::memcpy(record->group, value.group.data(), value.group.size());
+  std::memcpy(record->key, value.key.data(), value.key.size());
+  record->dataSize = static_cast<std::uint32_t>(value.data.size() + 1);
+  std::memcpy(bytes.data() + FIXED_SIZE, value.data.data(), value.data.size());
+  return bytes;
+}
+
+inline Value decode(const std::vector<std::byte>& bytes) {
+  const auto* record = reinterpret_cast<const TestRecord*>(bytes.data());
+  return Value{record->group, record->key,
+               std::string(reinterpret_cast<const char*>(bytes.data()) + FIXED_SIZE, record->dataSize - 1)};
+}
+
+class TestStore : public GenRegBin {
+ public:
+  explicit TestStore(const std::filesystem::path& folder, bool grouped = true) {
+    callbacks_ = {matchRecord, validateRecord, printRecord, recordSize, maxRecordSize, digestRecord};
+    indexFlags_[0] = grouped ? WHOLE_KEY : KEY;
+    indexFlags_[1] = grouped ? GROUP : 0;
+    const auto set = [](char* path, const std::filesystem::path& name) {
+      std::snprintf(path, PATH_SIZE, "%s", name.c_str());
+    };
+    set(filePath_, folder / "store");
+    set(backupPath_, folder / ".store.bkp");
+    set(temporaryPath_, folder / "store.tmp");
+    set(corruptPath_, folder / "store.cor");
+    set(lockPath_, folder / ".store.lock");
+    options_ |= OPTION_DURABLE;
+    setFeature(FEATURE_REPAIR);
+    setFeature(FEATURE_BACKUP);
+  }
+
+  std::uint32_t add(const Value& value, unsigned long flags = WHOLE_KEY) {
+    auto record = encode(value);
+    return Add(flags, record.data());
+  }
+  std::uint32_t change(const Value& value, unsigned long flags = WHOLE_KEY) {
+    auto key = encode(value, true);
+    auto record = encode(value);
+    return Change(flags, key.data(), record.data());
+  }
+  std::uint32_t changeTo(const Value& from, const Value& to, unsigned long flags = WHOLE_KEY) {
+    auto key = encode(from, true);
+    auto record = encode(to);
+    return Change(flags, key.data(), record.data());
+  }
+  std::uint32_t remove(const std::string& group, const std::string& key, unsigned long flags = WHOLE_KEY) {
+    auto match = encode({group, key, ""}, true);
+    return Delete(flags, match.data());
+  }
+  std::uint32_t removeAll(const std::string& group, const std::string& key, unsigned long flags) {
+    setFeature(FEATURE_DELETE_ALL);
+    const std::uint32_t rc = remove(group, key, flags);
+    unsetFeature(FEATURE_DELETE_ALL);
+    return rc;
+  }
+  std::uint32_t get(const std::string& group, const std::string& key, Value& value, unsigned long flags = WHOLE_KEY,
+                    const std::string& data = "") {
+    auto match = encode({group, key, data}, true);
+    std::vector<std::byte> out(match.size());
+    const std::uint32_t rc = Get(flags, match.data(), out.data());
+    if (rc == MD_RC_OK) value = decode(out);
+    return rc;
+  }
+
+  // All records that match, in scan order; rc is the scan's.
+  std::vector<Value> list(unsigned long flags = 0, const Value& match = {}, std::uint32_t* result = nullptr) {
+    std::vector<Value> values;
+    std::uint32_t rc = OpenScan();
+    if (rc == MD_RC_OK) {
+      auto key = encode(match, true);
+      std::vector<std::byte> out(key.size());
+      while ((rc = GetNext(flags, key.data(), out.data())) == MD_RC_OK) values.push_back(decode(out));
+      const std::uint32_t closed = CloseScan();
+      rc = rc == GENREG_RC_END_OF_SCAN ? closed : rc;
+    }
+    if (result != nullptr) *result = rc;
+    return values;
+  }
+};
+
+class TestFolder {
+ public:
+  TestFolder() {
+    std::string name = (std::filesystem::temp_directory_path() / "zonregXXXXXX").string();
+    if (mkdtemp(name.data()) == nullptr) std::abort();
+    path_ = name;
+  }
+  TestFolder(const TestFolder&) = delete;
+  TestFolder& operator=(const TestFolder&) = delete;
+  ~TestFolder() {
+    std::error_code ignored;
+    std::filesystem::permissions(path_, std::filesystem::perms::owner_all, ignored);
+    std::filesystem::remove_all(path_, ignored);
+  }
+
+  const std::filesystem::path& path() const { return path_; }
+  std::filesystem::path file() const { return path_ / "store"; }
+  std::filesystem::path backup() const { return path_ / ".store.bkp"; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+// A test with a folder and a store in it.
+class EngineTest : public ::testing::Test {
+ protected:
+  TestFolder folder_;
+  TestStore store_{folder_.path()};
+};
+
+}  // namespace zon::test
+
+#endif
