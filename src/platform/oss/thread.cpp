@@ -1,4 +1,4 @@
-// The calling thread's identity. The rule: nothing is cached, for a number kept from before a fork would be the parent's.
+// The calling thread's identity. The rule: nothing is cached, for a number from before a fork would be the parent's.
 #include <sys/syscall.h>
 #include <unistd.h>
 
