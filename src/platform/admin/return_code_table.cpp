@@ -113,7 +113,7 @@ constexpr std::array RETURN_CODES{
     ReturnCode{GENREG_RC_SCAN_OPEN, "GENREG_RC_SCAN_OPEN", -22341, "24502",
                "A scan is open on this object already. Close it first, or use a second object."},
     ReturnCode{GENREG_RC_NO_BATCH, "GENREG_RC_NO_BATCH", -22342, "25000",
-               "No batch of changes is under way on this object, or one is already. Begin and commit batches in pairs."},
+               "No batch of changes is under way on this object, or one is already. Begin and commit a batch in pairs."},
 };
 
 constexpr std::array BOUNDARY_SQL_STATES{

@@ -1,5 +1,5 @@
-// The memory service, through its exported functions. The rule: every test uses a label of its own, so that what it counts is
-// its own.
+// The memory service, through its exported functions. The rule: every test uses a label of its own, so that what it
+// counts is its own.
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -149,8 +149,8 @@ TEST_P(ZeroFill, HoldsBehindTheEndOfASmallerUser) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, ZeroFill,
-                         testing::Values(1, 33, 4096, 131071, 131072, 200000, RECORD_SIZE, 1024404,
-                                         1088 * 1024 - 32, 1088 * 1024 - 31, 3 * MEGABYTE));
+                         testing::Values(1, 33, 4096, 131071, 131072, 200000, RECORD_SIZE, 1024404, 1088 * 1024 - 32,
+                                         1088 * 1024 - 31, 3 * MEGABYTE));
 
 TEST(MemoryService, ReusesTheMappingOfAReleasedRecordBuffer) {
   void* block = allocate(RECORD_SIZE, "memory_test.reuse");
@@ -220,8 +220,8 @@ TEST(MemoryService, ReleasesWhatAnotherThreadAllocated) {
 }
 
 TEST(MemoryResize, KeepsTheContentAcrossEveryKindOfBlock) {
-  const std::array<std::uint64_t, 9> sizes{10, 5000, 131071, 131072, RECORD_SIZE, 3 * MEGABYTE, 20 * MEGABYTE, 2 * MEGABYTE,
-                                           100};
+  const std::array<std::uint64_t, 9> sizes{10,           5000,          131071,       131072, RECORD_SIZE,
+                                           3 * MEGABYTE, 20 * MEGABYTE, 2 * MEGABYTE, 100};
   void* block = nullptr;
   std::uint64_t kept = 0;
   for (const std::uint64_t size : sizes) {

@@ -25,18 +25,20 @@ TEST_P(PathHalves, GiveTheBaseName) {
 }
 
 TEST_P(PathHalves, GiveTheDirectory) {
-  EXPECT_EQ(ossDirectoryName(GetParam().path, buffer_.data(), buffer_.size()), std::string(GetParam().directory).size());
+  EXPECT_EQ(ossDirectoryName(GetParam().path, buffer_.data(), buffer_.size()),
+            std::string(GetParam().directory).size());
   EXPECT_STREQ(buffer_.data(), GetParam().directory);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Paths, PathHalves,
-    testing::Values(PathCase{"/var/md/zoncontact", "zoncontact", "/var/md"}, PathCase{"zoncontact", "zoncontact", "."},
-                    PathCase{"md/zoncontact", "zoncontact", "md"}, PathCase{"/zoncontact", "zoncontact", "/"},
-                    PathCase{"/a/", "a", "/"}, PathCase{"a/", "a", "."}, PathCase{"a//b//", "b", "a"},
-                    PathCase{"//a", "a", "/"}, PathCase{"/", "/", "/"}, PathCase{"///", "/", "/"}, PathCase{"", "", "."},
-                    PathCase{nullptr, "", "."}, PathCase{".", ".", "."}, PathCase{"..", "..", "."},
-                    PathCase{"/a/.", ".", "/a"}));
+INSTANTIATE_TEST_SUITE_P(Paths, PathHalves,
+                         testing::Values(PathCase{"/var/md/zoncontact", "zoncontact", "/var/md"},
+                                         PathCase{"zoncontact", "zoncontact", "."},
+                                         PathCase{"md/zoncontact", "zoncontact", "md"},
+                                         PathCase{"/zoncontact", "zoncontact", "/"}, PathCase{"/a/", "a", "/"},
+                                         PathCase{"a/", "a", "."}, PathCase{"a//b//", "b", "a"},
+                                         PathCase{"//a", "a", "/"}, PathCase{"/", "/", "/"}, PathCase{"///", "/", "/"},
+                                         PathCase{"", "", "."}, PathCase{nullptr, "", "."}, PathCase{".", ".", "."},
+                                         PathCase{"..", "..", "."}, PathCase{"/a/.", ".", "/a"}));
 
 TEST(PathHalf, IsCutAtTheBufferAndAnswersItsFullLength) {
   std::array<char, 5> buffer{'x', 'x', 'x', 'x', 'x'};
