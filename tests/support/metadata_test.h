@@ -1,0 +1,107 @@
+// MetadataTest: a test with a metadata directory of its own.
+//
+// The rule: a test leaves nothing behind, no file and no setting of the process.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "zonmdfile/platform/DString.h"
+#include "zonmdfile/platform/admin.h"
+#include "zonmdfile/platform/oss.h"
+
+namespace zontest {
+
+class MetadataDirectory {
+ public:
+  MetadataDirectory() {
+    std::string name = (std::filesystem::temp_directory_path() / "zonmdfile-test-XXXXXX").string();
+    path_ = ::mkdtemp(name.data());
+    setMetadataPath(path_.c_str());
+  }
+  ~MetadataDirectory() {
+    setMetadataPath(nullptr);
+    std::error_code ignored;
+    std::filesystem::permissions(path_, std::filesystem::perms::owner_all, ignored);
+    std::filesystem::remove_all(path_, ignored);
+  }
+  MetadataDirectory(const MetadataDirectory&) = delete;
+  MetadataDirectory& operator=(const MetadataDirectory&) = delete;
+
+  std::filesystem::path operator/(const char* name) const { return path_ / name; }
+  const std::filesystem::path& path() const { return path_; }
+
+ private:
+  std::filesystem::path path_;
+};
+
+class MetadataTest : public testing::Test {
+ protected:
+  // Makes every operation on the store fail: a directory stands where its file should be.
+  void blockFile(const char* fileName) { std::filesystem::create_directory(directory_ / fileName); }
+
+  std::string bytesOf(const char* fileName) const {
+    std::ifstream file(directory_ / fileName, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  }
+
+  MetadataDirectory directory_;
+};
+
+// What a test writes as red|green| is the list of red and green.
+inline std::string listOf(std::string text) {
+  for (char& byte : text) {
+    if (byte == '|') byte = 0x0E;
+  }
+  return text;
+}
+
+// What a test writes as ops/2 are the contact fields ops and 2.
+inline std::string fieldsOf(std::string text) {
+  for (char& byte : text) {
+    if (byte == '/') byte = 0x0F;
+  }
+  return text;
+}
+
+inline std::string textOf(const DString& text) { return {text.c_str(), text.length()}; }
+
+// A DString of its own for each use: store operations take their arguments by reference.
+class Text {
+ public:
+  Text(const char* text) : text_(text) {}
+  Text(const std::string& text) : text_(text.data(), text.size()) {}
+  operator DString&() { return text_; }
+
+ private:
+  DString text_;
+};
+
+// Buffers that a label has outstanding since the account was opened.
+class MemoryAccount {
+ public:
+  explicit MemoryAccount(const char* label) : label_(label) {}
+  std::uint64_t buffers() const { return ossMemOutstanding(label_) - buffers_; }
+  std::uint64_t bytes() const { return ossMemOutstandingBytes(label_) - bytes_; }
+
+ private:
+  const char* label_;
+  std::uint64_t buffers_ = ossMemOutstanding(label_);
+  std::uint64_t bytes_ = ossMemOutstandingBytes(label_);
+};
+
+// Faults of the memory service end with the scope.
+class MemoryFault {
+ public:
+  explicit MemoryFault(std::uint64_t n) { ossMemFailAt(n, 0); }
+  ~MemoryFault() { ossMemFailAt(0, 0); }
+  MemoryFault(const MemoryFault&) = delete;
+  MemoryFault& operator=(const MemoryFault&) = delete;
+};
+
+}  // namespace zontest
