@@ -24,8 +24,7 @@ struct SystemCalls {
   int (*fallocate)(int descriptor, int mode, off_t offset, off_t size);
   int (*ftruncate)(int descriptor, off_t size);
   int (*flock)(int descriptor, int operation);
-  int (*fstat)(int descriptor, struct stat* status);
-  int (*fstatAt)(int directory, const char* path, struct stat* status, int flags);
+  int (*statx)(int directory, const char* path, int flags, unsigned mask, struct statx* status);
   int (*renameAt)(int fromDirectory, const char* from, int toDirectory, const char* to);
   int (*linkAt)(int fromDirectory, const char* from, int toDirectory, const char* to, int flags);
   int (*unlinkAt)(int directory, const char* path, int flags);

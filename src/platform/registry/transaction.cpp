@@ -87,7 +87,7 @@ std::uint32_t Transaction::lockFiles(bool create) {
 
 std::uint32_t Transaction::make() {
   const RecordSource nothing = [](std::byte*, std::size_t&) { return GENREG_RC_END_OF_SCAN; };
-  return rewrite(nothing, 0, format::FileHeader{}, 0, false);
+  return rewrite(nothing, 0, format::FileHeader{}, true, false);
 }
 
 std::uint32_t Transaction::openLog() {
