@@ -23,6 +23,7 @@ install(FILES "${PROJECT_BINARY_DIR}/zonmdfileConfig.cmake" "${PROJECT_BINARY_DI
 
 # pkg-config sets pcfiledir to the folder of the file: from there the prefix is found wherever the tree lies.
 file(RELATIVE_PATH ZON_PREFIX_FROM_PC "/prefix/${ZON_PKGCONFIG_DIR}" "/prefix")
+string(REGEX REPLACE "/$" "" ZON_PREFIX_FROM_PC "${ZON_PREFIX_FROM_PC}")
 configure_file("${PROJECT_SOURCE_DIR}/cmake/zonmdfile.pc.in" "${PROJECT_BINARY_DIR}/zonmdfile.pc" @ONLY)
 install(FILES "${PROJECT_BINARY_DIR}/zonmdfile.pc" DESTINATION "${ZON_PKGCONFIG_DIR}")
 

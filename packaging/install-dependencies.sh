@@ -9,7 +9,7 @@ set -euo pipefail
 packages_of() {
   case "$1" in
     build) echo g++ cmake ninja-build pkgconf libcli11-dev ;;
-    test) echo libgtest-dev libgmock-dev ;;
+    test) echo libgtest-dev libgmock-dev valgrind ;;
     lint) echo clang-14 libclang-rt-14-dev clang-tidy-14 clang-format-14 shellcheck ;;
     fuzz) echo clang-14 libclang-rt-14-dev ;;
     bench) echo libbenchmark-dev ;;
@@ -26,7 +26,7 @@ is_installed() {
 }
 
 has_candidate() {
-  apt-cache policy "$1" 2>/dev/null | grep --quiet 'Candidate: [^(]'
+  [[ "$(LC_ALL=C apt-cache policy "$1" 2>/dev/null)" == *"Candidate: "[!\(]* ]]
 }
 
 as_root() {
