@@ -17,6 +17,7 @@ readonly ROOT="$FOLDER/root"
 
 # mirror_of SUITE: the first address that apt itself takes this suite from.
 mirror_of() {
+  # shellcheck disable=SC2016
   apt-get indextargets --format '$(SITE) $(RELEASE)' 'Created-By: Packages' |
     awk -v suite="$1" '$2 == suite && !found {print $1; found = 1}'
 }

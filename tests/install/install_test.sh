@@ -124,6 +124,11 @@ ExamplesBuildWithPkgConfig() {
   ZON_METADATA_PATH="$out/site" "$out/first_record" >"$out/first_record.log"
   grep --quiet 'data "a tree with one node"' "$out/first_record.log" || fail "no record came back"
   "$out/two_processes" "$out/site"
+
+  # The program that README.md shows, as it stands there.
+  sed --quiet '/^```c$/,/^```$/p' "$PREFIX/share/doc/zonmdfile/README.md" | sed '/^```/d' >"$out/readme.c"
+  "$C_COMPILER" -std=c11 -Wall -Wextra -Wpedantic -Werror -o "$out/readme" "$out/readme.c" "${flags[@]}" "$rpath"
+  (cd "$out" && [[ "$(ZON_METADATA_PATH="$out/site" ./readme)" == "a tree with one node" ]]) || fail "README.md's program fails"
 }
 
 run_main_job() {
