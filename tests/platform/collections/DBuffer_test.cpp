@@ -183,8 +183,10 @@ TEST_F(Buffer, ThrowsAndStaysAsItWasWithoutMemory) {
 
 TEST_F(Buffer, ThrowsForLengthsThatOverflow) {
   DBuffer buffer("abc", 3);
-  EXPECT_THROW(buffer.reserve(std::numeric_limits<std::size_t>::max()), std::bad_alloc);
-  EXPECT_THROW(buffer.append("x", std::numeric_limits<std::size_t>::max() - 1), std::bad_alloc);
+  // Volatile: an optimising compiler that knows the length warns of the copy that is never made.
+  volatile std::size_t greatest = std::numeric_limits<std::size_t>::max();
+  EXPECT_THROW(buffer.reserve(greatest), std::bad_alloc);
+  EXPECT_THROW(buffer.append("x", greatest - 1), std::bad_alloc);
   EXPECT_EQ(viewOf(buffer), "abc");
 }
 
