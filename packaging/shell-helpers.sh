@@ -51,7 +51,7 @@ build() {
     cmake --build "$folder" --parallel "$(build_jobs)" "${arguments[@]}" || fail "building $folder failed"
   else
     cmake --build "$folder" --parallel "$(build_jobs)" "${arguments[@]}" >"$folder/build.log" 2>&1 || {
-      cat "$folder/build.log" >&2
+      sed '/^FAILED/,$!d' "$folder/build.log" >&2
       fail "building $folder failed"
     }
     # A tree that was built before has its warnings behind it; a fresh one shows them.
