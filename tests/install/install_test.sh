@@ -126,7 +126,7 @@ ExamplesBuildWithPkgConfig() {
   "$out/two_processes" "$out/site"
 
   # The program that README.md shows, as it stands there.
-  sed --quiet '/^```c$/,/^```$/p' "$PREFIX/share/doc/zonmdfile/README.md" | sed '/^```/d' >"$out/readme.c"
+  awk '/^```/ {inside = $0 == "```c"; next} inside' "$PREFIX/share/doc/zonmdfile/README.md" >"$out/readme.c"
   "$C_COMPILER" -std=c11 -Wall -Wextra -Wpedantic -Werror -o "$out/readme" "$out/readme.c" "${flags[@]}" "$rpath"
   (cd "$out" && [[ "$(ZON_METADATA_PATH="$out/site" ./readme)" == "a tree with one node" ]]) || fail "README.md's program fails"
 }
