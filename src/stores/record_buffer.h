@@ -17,12 +17,15 @@ namespace zon {
 
 class RecordBuffer {
  public:
-  // `source` labels the allocation; the line is the caller's.
-  RecordBuffer(std::size_t size, const char* source, int line = __builtin_LINE())
-      : source_(source), line_(static_cast<std::uint32_t>(line)) {
+  static constexpr std::size_t ALL = ~std::size_t{0};
+
+  // `source` labels the allocation; the line is the caller's. Of a record of which only the first `touched` bytes are
+  // ever written, the rest need not be cleared when it is released.
+  RecordBuffer(std::size_t size, const char* source, std::size_t touched = ALL, int line = __builtin_LINE())
+      : source_(source), touched_(touched), line_(static_cast<std::uint32_t>(line)) {
     if (_ossMemAlloc(&record_, 0, size, 1, source_, line_) != 0) record_ = nullptr;
   }
-  ~RecordBuffer() { _ossMemFree(&record_, 0, 0, source_, line_); }
+  ~RecordBuffer() { ossMemFreeTouched(&record_, touched_, source_, line_); }
   RecordBuffer(const RecordBuffer&) = delete;
   RecordBuffer& operator=(const RecordBuffer&) = delete;
 
@@ -35,6 +38,7 @@ class RecordBuffer {
  private:
   void* record_ = nullptr;
   const char* source_;
+  std::size_t touched_;
   std::uint32_t line_;
 };
 

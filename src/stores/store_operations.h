@@ -108,7 +108,7 @@ template <class Layout>
 std::uint32_t changeRecord(GenRegBin& file, const char* source, const Keys<Layout>& keys, const DString& data,
                            const DString& version, ChangeOptions options = {}) {
   const std::size_t size = recordSizeFor<Layout>(data);
-  const RecordBuffer match(options.matchesInExactSize ? size : RECORD_BUFFER_SIZE<Layout>, source);
+  const RecordBuffer match(options.matchesInExactSize ? size : RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
   if (!match.isAllocated()) return GENREG_RC_NO_MEMORY;
   RecordBuffer record(size, source);
   if (!record.isAllocated()) return GENREG_RC_NO_MEMORY;
@@ -122,7 +122,7 @@ std::uint32_t changeRecord(GenRegBin& file, const char* source, const Keys<Layou
 
 template <class Layout>
 std::uint32_t deleteRecords(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys) {
-  const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source);
+  const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
   if (!match.isAllocated()) return GENREG_RC_NO_MEMORY;
   putKeys<Layout>(match.get(), keys);
   return file.Delete(flags, match.get());
@@ -133,7 +133,7 @@ template <class Layout>
 std::uint32_t getRecord(GenRegBin& file, const char* source, const Keys<Layout>& keys, DString& data,
                         DString& version) {
   const auto get = [&]() -> std::uint32_t {
-    const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source);
+    const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
     const RecordBuffer result(RECORD_BUFFER_SIZE<Layout>, source);
     if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
     putKeys<Layout>(match.get(), keys);
@@ -155,7 +155,7 @@ std::uint32_t getRecord(GenRegBin& file, const char* source, const Keys<Layout>&
 // Whether any record matches: 0, GENREG_RC_NOT_FOUND, or the code of a failure.
 template <class Layout>
 std::uint32_t findRecord(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys) {
-  const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source);
+  const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
   const RecordBuffer result(RECORD_BUFFER_SIZE<Layout>, source);
   if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
   putKeys<Layout>(match.get(), keys);
@@ -176,7 +176,7 @@ template <class Layout, std::size_t COUNT>
 std::uint32_t listRecords(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys,
                           const std::array<ListOutput, COUNT>& lists,
                           OnFailedOpen onFailedOpen = OnFailedOpen::RELEASE_BUFFERS) {
-  RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source);
+  RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
   RecordBuffer result(RECORD_BUFFER_SIZE<Layout>, source);
   if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
   putKeys<Layout>(match.get(), keys);

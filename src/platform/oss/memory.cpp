@@ -278,6 +278,11 @@ bool makeZero(void* mapping) {
   return true;
 }
 
+bool clearFirst(void* mapping, std::uint64_t bytes) {
+  std::memset(mapping, 0, bytes);
+  return true;
+}
+
 // After the library's end (the process ends, or dlclose) nothing of it stays mapped.
 __attribute__((destructor)) void closePool() {
   poolIsClosed.store(true, std::memory_order_relaxed);
@@ -332,7 +337,8 @@ Header* makeBlock(std::uint64_t size) {
   return header;
 }
 
-void destroyBlock(Header* header) {
+// Nothing behind the first `touched` bytes after the header was ever written.
+void destroyBlock(Header* header, std::uint64_t touched = std::numeric_limits<std::uint64_t>::max()) {
   header->mark = RELEASED;
   if (header->kind == SMALL) {
     std::free(header);
@@ -340,7 +346,11 @@ void destroyBlock(Header* header) {
   }
   const std::uint64_t bytes = header->mappedBytes;
   unfence(header, bytes);
-  if (header->kind == POOLED && makeZero(header) && giveTo(ownGroup(), header)) return;
+  if (header->kind == POOLED) {
+    const bool isZero = touched <= KEPT_PRESENT_BYTES - sizeof(Header) ? clearFirst(header, sizeof(Header) + touched)
+                                                                       : makeZero(header);
+    if (isZero && giveTo(ownGroup(), header)) return;
+  }
   ::munmap(header, bytes);
 }
 
@@ -437,14 +447,18 @@ extern "C" int _ossMemAlloc(void** pointer, uint64_t, uint64_t size, uint32_t, c
   return allocate(pointer, size, file, line);
 }
 
-extern "C" int _ossMemFree(void** pointer, uint64_t, uint64_t, const char*, uint32_t) {
+extern "C" int ossMemFreeTouched(void** pointer, uint64_t touched, const char*, uint32_t) {
   if (pointer == nullptr || *pointer == nullptr) return 0;
   const ErrnoKeeper keeper;
   Header* header = headerOf(*pointer);
   *pointer = nullptr;
   countOut(header->label, header->size);
-  destroyBlock(header);
+  destroyBlock(header, touched);
   return keeper.restore();
+}
+
+extern "C" int _ossMemFree(void** pointer, uint64_t, uint64_t, const char* file, uint32_t line) {
+  return ossMemFreeTouched(pointer, std::numeric_limits<uint64_t>::max(), file, line);
 }
 
 extern "C" int ossMemResize(void** pointer, uint64_t size, const char* file, uint32_t line) {

@@ -88,6 +88,7 @@ std::uint32_t codeOfErrno(int error) {
     case ENXIO:
     case EISDIR:
     case ENODEV:
+    case ESPIPE:
       return GENREG_RC_NOT_REGULAR;
     case ENOENT:
       return GENREG_RC_NOT_FOUND;
@@ -114,13 +115,20 @@ std::uint32_t Descriptor::close() {
   return codeOfErrno(errno);
 }
 
-std::uint32_t openRegular(int directory, const char* path, int flags, std::uint32_t mode, Descriptor& file) {
+std::uint32_t openAnything(int directory, const char* path, int flags, std::uint32_t mode, Descriptor& file) {
   const int opened = openRetrying(directory, path, flags | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, mode);
-  if (opened < 0) return codeOfErrno(errno);
-  if (const std::uint32_t rc = avoidStandardStreams(opened, file)) return rc;
+  return opened < 0 ? codeOfErrno(errno) : avoidStandardStreams(opened, file);
+}
+
+std::uint32_t requireRegular(int file, FileState& state) {
+  if (const std::uint32_t rc = stateOf(file, state)) return rc;
+  return S_ISREG(state.mode) ? MD_RC_OK : GENREG_RC_NOT_REGULAR;
+}
+
+std::uint32_t openRegular(int directory, const char* path, int flags, std::uint32_t mode, Descriptor& file) {
+  std::uint32_t rc = openAnything(directory, path, flags, mode, file);
   FileState state;
-  std::uint32_t rc = stateOf(file.get(), state);
-  if (rc == MD_RC_OK && !S_ISREG(state.mode)) rc = GENREG_RC_NOT_REGULAR;
+  if (rc == MD_RC_OK) rc = requireRegular(file.get(), state);
   if (rc != MD_RC_OK) file.reset();
   return rc;
 }

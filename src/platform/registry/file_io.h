@@ -58,6 +58,12 @@ struct FileState {
 // is not regular is refused with GENREG_RC_NOT_REGULAR, a missing one with GENREG_RC_NOT_FOUND.
 std::uint32_t openRegular(int directory, const char* path, int flags, std::uint32_t mode, Descriptor& file);
 
+// The same without the look at the file's type, for callers who look themselves.
+std::uint32_t openAnything(int directory, const char* path, int flags, std::uint32_t mode, Descriptor& file);
+
+// GENREG_RC_NOT_REGULAR for anything but a regular file.
+std::uint32_t requireRegular(int file, FileState& state);
+
 // Opens a directory only to name files in it.
 std::uint32_t openDirectory(const char* path, Descriptor& directory);
 

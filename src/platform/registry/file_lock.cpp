@@ -23,6 +23,7 @@ LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
   if (this != &other) {
     release();
     file_ = std::move(other.file_);
+    state_ = other.state_;
   }
   return *this;
 }
@@ -46,22 +47,27 @@ std::uint32_t LockedFile::lock(Descriptor file, std::uint64_t deadlineMs) {
   }
 }
 
+std::uint32_t LockedFile::isNamed(int directory, const char* path, bool& result) {
+  if (const std::uint32_t rc = requireRegular(file_.get(), state_)) return rc;
+  FileState named;
+  const std::uint32_t rc = stateAt(directory, path, named);
+  result = rc == MD_RC_OK && named.inode == state_.inode && named.device == state_.device;
+  return rc == GENREG_RC_NOT_FOUND ? MD_RC_OK : rc;
+}
+
 std::uint32_t lockByName(int directory, const char* path, int flags, std::uint32_t mode, std::uint64_t deadlineMs,
                          LockedFile& locked) {
   for (;;) {
     Descriptor file;
-    if (const std::uint32_t rc = openRegular(directory, path, flags, mode, file)) return rc;
+    if (const std::uint32_t rc = openAnything(directory, path, flags, mode, file)) return rc;
     LockedFile candidate;
     if (const std::uint32_t rc = candidate.lock(std::move(file), deadlineMs)) return rc;
-    FileState held;
-    if (const std::uint32_t rc = stateOf(candidate.get(), held)) return rc;
-    FileState named;
-    const std::uint32_t rc = stateAt(directory, path, named);
-    if (rc == MD_RC_OK && named.inode == held.inode && named.device == held.device) {
+    bool isNamed = false;
+    if (const std::uint32_t rc = candidate.isNamed(directory, path, isNamed)) return rc;
+    if (isNamed) {
       locked = std::move(candidate);
       return MD_RC_OK;
     }
-    if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
     if (nowMs() >= deadlineMs) return GENREG_RC_LOCK_TIMEOUT;
   }
 }

@@ -21,14 +21,20 @@ class LockedFile {
 
   int get() const { return file_.get(); }
   bool isHeld() const { return file_.isOpen(); }
+  // As the file was when its lock was had.
+  const FileState& state() const { return state_; }
   void release();
 
   // Waits for the lock until the monotonic clock shows deadlineMs; GENREG_RC_LOCK_TIMEOUT after that. On success the
   // object owns the file.
   std::uint32_t lock(Descriptor file, std::uint64_t deadlineMs);
 
+  // Whether the name leads to this file.
+  std::uint32_t isNamed(int directory, const char* path, bool& result);
+
  private:
   Descriptor file_;
+  FileState state_{};
 };
 
 // Opens (with O_CREAT in flags: creates) a file by name and locks it, such that at the moment of success the name still

@@ -75,11 +75,10 @@ bool LogScan::newestForm(std::uint64_t place, std::uint64_t& offset) {
   return offset != 0;
 }
 
-std::uint32_t LogScan::nextHead(LiveRecord& record, Frame& frame) {
+std::uint32_t LogScan::nextPlace(LiveRecord& record, Frame& frame, std::span<const std::byte>& bytes) {
   if (!started_) {
     if (const std::uint32_t rc = collectMoves()) return rc;
   }
-  std::span<const std::byte> bytes;
   while (cursor_ < end_) {
     const std::uint64_t offset = cursor_;
     if (const std::uint32_t rc = headAt(log_, offset, frame, bytes)) return rc;
@@ -92,18 +91,21 @@ std::uint32_t LogScan::nextHead(LiveRecord& record, Frame& frame) {
   return GENREG_RC_END_OF_SCAN;
 }
 
-std::uint32_t LogScan::decode(LogWindow& window, std::uint64_t offset, std::byte* out, std::size_t& size) {
-  Frame frame;
-  std::span<const std::byte> bytes;
-  if (const std::uint32_t rc = headAt(window, offset, frame, bytes)) return rc;
-  if (const std::uint32_t rc = window.at(offset, frame.size, bytes)) return rc;
+std::uint32_t LogScan::decode(LogWindow& window, const Frame& frame, std::span<const std::byte> bytes, std::byte* out,
+                              std::size_t& size) {
+  if (bytes.size() < frame.size) {
+    if (const std::uint32_t rc = window.at(frame.offset, frame.size, bytes)) return rc;
+  }
   return view_.readRecord(frame, bytes.first(std::min<std::size_t>(bytes.size(), frame.size)), out, size);
 }
 
 std::uint32_t LogScan::next(std::byte* out, LiveRecord& record, std::size_t& size) {
   Frame frame;
-  if (const std::uint32_t rc = nextHead(record, frame)) return rc;
-  return decode(record.offset == record.place ? log_ : moved_, record.offset, out, size);
+  std::span<const std::byte> bytes;
+  if (const std::uint32_t rc = nextPlace(record, frame, bytes)) return rc;
+  if (record.offset == record.place) return decode(log_, frame, bytes, out, size);
+  if (const std::uint32_t rc = headAt(moved_, record.offset, frame, bytes)) return rc;
+  return decode(moved_, frame, bytes, out, size);
 }
 
 namespace {

@@ -36,15 +36,15 @@ class LogScan {
   // The next live record, copied to out (of the record type's maximum size). GENREG_RC_END_OF_SCAN after the last.
   std::uint32_t next(std::byte* out, LiveRecord& record, std::size_t& size);
 
-  // The same without its bytes: where it lies.
-  std::uint32_t nextHead(LiveRecord& record, Frame& frame);
-
  private:
+  // Where the next live record lies, and what the log has from its insertion on.
+  std::uint32_t nextPlace(LiveRecord& record, Frame& frame, std::span<const std::byte>& bytes);
   std::uint32_t collectMoves();
   // Whether the record inserted at a place still lives, and where its newest form lies.
   bool newestForm(std::uint64_t place, std::uint64_t& offset);
   std::uint32_t headAt(LogWindow& window, std::uint64_t offset, Frame& frame, std::span<const std::byte>& bytes);
-  std::uint32_t decode(LogWindow& window, std::uint64_t offset, std::byte* out, std::size_t& size);
+  std::uint32_t decode(LogWindow& window, const Frame& frame, std::span<const std::byte> bytes, std::byte* out,
+                       std::size_t& size);
 
   const LogView& view_;
   std::uint64_t end_;

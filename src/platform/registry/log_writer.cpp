@@ -46,14 +46,12 @@ std::uint32_t LogWriter::create(int file, const format::FileHeader& header, std:
   return MD_RC_OK;
 }
 
-std::uint32_t LogWriter::open(int file) {
+std::uint32_t LogWriter::open(int file, std::uint64_t fileSize) {
   file_ = file;
   HeaderPage page;
   if (const std::uint32_t rc = readHeaderPage(file, page)) return rc;
   if (const std::uint32_t rc = takePage(page)) return rc;
-  FileState state;
-  if (const std::uint32_t rc = stateOf(file, state)) return rc;
-  fileSize_ = state.size;
+  fileSize_ = fileSize;
   published_ = slot_;
   newestIsDurable_ = !page.bothSlots();  // the slot that is no good is the one to write
   pendingStart_ = end_;

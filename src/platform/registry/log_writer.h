@@ -31,7 +31,7 @@ class LogWriter : public LogView {
   std::uint32_t create(int file, const format::FileHeader& header, std::uint64_t expectedRecords);
 
   // Opens the log and settles it: what a crash left behind its end is taken in or overwritten.
-  std::uint32_t open(int file);
+  std::uint32_t open(int file, std::uint64_t fileSize);
 
   // Each appends one event; finishCommit completes what was appended since the last one, and only then does it count.
   std::uint32_t appendInsert(const void* record, std::size_t size);

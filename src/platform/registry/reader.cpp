@@ -10,8 +10,13 @@ namespace zon {
 bool isDamage(std::uint32_t rc) { return rc == GENREG_RC_DAMAGED || rc == GENREG_RC_NOT_RECORD_FILE; }
 
 std::uint32_t Reader::open() {
-  if (const std::uint32_t rc = openRegular(AT_FDCWD, filePath_, O_RDONLY, 0, file_)) return rc;
-  return view_.open(file_.get());
+  if (const std::uint32_t rc = openAnything(AT_FDCWD, filePath_, O_RDONLY, 0, file_)) return rc;
+  const std::uint32_t rc = view_.open(file_.get());
+  if (!isDamage(rc)) return rc;
+  // Only what has the looks of no record file is asked whether it is a file at all.
+  FileState state;
+  const std::uint32_t refused = requireRegular(file_.get(), state);
+  return refused != MD_RC_OK ? refused : rc;
 }
 
 std::uint32_t Reader::salvage(std::unique_ptr<Salvage>& salvage) const {

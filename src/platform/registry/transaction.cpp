@@ -92,7 +92,7 @@ std::uint32_t Transaction::make() {
 
 std::uint32_t Transaction::openLog() {
   auto log = std::make_unique<LogWriter>(type_, boot_, settings_.durable);
-  const std::uint32_t rc = log->open(data_.get());
+  const std::uint32_t rc = log->open(data_.get(), data_.state().size);
   if (rc == MD_RC_OK) {
     log_ = std::move(log);
     return MD_RC_OK;
@@ -291,13 +291,12 @@ std::uint32_t Transaction::takeOverOwner(int temporary) const {
 // The file was synced before: a rename that became durable first would leave the name with an empty file. The directory
 // is synced after: without it the name could lead back to the old file, and what is committed to the new one would be
 // lost.
-std::uint32_t Transaction::putInPlace(const LockedFile& temporary, const std::string& name) {
-  FileState held;
+std::uint32_t Transaction::putInPlace(LockedFile& temporary, const std::string& name) {
   FileState named;
   const char* from = settings_.paths.temporary.c_str();
-  if (const std::uint32_t rc = stateOf(temporary.get(), held)) return rc;
-  if (const std::uint32_t rc = stateAt(directory_.get(), from, named)) return rc;
-  if (held.inode != named.inode || held.device != named.device) return GENREG_RC_NOT_REGULAR;
+  bool isNamed = false;
+  if (const std::uint32_t rc = temporary.isNamed(directory_.get(), from, isNamed)) return rc;
+  if (!isNamed) return GENREG_RC_NOT_REGULAR;  // somebody put another file there
   if (!data_.isHeld()) {
     const std::uint32_t rc = stateAt(directory_.get(), name.c_str(), named);
     if (rc != GENREG_RC_NOT_FOUND) return rc == MD_RC_OK ? GENREG_RC_DUPLICATE_KEY : rc;

@@ -71,7 +71,7 @@ class Transaction {
                         bool keysAreUnique, bool mayRepeatKeys);
   std::uint32_t fill(LogWriter& fresh, const RecordSource& source, bool mayRepeatKeys);
   std::uint32_t takeOverOwner(int temporary) const;
-  std::uint32_t putInPlace(const LockedFile& temporary, const std::string& name);
+  std::uint32_t putInPlace(LockedFile& temporary, const std::string& name);
   std::uint32_t keepCorruptCopy();
 
   void maintain();
