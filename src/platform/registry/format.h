@@ -133,7 +133,7 @@ struct SummaryEntry {
 constexpr std::size_t BLOCK_SIZE = 512;
 constexpr std::size_t BLOCK_ENTRIES = 63;
 
-// An index block. An entry is the digest's upper 24 bits << 40 | frame offset >> 3.
+// An index block. An entry is index number << 62 | the digest's upper 22 bits << 40 | frame offset >> 3.
 struct Block {
   std::uint32_t crc;  // over the bytes after it up to the last entry in use, keyed by file and offset
   std::uint8_t count;

@@ -23,19 +23,28 @@ std::uint32_t blockChecksum(const format::Block& block, std::uint32_t salt, std:
   return crc32c(checksumStart(salt, offset), bytes.data() + sizeof block.crc, usedSize(block) - sizeof block.crc);
 }
 
-std::uint32_t findInSegment(int file, std::uint32_t salt, const Segment& segment, std::uint64_t digest,
-                            std::vector<std::uint64_t>& offsets) {
+std::uint32_t visitSegment(int file, std::uint32_t salt, const Segment& segment, std::size_t index, std::uint64_t digest,
+                           const EntryLook& look, Search& search) {
   std::uint64_t at = homeBlock(digest, segment.blockCount);
   for (std::uint64_t probe = 0; probe < std::min(MOST_PROBES, segment.blockCount); ++probe) {
     format::Block block;
     if (const std::uint32_t rc = readBlock(file, salt, segment.offset + at * format::BLOCK_SIZE, block)) return rc;
     for (std::size_t entry = 0; entry < block.count; ++entry) {
-      if (entryHasTagOf(block.entries[entry], digest)) offsets.push_back(entryOffset(block.entries[entry]));
+      if (!mayBeOf(block.entries[entry], index, digest)) continue;
+      const std::uint32_t rc = look(entryOffset(block.entries[entry]), search);
+      if (rc != MD_RC_OK || search == Search::DONE) return rc;
     }
     if (block.overflowed == 0) break;
     at = at + 1 == segment.blockCount ? 0 : at + 1;
   }
   return MD_RC_OK;
+}
+
+constexpr std::uint64_t TAG_MASK = (std::uint64_t{1} << 22) - 1;
+
+// What an entry has in common with all others of the same index and tag.
+std::uint64_t entryMark(std::size_t index, std::uint64_t digest) {
+  return static_cast<std::uint64_t>(index) << 22 | (digest >> 42 & TAG_MASK);
 }
 
 }  // namespace
@@ -55,15 +64,17 @@ std::size_t segmentCount(const format::Slot& slot) {
 
 std::uint64_t segmentCapacity(std::uint64_t blockCount) { return blockCount * format::BLOCK_ENTRIES * 4 / 5; }
 
-std::uint64_t makeEntry(std::uint64_t digest, std::uint64_t offset) {
-  return (digest >> 40) << 40 | offset / format::FRAME_ALIGNMENT;
+std::uint64_t makeEntry(std::size_t index, std::uint64_t digest, std::uint64_t offset) {
+  return entryMark(index, digest) << 40 | offset / format::FRAME_ALIGNMENT;
 }
 
 std::uint64_t entryOffset(std::uint64_t entry) {
   return (entry & ((std::uint64_t{1} << 40) - 1)) * format::FRAME_ALIGNMENT;
 }
 
-bool entryHasTagOf(std::uint64_t entry, std::uint64_t digest) { return entry >> 40 == digest >> 40; }
+bool mayBeOf(std::uint64_t entry, std::size_t index, std::uint64_t digest) {
+  return entry >> 40 == entryMark(index, digest);
+}
 
 std::uint64_t homeBlock(std::uint64_t digest, std::uint64_t blockCount) {
   return (digest & 0xFFFFFFFF) * blockCount >> 32;
@@ -83,11 +94,12 @@ std::uint32_t readBlock(int file, std::uint32_t salt, std::uint64_t offset, form
   return GENREG_RC_DAMAGED;
 }
 
-std::uint32_t findEntries(int file, std::uint32_t salt, const format::Slot& slot, std::uint64_t digest,
-                          std::vector<std::uint64_t>& offsets) {
-  for (std::size_t segment = segmentCount(slot); segment-- > 0;) {
+std::uint32_t visitEntries(int file, std::uint32_t salt, const format::Slot& slot, std::size_t index, std::uint64_t digest,
+                           const EntryLook& look) {
+  Search search = Search::CONTINUE;
+  for (std::size_t segment = segmentCount(slot); segment-- > 0 && search == Search::CONTINUE;) {
     const Segment blocks = unpackSegment(slot.segments[segment]);
-    if (const std::uint32_t rc = findInSegment(file, salt, blocks, digest, offsets)) return rc;
+    if (const std::uint32_t rc = visitSegment(file, salt, blocks, index, digest, look, search)) return rc;
   }
   return MD_RC_OK;
 }

@@ -1,12 +1,13 @@
 // The index: blocks of entries that lead from a digest to the newest frame of its chain. Blocks lie in segments (AREA
 // frames); a digest has one home block in each segment, and only the newest segment takes new entries. Blocks are the
 // only bytes behind the header page that are overwritten in place; the slot's overlay covers every entry that a crash
-// could take from them. An entry may mislead (digests share tags): whoever follows one compares records.
+// could take from them. Every entry is the head of one chain, but digests share tags: whoever follows one compares records.
 #ifndef ZON_PLATFORM_REGISTRY_INDEX_BLOCKS_H
 #define ZON_PLATFORM_REGISTRY_INDEX_BLOCKS_H
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -26,9 +27,10 @@ std::size_t segmentCount(const format::Slot& slot);
 // Entries that a segment takes before a new one is made: blocks fill unevenly.
 std::uint64_t segmentCapacity(std::uint64_t blockCount);
 
-std::uint64_t makeEntry(std::uint64_t digest, std::uint64_t offset);
+std::uint64_t makeEntry(std::size_t index, std::uint64_t digest, std::uint64_t offset);
 std::uint64_t entryOffset(std::uint64_t entry);
-bool entryHasTagOf(std::uint64_t entry, std::uint64_t digest);
+// Of the same index and tag: the entry may be of this digest.
+bool mayBeOf(std::uint64_t entry, std::size_t index, std::uint64_t digest);
 
 // The home block of a digest in a segment of so many blocks.
 std::uint64_t homeBlock(std::uint64_t digest, std::uint64_t blockCount);
@@ -42,9 +44,14 @@ void sealBlock(format::Block& block, std::uint32_t salt, std::uint64_t offset);
 // Reads a block and checks it. A block that a writer is just overwriting is read again; GENREG_RC_DAMAGED after that.
 std::uint32_t readBlock(int file, std::uint32_t salt, std::uint64_t offset, format::Block& block);
 
-// Appends the offsets of all entries with the digest's tag, from the newest segment to the oldest.
-std::uint32_t findEntries(int file, std::uint32_t salt, const format::Slot& slot, std::uint64_t digest,
-                          std::vector<std::uint64_t>& offsets);
+// What a look at one entry led to.
+enum class Search { CONTINUE, DONE };
+
+// Shows `look(offset, search)` the entries that may be of the digest, from the newest segment to the oldest, until it is
+// done or answers a failure.
+using EntryLook = std::function<std::uint32_t(std::uint64_t offset, Search& search)>;
+std::uint32_t visitEntries(int file, std::uint32_t salt, const format::Slot& slot, std::size_t index, std::uint64_t digest,
+                           const EntryLook& look);
 
 // Writes empty blocks over a whole segment.
 std::uint32_t writeEmptyBlocks(int file, std::uint32_t salt, const Segment& segment);

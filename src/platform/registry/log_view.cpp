@@ -191,31 +191,38 @@ std::uint32_t LogView::readRemovedDigests(const Frame& frame, std::span<const st
   return MD_RC_OK;
 }
 
-std::uint32_t LogView::headOf(std::size_t index, std::uint64_t digest, bool exact, std::uint64_t& head) const {
+std::uint32_t LogView::headOf(std::size_t index, std::uint64_t digest, std::uint64_t& head) const {
   if (findNewHead(index, digest, head)) return MD_RC_OK;
   head = 0;
-  std::vector<std::uint64_t> candidates;
-  if (const std::uint32_t rc = findEntries(file_, key_.salt, slot_, digest, candidates)) return rc;
-  if (candidates.size() == 1 && !exact) {
-    head = candidates.front();
-    return MD_RC_OK;
-  }
-  // A frame that another index leads to may well be of this digest, but only the newest such frame is the chain's head.
-  std::sort(candidates.begin(), candidates.end(), std::greater<>());
-  for (const std::uint64_t candidate : candidates) {
+  return visitEntries(file_, key_.salt, slot_, index, digest, [&](std::uint64_t candidate, Search& search) {
     bool isOurs = false;
     if (const std::uint32_t rc = hasDigest(candidate, index, digest, isOurs)) return rc;
-    if (!isOurs) continue;
-    head = candidate;
-    break;
-  }
-  return MD_RC_OK;
+    if (isOurs) {
+      head = candidate;
+      search = Search::DONE;
+    }
+    return MD_RC_OK;
+  });
 }
 
 std::uint32_t LogView::findByWholeKey(unsigned long flags, const void* key, std::byte* out, LiveRecord& found,
                                       std::size_t& size) const {
-  std::uint64_t offset = 0;
-  if (const std::uint32_t rc = headOf(0, digestOf(0, key), false, offset)) return rc;
+  const std::uint64_t digest = digestOf(0, key);
+  std::uint64_t head = 0;
+  if (findNewHead(0, digest, head)) return followWholeKey(head, flags, key, out, found, size);
+  std::uint32_t result = GENREG_RC_NOT_FOUND;
+  // The chain of another digest is followed in vain, and the search goes on.
+  const std::uint32_t rc = visitEntries(file_, key_.salt, slot_, 0, digest, [&](std::uint64_t candidate, Search& search) {
+    result = followWholeKey(candidate, flags, key, out, found, size);
+    if (result == GENREG_RC_NOT_FOUND) return MD_RC_OK;
+    search = Search::DONE;
+    return result;
+  });
+  return rc != MD_RC_OK ? rc : result;
+}
+
+std::uint32_t LogView::followWholeKey(std::uint64_t offset, unsigned long flags, const void* key, std::byte* out,
+                                      LiveRecord& found, std::size_t& size) const {
   std::vector<std::uint64_t> seen;
   FrameBytes bytes;
   Frame frame;
@@ -276,7 +283,7 @@ std::uint32_t LogView::walkChain(std::size_t index, std::uint64_t head, std::vec
 
 std::uint32_t LogView::gather(std::size_t index, std::uint64_t digest, std::vector<LiveRecord>& live) const {
   std::uint64_t head = 0;
-  if (const std::uint32_t rc = headOf(index, digest, false, head)) return rc;
+  if (const std::uint32_t rc = headOf(index, digest, head)) return rc;
   return gatherChain(index, head, live);
 }
 

@@ -84,10 +84,8 @@ class LogView {
     return type_.digestFor(index, record, header_.hashSeed);
   }
 
-  // The newest frame in the chain of a digest; 0 without one. An index entry may be of another digest that shares home
-  // block and tag: with `exact` it is looked at before it is believed. Readers, whom a chain of strangers only costs
-  // time, look only when there are several.
-  std::uint32_t headOf(std::size_t index, std::uint64_t digest, bool exact, std::uint64_t& head) const;
+  // The newest frame in the chain of a digest; 0 without one.
+  std::uint32_t headOf(std::size_t index, std::uint64_t digest, std::uint64_t& head) const;
 
   // Whether the chain that starts at `from` runs through the frame at `target`.
   std::uint32_t chainReaches(std::size_t index, std::uint64_t from, std::uint64_t target, bool& reaches) const;
@@ -101,6 +99,9 @@ class LogView {
 
   // Chooses the slot and the checksum key from a header page.
   std::uint32_t takePage(const HeaderPage& page);
+  // Looks for the key in the chain that starts at a frame.
+  std::uint32_t followWholeKey(std::uint64_t head, unsigned long flags, const void* key, std::byte* out, LiveRecord& found,
+                               std::size_t& size) const;
   bool findNewHead(std::size_t index, std::uint64_t digest, std::uint64_t& head) const;
   // What a removal frame tells of the record that is gone.
   using RemovedDigests = std::array<std::uint64_t, format::MAX_INDEXES>;

@@ -166,7 +166,7 @@ std::uint32_t LogWriter::extendChains(Frame& frame, const void* record, int live
   // In a new file every whole key comes once, so that there is nothing to look up.
   const bool keyIsNew = fresh_ && !keysMayRepeat_;
   if (!keyIsNew) {
-    if (const std::uint32_t rc = headOf(0, digestOf(0, record), true, frame.previous)) return rc;
+    if (const std::uint32_t rc = headOf(0, digestOf(0, record), frame.previous)) return rc;
   }
   if (frame.kind != format::FrameKind::INSERT) {
     if (const std::uint32_t rc = findBelow(frame, frame.below)) return rc;
@@ -174,7 +174,7 @@ std::uint32_t LogWriter::extendChains(Frame& frame, const void* record, int live
   for (std::size_t index = 1; index < type_.indexCount; ++index) {
     const std::uint64_t digest = digestOf(index, record);
     format::Link& link = frame.links[index - 1];
-    if (const std::uint32_t rc = headOf(index, digest, true, link.previous)) return rc;
+    if (const std::uint32_t rc = headOf(index, digest, link.previous)) return rc;
     if (link.previous != 0) {
       FrameBytes bytes;
       Frame head;
@@ -215,7 +215,7 @@ std::uint32_t LogWriter::findBelow(const Frame& frame, std::uint64_t& below) con
 
 std::uint32_t LogWriter::appendSummary(const ChainMark& mark) {
   std::uint64_t head = 0;
-  if (const std::uint32_t rc = headOf(mark.index, mark.digest, true, head)) return rc;
+  if (const std::uint32_t rc = headOf(mark.index, mark.digest, head)) return rc;
   std::vector<LiveRecord> live;
   if (const std::uint32_t rc = gatherChain(mark.index, head, live)) return rc;
   static_assert(sizeof(LiveRecord) == sizeof(format::SummaryEntry));
@@ -404,13 +404,13 @@ class EntryPlacer {
       format::Block* block = nullptr;
       if (const std::uint32_t rc = blocks_.get(offset, block)) return rc;
       for (std::size_t slot = 0; slot < block->count && !done; ++slot) {
-        if (!entryHasTagOf(block->entries[slot], entry.digest)) continue;
-        const std::uint64_t older = entryOffset(block->entries[slot]);
         const std::size_t index = entry.offsetAndIndex & INDEX_MASK;
+        if (!mayBeOf(block->entries[slot], index, entry.digest)) continue;
+        const std::uint64_t older = entryOffset(block->entries[slot]);
         if (const std::uint32_t rc = view_.chainReaches(index, offsetOf(entry), older, done)) return rc;
         if (!done) continue;
         // Written also when nothing changes: a block that a failed sync dropped is made dirty again by this.
-        block->entries[slot] = makeEntry(entry.digest, offsetOf(entry));
+        block->entries[slot] = makeEntry(entry.offsetAndIndex & INDEX_MASK, entry.digest, offsetOf(entry));
         blocks_.markDirty(offset);
       }
       if (block->overflowed == 0) break;
@@ -427,7 +427,7 @@ class EntryPlacer {
       if (const std::uint32_t rc = blocks_.get(offset, block)) return rc;
       blocks_.markDirty(offset);
       if (block->count < format::BLOCK_ENTRIES) {
-        block->entries[block->count++] = makeEntry(entry.digest, offsetOf(entry));
+        block->entries[block->count++] = makeEntry(entry.offsetAndIndex & INDEX_MASK, entry.digest, offsetOf(entry));
         return MD_RC_OK;
       }
       block->overflowed = 1;
