@@ -380,6 +380,11 @@ std::uint32_t LogView::takeFrame(const Frame& frame, std::vector<std::byte>& rec
     }
     if (frame.isRecord()) {
       if (const std::uint32_t rc = readRecord(frame.offset, record.data(), size)) return rc;
+      // The note that whole keys come more than once may be lost with the slot: assume it of a key that lives already.
+      if (!replaces && frame.previous != 0) {
+        if (const std::uint32_t rc = readHead(frame.previous, bytes, older)) return rc;
+        if (older.isRecord()) slot_.flags |= format::SLOT_NOT_UNIQUE;
+      }
     }
     takeEvent(frame, record.data(), size, replaces ? &old : nullptr);
   }

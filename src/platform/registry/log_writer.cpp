@@ -52,6 +52,8 @@ std::uint32_t LogWriter::open(int file, std::uint64_t fileSize) {
   if (const std::uint32_t rc = readHeaderPage(file, page)) return rc;
   if (const std::uint32_t rc = takePage(page)) return rc;
   fileSize_ = fileSize;
+  // What was applied to the blocks without a sync is gone when the machine was started anew since then.
+  if (!isSameBoot(boot_, slot_)) slot_.overlayApplied = 0;
   published_ = slot_;
   newestIsDurable_ = !page.bothSlots();  // the slot that is no good is the one to write
   pendingStart_ = end_;

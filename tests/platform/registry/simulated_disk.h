@@ -1,0 +1,185 @@
+// A disk in memory behind the table of system calls: what was written is not durable before it is synced, so that a
+// test can ask for every content that a power cut could leave. One disk at a time, one thread.
+//
+// The rule of the model: names are durable after a sync of the directory, bytes and sizes after a sync of the file. Of
+// what is not, any part may be lost, unit by unit of 512 bytes; a unit that was durable before keeps its old content or
+// takes a newer one, one that never was may also hold zeros or garbage. After a failed sync the pages concerned count as
+// clean: no later sync makes them durable unless they are written again.
+#ifndef ZON_TESTS_PLATFORM_REGISTRY_SIMULATED_DISK_H
+#define ZON_TESTS_PLATFORM_REGISTRY_SIMULATED_DISK_H
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace zon::test {
+
+using Bytes = std::vector<std::byte>;
+using Content = std::shared_ptr<const Bytes>;
+
+constexpr std::size_t UNIT = 512;
+constexpr const char* DISK_FOLDER = "/disk";  // the one folder; names in it have no further '/'
+
+// Names and file contents, as they are at one moment.
+struct DiskImage {
+  std::map<std::string, std::uint64_t> names;
+  std::map<std::uint64_t, Content> files;
+
+  // Of names and of the contents that they lead to.
+  std::uint64_t hash() const;
+  bool has(const std::string& name) const { return names.contains(name); }
+};
+
+// What was asked of the disk, in order.
+struct DiskOp {
+  enum class Kind { WRITE, RESIZE, SYNC_FILE, SYNC_FAILED, BIND, UNBIND, RENAME, SYNC_NAMES };
+  Kind kind;
+  std::uint64_t inode = 0;
+  std::uint64_t offset = 0;  // of WRITE; the new size of RESIZE
+  Bytes bytes;
+  std::string name;
+  std::string from;  // of RENAME
+};
+
+// The calls that a fault can be put into.
+enum class Call {
+  OPEN,
+  DUPLICATE,
+  READ,
+  WRITE,
+  SYNC_DATA,
+  SYNC,
+  ALLOCATE,
+  TRUNCATE,
+  LOCK,
+  STAT,
+  RENAME,
+  LINK,
+  UNLINK,
+  CHANGE_MODE,
+  CHANGE_OWNER,
+  RANDOM,
+};
+constexpr std::size_t CALL_COUNT = 16;
+const char* nameOf(Call call);
+
+// While it lives, the engine works on this disk and on nothing else.
+class SimulatedDisk {
+ public:
+  SimulatedDisk();
+  ~SimulatedDisk();
+  SimulatedDisk(const SimulatedDisk&) = delete;
+  SimulatedDisk& operator=(const SimulatedDisk&) = delete;
+
+  DiskImage image() const;
+  // The machine starts anew with this content: another boot id, no open files, no locks.
+  void boot(const DiskImage& content);
+  // All processes are gone, the machine is not: open files and locks vanish, written bytes stay.
+  void killProcesses();
+  // What this disk holds in another run of the machine of that number; for going back to an earlier run.
+  void setBootNumber(unsigned number) { bootNumber_ = number; }
+  unsigned bootNumber() const { return bootNumber_; }
+
+  std::vector<DiskOp> log;
+  bool isRecording = false;
+
+  // Asked before every call; what it answers, if not 0, is the errno of a call that fails without effect.
+  std::function<int(Call)> fault;
+  // At most so many bytes by one read or write; 0 for no limit.
+  std::size_t mostBytes = 0;
+
+  std::size_t openDescriptors() const { return descriptors_.size(); }
+  std::size_t callCount() const { return calls_; }
+
+ private:
+  friend struct SimulatedCalls;
+  struct Inode {
+    std::shared_ptr<Bytes> bytes = std::make_shared<Bytes>();
+    unsigned mode = 0100600;
+    std::uint64_t number = 0;
+    unsigned owner = 0;
+    unsigned group = 0;
+  };
+  struct Open {
+    std::shared_ptr<Inode> inode;  // null: the folder
+    bool isBootId = false;
+  };
+
+  int failing(Call call);
+  void record(DiskOp op);
+  Open* find(int descriptor);
+  Bytes& writable(Inode& inode);
+  unsigned linkCount(const Inode& inode) const;
+
+  std::map<std::string, std::shared_ptr<Inode>> names_;
+  std::map<int, Open> descriptors_;
+  std::map<std::uint64_t, int> locks_;  // inode -> descriptor
+  std::uint64_t nextInode_ = 10;
+  int nextDescriptor_ = 1000;
+  unsigned bootNumber_ = 1;
+  std::size_t calls_ = 0;
+  std::uint64_t clockNs_ = 1000000000;
+  std::mt19937_64 random_{20240607};
+};
+
+// Follows a log and tells what a power cut could leave at its present point.
+class PowerCut {
+ public:
+  explicit PowerCut(DiskImage durable) : durable_(std::move(durable)) {}
+
+  void follow(const DiskOp& op);
+
+  // How many choices there are; capped at 2^40.
+  std::uint64_t stateCount() const;
+  // The state of a number below stateCount().
+  DiskImage state(std::uint64_t number) const;
+  DiskImage randomState(std::mt19937_64& random) const;
+  // Nothing that was not synced, or all of it.
+  DiskImage oldest() const;
+  DiskImage newest() const;
+  // All of it but one choice, or one choice alone; number below choiceCount().
+  std::size_t choiceCount() const { return choices().size(); }
+  DiskImage newestBut(std::size_t number) const;
+  DiskImage oldestBut(std::size_t number) const;
+
+ private:
+  struct PendingUnit {
+    std::vector<Bytes> versions;  // oldest first, the durable one not among them
+    bool mayBeAnything = false;
+    bool isTakenForClean = false;
+  };
+  struct PendingFile {
+    std::vector<std::uint64_t> sizes;
+    std::map<std::uint64_t, PendingUnit> units;
+  };
+  // One part of a state: a name operation, a file's size or a unit, with the number of forms that it can take. The
+  // first form is the durable one, the last the newest.
+  struct Choice {
+    enum class Kind { NAME, FILE_SIZE, FILE_UNIT } kind;
+    std::uint64_t inode;
+    std::uint64_t at;
+    std::uint64_t forms;
+    std::uint64_t newest;
+  };
+
+  std::vector<Choice> choices() const;
+  DiskImage build(const std::vector<Choice>& list, const std::vector<std::uint64_t>& forms) const;
+  Bytes unitOf(std::uint64_t inode, std::uint64_t unit) const;
+  const Bytes* durableBytes(std::uint64_t inode) const;
+  void followWrite(const DiskOp& op);
+  void followSync(std::uint64_t inode);
+
+  DiskImage durable_;
+  std::map<std::uint64_t, PendingFile> files_;
+  std::vector<DiskOp> names_;
+};
+
+}  // namespace zon::test
+
+#endif
