@@ -21,7 +21,7 @@ void join(char* field, std::initializer_list<std::string_view> pieces) {
   for (const std::string_view piece : pieces) {
     const std::size_t room = PATH_FIELD_SIZE - 1 - length;
     const std::size_t count = piece.size() < room ? piece.size() : room;
-    std::memcpy(field + length, piece.data(), count);
+    if (count != 0) std::memcpy(field + length, piece.data(), count);  // an empty piece may have no address
     length += count;
   }
   field[length] = '\0';
@@ -47,7 +47,7 @@ void formRecordFileNames(const char* fileName, const RecordFileNames& names) {
 
   // A file in the current directory has companions without a directory part.
   const bool isCurrentDirectory = std::string_view(directory) == ".";
-  const std::string_view prefix = isCurrentDirectory ? std::string_view() : std::string_view(directory);
+  const std::string_view prefix = isCurrentDirectory ? "" : directory;
   const std::string_view dot = isCurrentDirectory ? "." : "/.";
   join(names.lock, {prefix, dot, baseName, ".lock"});
   join(names.backup, {prefix, dot, baseName, ".bkp"});
