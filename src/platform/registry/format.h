@@ -85,7 +85,8 @@ enum class FrameKind : std::uint8_t {
   SUMMARY = 5,  // the live records of one chain, so that readers need not walk further
 };
 
-constexpr std::uint8_t FRAME_LAST = 1;  // flag: this frame completes its commit
+constexpr std::uint8_t FRAME_LAST = 1;   // flag: this frame completes its commit
+constexpr std::uint8_t FRAME_CLEAN = 2;  // flag of CHANGE and REMOVE: no older frame of the place lies below `below`
 constexpr std::size_t MAX_HEAD_SIZE = 72;
 
 // Frames follow each other without gaps from LOG_START on: header, then (by kind) bodies and links, which together are

@@ -41,6 +41,10 @@ std::size_t headSizeOf(format::FrameKind kind, std::size_t indexCount) {
   return 0;
 }
 
+std::uint64_t flagsOf(const Frame& frame) {
+  return (frame.last ? format::FRAME_LAST : 0u) | (frame.clean ? format::FRAME_CLEAN : 0u);
+}
+
 std::uint32_t headChecksum(std::span<const std::byte> head, std::uint64_t offset, std::uint32_t salt) {
   return crc32c(checksumStart(salt, offset), head.data() + sizeof(std::uint32_t), head.size() - sizeof(std::uint32_t));
 }
@@ -100,6 +104,7 @@ ParseResult parseHead(std::span<const std::byte> bytes, std::uint64_t offset, co
   frame.chain = header.chain;
   frame.payloadCrc = header.payloadCrc;
   frame.last = ((header.link >> 48) & format::FRAME_LAST) != 0;
+  frame.clean = ((header.link >> 48) & format::FRAME_CLEAN) != 0;
   frame.previous = header.link & OFFSET_MASK;
   std::size_t at = sizeof(format::FrameHeader);
   if (frame.kind == format::FrameKind::AREA) {
@@ -137,7 +142,7 @@ void appendFrame(Frame& frame, std::span<const std::byte> payload, const FrameKe
                                  .payloadCrc = frame.payloadCrc,
                                  .size = frame.size,
                                  .link = static_cast<std::uint64_t>(frame.kind) << 56 |
-                                         (frame.last ? std::uint64_t{format::FRAME_LAST} << 48 : 0) | frame.previous});
+                                         flagsOf(frame) << 48 | frame.previous});
   if (frame.kind == format::FrameKind::AREA) store(out, frame.area);
   if (frame.kind == format::FrameKind::SUMMARY) store(out, frame.summary);
   if (frame.kind == format::FrameKind::CHANGE || frame.kind == format::FrameKind::REMOVE) {

@@ -34,6 +34,7 @@ struct Frame {
   std::uint32_t payloadCrc = 0;
   format::FrameKind kind = format::FrameKind::INSERT;
   bool last = false;
+  bool clean = false;
   std::uint64_t previous = 0;
   std::uint64_t place = 0;  // of the record concerned; of an INSERT frame its own offset
   std::uint64_t below = 0;

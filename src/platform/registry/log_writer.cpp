@@ -2,6 +2,7 @@
 #include "platform/registry/log_writer.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstring>
 
 #include "platform/registry/log_scan.h"
@@ -18,6 +19,8 @@ constexpr std::uint64_t MOST_RESERVE = 8 << 20;
 constexpr std::uint64_t LEAST_BLOCKS = 8;
 // One more commit with this many new heads must fit the overlay, or the blocks take over.
 constexpr std::size_t OVERLAY_HEADROOM = 8;
+constexpr std::uint64_t LEAST_SEEN_BITS = 1024;
+constexpr std::uint64_t MOST_SEEN_BITS = std::uint64_t{1} << 25;
 constexpr std::size_t HEAVY_PENDING = 1 << 20;
 constexpr std::size_t HEAVY_HEADS = 8192;
 // A chain is summarized when following it reads so many times more frames than it has live records.
@@ -30,6 +33,18 @@ std::uint64_t offsetOf(const format::OverlayEntry& entry) { return entry.offsetA
 
 }  // namespace
 
+void SeenDigests::expect(std::uint64_t digests) {
+  bits_.assign(static_cast<std::size_t>(std::clamp(std::bit_ceil(digests * 32), LEAST_SEEN_BITS, MOST_SEEN_BITS) / 64), 0);
+}
+
+bool SeenDigests::note(std::uint64_t digest) {
+  const std::uint64_t bit = digest % (bits_.size() * 64);
+  const std::uint64_t mask = std::uint64_t{1} << bit % 64;
+  const bool seen = (bits_[bit / 64] & mask) != 0;
+  bits_[bit / 64] |= mask;
+  return seen;
+}
+
 std::uint32_t LogWriter::create(int file, const format::FileHeader& header, std::uint64_t expectedRecords) {
   file_ = file;
   fresh_ = true;
@@ -37,6 +52,7 @@ std::uint32_t LogWriter::create(int file, const format::FileHeader& header, std:
   key_ = FrameKey{.salt = saltOf(header.fileId), .indexCount = type_.indexCount};
   slot_ = format::Slot{};
   slot_.chain = key_.salt;
+  seen_.expect(expectedRecords);
   end_ = format::LOG_START;
   pendingStart_ = end_;
   const std::uint64_t entries = expectedRecords * type_.indexCount;
@@ -69,7 +85,13 @@ std::uint32_t LogWriter::settle() {
   slot_.overlayApplied = 0;
   published_.overlayApplied = 0;
   if (const std::uint32_t rc = adoptCommits()) return rc;
-  if (isDirty()) return commit();
+  if (isDirty()) {
+    // The same holds for the page of the newest slot: the coming sync must not leave it behind.
+    if (isSameBoot(boot_, published_)) {
+      if (const std::uint32_t rc = writeSlot(published_)) return rc;
+    }
+    return commit();
+  }
   if (const std::uint32_t rc = publish(mergedOverlay(), 0)) return rc;
   const std::array<std::byte, format::TERMINATOR_SIZE> terminator{};
   return writeAt(file_, end_, terminator);
@@ -165,13 +187,12 @@ std::uint32_t LogWriter::appendEvent(Frame& frame, const void* record, std::size
 }
 
 std::uint32_t LogWriter::extendChains(Frame& frame, const void* record, int liveChange) {
-  // In a new file every whole key comes once, so that there is nothing to look up.
-  const bool keyIsNew = fresh_ && !keysMayRepeat_;
-  if (!keyIsNew) {
-    if (const std::uint32_t rc = headOf(0, digestOf(0, record), frame.previous)) return rc;
+  const std::uint64_t keyDigest = digestOf(0, record);
+  if (!fresh_ || seen_.note(keyDigest)) {
+    if (const std::uint32_t rc = headOf(0, keyDigest, frame.previous)) return rc;
   }
   if (frame.kind != format::FrameKind::INSERT) {
-    if (const std::uint32_t rc = findBelow(frame, frame.below)) return rc;
+    if (const std::uint32_t rc = findBelow(frame)) return rc;
   }
   for (std::size_t index = 1; index < type_.indexCount; ++index) {
     const std::uint64_t digest = digestOf(index, record);
@@ -198,19 +219,21 @@ std::uint32_t LogWriter::extendChains(Frame& frame, const void* record, int live
   return MD_RC_OK;
 }
 
-// Below a change or removal, who sees it needs no older form of its place, and no removed place at all.
-std::uint32_t LogWriter::findBelow(const Frame& frame, std::uint64_t& below) const {
-  below = frame.previous;
+// Below a change or removal, who sees it needs no older form of its place, and no removed place that left nothing behind.
+std::uint32_t LogWriter::findBelow(Frame& frame) const {
+  frame.below = frame.previous;
   FrameBytes bytes;
   Frame head;
-  if (below == 0) return MD_RC_OK;
-  if (const std::uint32_t rc = readHead(below, bytes, head)) return rc;
-  if (!head.isEvent() || head.place != frame.place) return MD_RC_OK;
-  below = head.kind == format::FrameKind::INSERT ? head.previous : head.below;
-  while (below != 0) {
-    if (const std::uint32_t rc = readHead(below, bytes, head)) return rc;
-    if (head.kind != format::FrameKind::REMOVE) break;
-    below = head.below;
+  if (frame.below == 0) return MD_RC_OK;
+  if (const std::uint32_t rc = readHead(frame.below, bytes, head)) return rc;
+  const bool isInsert = head.kind == format::FrameKind::INSERT;
+  if (!head.isEvent() || head.place != frame.place || (!isInsert && !head.clean)) return MD_RC_OK;
+  frame.clean = true;
+  frame.below = isInsert ? head.previous : head.below;
+  while (frame.below != 0) {
+    if (const std::uint32_t rc = readHead(frame.below, bytes, head)) return rc;
+    if (head.kind != format::FrameKind::REMOVE || !head.clean) break;
+    frame.below = head.below;
   }
   return MD_RC_OK;
 }

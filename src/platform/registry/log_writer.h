@@ -22,6 +22,18 @@ struct FoundRecord {
   std::size_t size;
 };
 
+// Which digests a log being built may hold already, in bounded memory: a wrong yes costs one look-up, a no is certain.
+class SeenDigests {
+ public:
+  void expect(std::uint64_t digests);
+
+  // Notes the digest; answers whether it may have been noted before.
+  bool note(std::uint64_t digest);
+
+ private:
+  std::vector<std::uint64_t> bits_;
+};
+
 class LogWriter : public LogView {
  public:
   // Without `durable` no commit is synced: a crash of the machine may then cost commits, and damage the file.
@@ -40,8 +52,6 @@ class LogWriter : public LogView {
   std::uint32_t appendRemove(const FoundRecord& found, const void* old);
   std::uint32_t finishCommit();
 
-  // In a log that create() began, keys are taken to come once each, unless this is called.
-  void lookKeysUp() { keysMayRepeat_ = true; }
   void setNotUnique() { slot_.flags |= format::SLOT_NOT_UNIQUE; }
 
   // Something was appended that is not published.
@@ -76,7 +86,7 @@ class LogWriter : public LogView {
   std::uint32_t adoptCommits();
   std::uint32_t appendEvent(Frame& frame, const void* record, std::size_t size, const Sizes* old);
   std::uint32_t extendChains(Frame& frame, const void* record, int liveChange);
-  std::uint32_t findBelow(const Frame& frame, std::uint64_t& below) const;
+  std::uint32_t findBelow(Frame& frame) const;
   std::uint32_t appendSummary(const ChainMark& mark);
   std::uint32_t appendArea(std::uint64_t blockCount);
   std::uint32_t sizesOf(const FoundRecord& found, Sizes& sizes) const;
@@ -99,7 +109,7 @@ class LogWriter : public LogView {
 
   BootId boot_;
   bool durable_;
-  bool keysMayRepeat_ = false;
+  SeenDigests seen_;
   bool fresh_ = false;        // create() began this log; nothing of it is published
   format::Slot published_{};  // the newest slot in the file
   bool newestIsDurable_ = false;

@@ -260,7 +260,6 @@ std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t exp
   format::FileHeader header;
   std::uint32_t rc = makeHeader(type_, old, header);
   if (rc == MD_RC_OK) rc = fresh->create(temporary.get(), header, expectedRecords);
-  if (rc == MD_RC_OK && (!keysAreUnique || mayRepeatKeys)) fresh->lookKeysUp();
   if (rc == MD_RC_OK && !keysAreUnique) fresh->setNotUnique();
   if (rc == MD_RC_OK) rc = fill(*fresh, source, mayRepeatKeys);
   if (rc == MD_RC_OK && data_.isHeld()) rc = takeOverOwner(temporary.get());
