@@ -21,7 +21,7 @@ void join(char* field, std::initializer_list<std::string_view> pieces) {
   for (const std::string_view piece : pieces) {
     const std::size_t room = PATH_FIELD_SIZE - 1 - length;
     const std::size_t count = piece.size() < room ? piece.size() : room;
-    if (count != 0) std::memcpy(field + length, piece.data(), count);  // an empty piece may have no address
+    std::memcpy(field + length, piece.data(), count);
     length += count;
   }
   field[length] = '\0';
