@@ -1,5 +1,5 @@
-// docs/return-codes.md against the table of return codes. The rule: a row of the document is made here from the table, so
-// that the failure of a test shows the row that has to be written.
+// docs/return-codes.md against the table of return codes. The rule: a row of the document is made here from the table,
+// so that the failure of a test shows the row that has to be written.
 #include <gtest/gtest.h>
 
 #include <cstdio>
