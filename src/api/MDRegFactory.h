@@ -29,7 +29,6 @@ namespace slot {
 enum Kind : std::uint8_t { KEY, IN, OUT, RC };
 }  // namespace slot
 
-
 template <std::size_t SIZE>
 struct SlotTable {
   slot::Kind slots[SIZE];
@@ -124,12 +123,18 @@ template <class Store, const auto& TABLE>
 void report(TraceScope& trace, std::uint32_t rc, const ParameterBlock& block, struct sqlca* sqlca) {
   using Slots = SlotNumbers<TABLE>;
   constexpr std::size_t COUNT = Slots::KEYS.size();
+  trace.variable(&rc, sizeof rc);
   std::array<const char*, COUNT == 0 ? 1 : COUNT> tokens{};
   for (std::size_t i = 0; i < COUNT; ++i) tokens[i] = block.text(Slots::KEYS[i]);
   const std::int32_t sqlcode = mapMDFileRcToSqlca(rc, static_cast<std::int32_t>(COUNT),
                                                   COUNT == 0 ? nullptr : tokens.data(), SUBJECT_KIND<Store>, sqlca);
   block.putNumber(Slots::RC_SLOT, sqlcode);
   trace.exit(sqlcode);
+}
+
+// Some failures show in the trace alone: callers get the results that there are.
+inline void traceFailure(TraceScope& trace, std::uint32_t rc) {
+  if (rc != MD_RC_OK) trace.variable(&rc, sizeof rc);
 }
 
 // A whole entry point.
@@ -143,11 +148,13 @@ void callStore(std::uint32_t tracePoint, void** slots, struct sqlca* sqlca) {
 // The report of an entry point without an rc cell; `token` (may be null) names the record in the SQLCA.
 template <class Store>
 void reportToSqlca(TraceScope& trace, std::uint32_t rc, const char* token, struct sqlca* sqlca) {
+  trace.variable(&rc, sizeof rc);
   trace.exit(mapMDFileRcToSqlca(rc, 1, &token, SUBJECT_KIND<Store>, sqlca));
 }
 
 template <class Store>
 void reportToSqlca(TraceScope& trace, std::uint32_t rc, struct sqlca* sqlca) {
+  trace.variable(&rc, sizeof rc);
   trace.exit(mapMDFileRcToSqlca(rc, 0, nullptr, SUBJECT_KIND<Store>, sqlca));
 }
 

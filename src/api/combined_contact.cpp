@@ -125,18 +125,17 @@ std::uint32_t readContact(MDContact& store, const ParameterBlock& block) {
   return rc;
 }
 
-// One row for each of `count` contacts; `last` receives what the last row was made from. A data text that lacks fields
+// Makes each of the rows; `last` receives what the last row was made from. A data text that lacks fields
 // is no failure here.
-std::uint32_t makeRows(const DString& keys, const DString& data, std::size_t count, std::vector<ContactRow>& rows,
+std::uint32_t makeRows(TraceScope& trace, const DString& keys, const DString& data, std::vector<ContactRow>& rows,
                        ContactEntry& last) {
   ListReader keyReader(keys);
   ListReader dataReader(data);
-  rows.resize(count);
   for (ContactRow& row : rows) {
     std::string_view text;
-    keyReader.next(last.name);
-    dataReader.next(text);
-    readFields(text, last.fields);
+    traceFailure(trace, keyReader.next(last.name));
+    traceFailure(trace, dataReader.next(text));
+    traceFailure(trace, readFields(text, last.fields));
     if (!row.make(last)) return GENREG_RC_NO_MEMORY;
   }
   return MD_RC_OK;
@@ -156,7 +155,7 @@ std::uint32_t putRows(const ParameterBlock& block, std::vector<ContactRow>& rows
   return MD_RC_OK;
 }
 
-std::uint32_t readAllContacts(MDContact& store, const ParameterBlock& block) {
+std::uint32_t readAllContacts(MDContact& store, const ParameterBlock& block, TraceScope& trace) {
   DString keys;
   DString data;
   DString versions;
@@ -169,12 +168,10 @@ std::uint32_t readAllContacts(MDContact& store, const ParameterBlock& block) {
   if (keys.isEmpty() || data.isEmpty() || versions.isEmpty()) return MD_RC_NO_DATA;
 
   const std::size_t count = countEntries(keys);
-  std::vector<ContactRow> rows;
-  ContactEntry last;
   const bool wantsDetail = block.number(DETAIL_SLOT) != 0;
-  if (wantsDetail) {
-    if (const std::uint32_t rowsRc = makeRows(keys, data, count, rows, last)) return rowsRc;
-  }
+  std::vector<ContactRow> rows(wantsDetail ? count : 0);
+  ContactEntry last;
+  if (const std::uint32_t rowsRc = makeRows(trace, keys, data, rows, last)) return rowsRc;
   block.putCount(COUNT_SLOT, count);
   return wantsDetail ? putRows(block, rows, last) : MD_RC_OK;
 }
@@ -184,7 +181,7 @@ std::uint32_t readAllContacts(MDContact& store, const ParameterBlock& block) {
 MD_ENTRY ContactAPI_retrieveAll(void*, void** slots, struct sqlca* sqlca) {
   TraceScope trace(trace::ContactAPI_retrieveAll);
   const ParameterBlock block(slots);
-  const std::uint32_t rc = withStore<MDContact>([&](MDContact& store) { return readAllContacts(store, block); });
+  const std::uint32_t rc = withStore<MDContact>([&](MDContact& store) { return readAllContacts(store, block, trace); });
   reportToSqlca<MDContact>(trace, rc, sqlca);
 }
 

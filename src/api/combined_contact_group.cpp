@@ -26,11 +26,11 @@ std::uint32_t putRows(const ParameterBlock& block, std::size_t countSlot, std::s
 class Entries {
  public:
   // Copies the first `count` entries; false when there is no memory.
-  bool make(std::string_view list, std::size_t count) {
+  bool make(TraceScope& trace, std::string_view list, std::size_t count) {
     ListReader reader(list);
     texts_.resize(count);
     for (OutputText& text : texts_) {
-      reader.next(last_);
+      traceFailure(trace, reader.next(last_));
       if (!text.copy(last_)) return false;
     }
     return true;
@@ -61,7 +61,7 @@ constexpr std::size_t DETAIL_SLOT = 1;
 constexpr std::size_t COUNT_SLOT = 2;
 constexpr std::size_t FIRST_NAME_SLOT = 3;
 
-std::uint32_t put(MDContactGroup& store, const ParameterBlock& block) {
+std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope& trace) {
   DString group = block.input(GROUP_SLOT);
   DString list;
   // Whatever the expansion failed with, callers see one code; an unknown group is no special case for them.
@@ -69,7 +69,7 @@ std::uint32_t put(MDContactGroup& store, const ParameterBlock& block) {
   const std::size_t count = countEntries(list);
   const bool wantsDetail = block.number(DETAIL_SLOT) != 0;
   Entries names;
-  if (wantsDetail && !names.make(list, count)) return GENREG_RC_NO_MEMORY;
+  if (wantsDetail && !names.make(trace, list, count)) return GENREG_RC_NO_MEMORY;
   block.putCount(COUNT_SLOT, count);
   if (!wantsDetail) return MD_RC_OK;
   return putRows(block, COUNT_SLOT, count,
@@ -88,7 +88,7 @@ constexpr std::size_t DESCRIPTION_SLOT = 3;
 constexpr std::size_t FIRST_KIND_SLOT = 4;
 constexpr std::size_t FIRST_MEMBER_SLOT = 5;
 
-std::uint32_t put(MDContactGroup& store, const ParameterBlock& block) {
+std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope& trace) {
   DString group = block.input(GROUP_SLOT);
   DString kindList;
   DString memberList;
@@ -100,12 +100,13 @@ std::uint32_t put(MDContactGroup& store, const ParameterBlock& block) {
   }
   // Every record of a group carries its description: the first stands for the group.
   Entries descriptions;
-  if (!descriptions.make(descriptionList, 1)) return GENREG_RC_NO_MEMORY;
+  if (!descriptions.make(trace, descriptionList, 1)) return GENREG_RC_NO_MEMORY;
   const std::size_t count = countEntries(memberList);
   const bool wantsDetail = block.number(DETAIL_SLOT) != 0;
   Entries members;
   Entries kinds;
-  if (wantsDetail && !(members.make(memberList, count) && kinds.make(kindList, count))) return GENREG_RC_NO_MEMORY;
+  if (wantsDetail && !(members.make(trace, memberList, count) && kinds.make(trace, kindList, count)))
+    return GENREG_RC_NO_MEMORY;
   descriptions.put(0, block.output(DESCRIPTION_SLOT));
   block.putCount(COUNT_SLOT, count);
   if (!wantsDetail) return MD_RC_OK;
@@ -153,7 +154,7 @@ std::uint32_t makeRow(MDContactGroup& store, const DString& name, Row& row) {
   return row.group.copy(name) && row.description.copy(description) ? rc : GENREG_RC_NO_MEMORY;
 }
 
-std::uint32_t put(MDContactGroup& store, const ParameterBlock& block) {
+std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope& trace) {
   DString groupList;
   DString kindList;
   DString memberList;
@@ -174,6 +175,7 @@ std::uint32_t put(MDContactGroup& store, const ParameterBlock& block) {
   for (std::size_t k = 0; k < rows.size(); ++k) {
     // The code of the last group stands; only a lack of memory, which no later success makes good, ends the call.
     rc = makeRow(store, names.elementAt(k + 1), rows[k]);
+    traceFailure(trace, rc);
     if (rc == GENREG_RC_NO_MEMORY) return rc;
   }
   // The capacity, which callers have always been told; it is the number of names as long as there is one.
@@ -192,20 +194,23 @@ std::uint32_t put(MDContactGroup& store, const ParameterBlock& block) {
 MD_ENTRY ContactGroupAPI_retrieveAllContactNames(void*, void** slots, struct sqlca* sqlca) {
   TraceScope trace(trace::ContactGroupAPI_retrieveAllContactNames);
   const ParameterBlock block(slots);
-  const std::uint32_t rc = withStore<MDContactGroup>([&](MDContactGroup& store) { return names::put(store, block); });
+  const std::uint32_t rc =
+      withStore<MDContactGroup>([&](MDContactGroup& store) { return names::put(store, block, trace); });
   reportToSqlca<MDContactGroup>(trace, rc, block.text(names::GROUP_SLOT), sqlca);
 }
 
 MD_ENTRY ContactGroupAPI_retrieveList(void*, void** slots, struct sqlca* sqlca) {
   TraceScope trace(trace::ContactGroupAPI_retrieveList);
   const ParameterBlock block(slots);
-  const std::uint32_t rc = withStore<MDContactGroup>([&](MDContactGroup& store) { return members::put(store, block); });
+  const std::uint32_t rc =
+      withStore<MDContactGroup>([&](MDContactGroup& store) { return members::put(store, block, trace); });
   reportToSqlca<MDContactGroup>(trace, rc, block.text(members::GROUP_SLOT), sqlca);
 }
 
 MD_ENTRY ContactGroupAPI_retrieveAll(void*, void** slots, struct sqlca* sqlca) {
   TraceScope trace(trace::ContactGroupAPI_retrieveAll);
   const ParameterBlock block(slots);
-  const std::uint32_t rc = withStore<MDContactGroup>([&](MDContactGroup& store) { return groups::put(store, block); });
+  const std::uint32_t rc =
+      withStore<MDContactGroup>([&](MDContactGroup& store) { return groups::put(store, block, trace); });
   reportToSqlca<MDContactGroup>(trace, rc, sqlca);
 }

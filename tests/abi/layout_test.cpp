@@ -32,9 +32,9 @@ static_assert(sizeof(struct sqlca) == 136 && offsetof(struct sqlca, sqlcode) == 
 template <class Store>
 class StoreClass : public testing::Test {};
 
-using Stores = testing::Types<MDCustomTree, MDContact, MDContactGroup, MDSubSystemSetting, MDJCLSkeleton,
-                              MDUtilNameMapping, MDLocationMapping, MDCloningSubSystemSetting, MDCloningHistory,
-                              MDCloningMapping, MDUtilityHistory>;
+using Stores =
+    testing::Types<MDCustomTree, MDContact, MDContactGroup, MDSubSystemSetting, MDJCLSkeleton, MDUtilNameMapping,
+                   MDLocationMapping, MDCloningSubSystemSetting, MDCloningHistory, MDCloningMapping, MDUtilityHistory>;
 TYPED_TEST_SUITE(StoreClass, Stores);
 
 TYPED_TEST(StoreClass, AddsNothingToTheEngineObject) {

@@ -5,6 +5,7 @@
 
 #include <string>
 
+#include "support/kept_on_purpose.h"
 #include "support/metadata_test.h"
 #include "zonmdfile/platform/return_codes.h"
 
@@ -117,6 +118,7 @@ TEST_F(CloningMapping, LargestDataComesBackWhole) {
 
 // Both record buffers of a scan that cannot begin are lost on purpose.
 TEST_F(CloningMapping, ScanThatCannotBeginKeepsItsBuffersAllocated) {
+  const zontest::KeptOnPurpose kept;
   blockFile(MDCloningMapping::FILENAME);
   EXPECT_EQ(store_.retrieveKeys(groups_, subGroups_, keys_), GENREG_RC_NOT_REGULAR);
   EXPECT_EQ(account_.buffers(), 2U);

@@ -211,6 +211,16 @@ TEST_F(ContactGroups, UpdateStopsWhereTheListsReadBackWrongly) {
   EXPECT_EQ(textOf(descriptions_), listOf("d|new|"));
 }
 
+TEST_F(ContactGroups, UpdateGivesUpWhenTheLockWaitIsOver) {
+  insertAll("g:a g:b");
+  MDContactGroup other;
+  ASSERT_EQ(other.beginBatch(), 0U);
+  store_.setLockWait(20);
+  EXPECT_EQ(update("g", "new", "2"), GENREG_RC_LOCK_TIMEOUT);
+  ASSERT_EQ(other.commitBatch(), 0U);
+  EXPECT_EQ(update("g", "new", "2"), 0U);
+}
+
 TEST_F(ContactGroups, ExpansionOfGroupsThatHoldEachOtherEnds) {
   insertAll("A:a A>B B:b B>A");
   EXPECT_EQ(expand("A"), 0U);

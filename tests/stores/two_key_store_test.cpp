@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "support/kept_on_purpose.h"
 #include "support/metadata_test.h"
 #include "zonmdfile/MDCloningHistory.h"
 #include "zonmdfile/MDJCLSkeleton.h"
@@ -177,6 +178,7 @@ TYPED_TEST(TwoKeyStores, LargestDataComesBackWhole) {
 
 // Both record buffers of a scan that cannot begin are lost on purpose.
 TYPED_TEST(TwoKeyStores, ScanThatCannotBeginKeepsItsBuffersAllocated) {
+  const zontest::KeptOnPurpose kept;
   this->blockFile(TypeParam::FILENAME);
   EXPECT_EQ(this->store_.retrieveKeys(this->groups_, this->keys_), GENREG_RC_NOT_REGULAR);
   EXPECT_EQ(this->account_.buffers(), 2U);
