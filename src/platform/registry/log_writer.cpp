@@ -5,6 +5,7 @@
 #include <bit>
 #include <cstring>
 
+#include "platform/registry/engine_access.h"
 #include "platform/registry/log_scan.h"
 #include "platform/registry/zero_runs.h"
 
@@ -534,50 +535,47 @@ std::size_t LogWriter::mergedOverlaySize() const { return mergedOverlay().size()
 
 std::uint32_t LogWriter::commit() {
   if (!isDirty()) return MD_RC_OK;
-  std::uint32_t rc = makeRoomInIndex(mergedOverlaySize());
-  if (rc == MD_RC_OK) rc = flushPending();
-  if (rc != MD_RC_OK) {
-    takeBack(false);
-    return rc;
-  }
-  rc = sync();
-  if (rc != MD_RC_OK) {
-    takeBack(true);
-    return rc;
-  }
+  const std::uint32_t rc = guarded([this] { return commitAppended(); });
+  if (rc != MD_RC_OK) return takeBack() ? rc : GENREG_RC_DURABILITY_UNKNOWN;
+  // What fails here is tried again by a later commit.
+  if (needsApply(slot_.overlayCount)) guarded([this] { return applyPublished(); });
+  return MD_RC_OK;
+}
+
+std::uint32_t LogWriter::commitAppended() {
+  if (const std::uint32_t rc = makeRoomInIndex(mergedOverlaySize())) return rc;
+  if (const std::uint32_t rc = flushPending()) return rc;
+  if (const std::uint32_t rc = sync()) return rc;
   newestIsDurable_ = true;
   std::vector<format::OverlayEntry> overlay = mergedOverlay();
   if (overlay.size() > format::OVERLAY_CAPACITY) {
     // More heads than the slot can hold: the blocks must be durable before the slot may point past them.
-    rc = applyToBlocks(std::move(overlay));
-    if (rc == MD_RC_OK) rc = sync();
-    if (rc == MD_RC_OK) rc = publish({}, 0);
-    return rc == MD_RC_OK ? rc : GENREG_RC_DURABILITY_UNKNOWN;
+    isBeyondRecall_ = true;
+    if (const std::uint32_t rc = applyToBlocks(std::move(overlay))) return rc;
+    if (const std::uint32_t rc = sync()) return rc;
+    overlay.clear();
   }
-  rc = publish(overlay, 0);
-  if (rc != MD_RC_OK) {
-    takeBack(false);
-    return rc;
-  }
-  if (needsApply(overlay.size())) applyPublished();  // what fails here is tried again by a later commit
-  return MD_RC_OK;
+  return publish(overlay, 0);
 }
 
 // Nothing of a failed commit may be found later. First a mark that is no commit goes where it stood: should the rest
 // fail too, the next writer sees that something is to be settled. After a failed sync the slot is written again, as its
 // page and the blocks that it takes for applied may never have reached the disk.
-void LogWriter::takeBack(bool syncFailed) {
-  if (fresh_) return;
+bool LogWriter::takeBack() {
+  if (fresh_) return true;
+  if (isBeyondRecall_) return false;
   std::array<std::byte, format::TERMINATOR_SIZE> mark;
   mark.fill(std::byte{0xFF});
-  if (writeAt(file_, published_.end, mark) != MD_RC_OK) return;
-  if (syncFailed) {
-    format::Slot slot = published_;
-    slot.overlayApplied = 0;
-    if (writeSlot(slot) != MD_RC_OK) return;
-  }
+  if (writeAt(file_, published_.end, mark) != MD_RC_OK) return false;
+  format::Slot slot = published_;
+  slot.overlayApplied = 0;
+  newestIsDurable_ = false;
+  if (writeSlot(slot) != MD_RC_OK) return true;
+  // The commit may have reached the disk for all that: so must the mark.
+  if (sync() != MD_RC_OK) return true;
   mark.fill(std::byte{0});
   writeAt(file_, published_.end, mark);
+  return true;
 }
 
 std::uint32_t LogWriter::spill() {

@@ -101,7 +101,9 @@ class LogWriter : public LogView {
   std::uint32_t publish(const std::vector<format::OverlayEntry>& overlay, std::size_t applied);
   std::uint32_t writeSlot(format::Slot& slot);
   std::uint32_t applyPublished();
-  void takeBack(bool syncFailed);
+  std::uint32_t commitAppended();
+  // False when the failed commit may still be found by the next writer.
+  bool takeBack();
   void forgetNewHeads();
   void setOverlay(const std::vector<format::OverlayEntry>& overlay, std::size_t applied);
 
@@ -113,6 +115,7 @@ class LogWriter : public LogView {
   bool fresh_ = false;        // create() began this log; nothing of it is published
   format::Slot published_{};  // the newest slot in the file
   bool newestIsDurable_ = false;
+  bool isBeyondRecall_ = false;  // index blocks lead to a durable commit that is not published yet
   std::uint64_t fileSize_ = 0;
   Frame last_;  // the newest frame of the commit being built
   bool building_ = false;

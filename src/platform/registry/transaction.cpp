@@ -9,6 +9,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/registry/engine_access.h"
 #include "platform/registry/log_scan.h"
 #include "platform/registry/salvage.h"
 #include "platform/registry/system_calls.h"
@@ -116,10 +117,25 @@ std::uint32_t Transaction::sizeOfRecord(const void* record, std::size_t& size) c
 
 // Runs a piece of work; when it meets damage, mends the file and runs it once more.
 std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
-  const std::uint32_t rc = work();
-  if (rc != GENREG_RC_DAMAGED || !settings_.repairs || repaired_ || log_->isDirty()) return rc;
-  if (const std::uint32_t failed = repair()) return failed;
-  return work();
+  if (failure_ != MD_RC_OK) return failure_;
+  const bool wasDirty = log_->isDirty();
+  const std::uint64_t end = log_->end();
+  bool ended = false;  // in a way that leaves the log as it was, or with all of the change
+  const auto attempt = [&] {
+    ended = false;
+    const std::uint32_t rc = work();
+    ended = rc == MD_RC_OK || log_->end() == end;
+    return rc;
+  };
+  std::uint32_t rc = guarded(attempt);
+  if (rc == GENREG_RC_DAMAGED && settings_.repairs && !repaired_ && !wasDirty) {
+    ended = false;
+    rc = repair();
+    if (rc == MD_RC_OK) rc = guarded(work);
+    ended = rc == MD_RC_OK || !log_->isDirty();
+  }
+  if (!ended) failure_ = rc;
+  return rc;
 }
 
 std::uint32_t Transaction::add(unsigned long flags, const void* record) {
@@ -198,10 +214,11 @@ std::uint32_t Transaction::removeAll(unsigned long flags, const void* key) {
 }
 
 std::uint32_t Transaction::commit() {
+  if (failure_ != MD_RC_OK) return failure_;
   if (!log_->isDirty()) return MD_RC_OK;
-  if (const std::uint32_t rc = log_->commit()) return rc;
-  maintain();
-  return MD_RC_OK;
+  failure_ = log_->commit();
+  if (failure_ == MD_RC_OK) maintain();
+  return failure_;
 }
 
 std::uint32_t Transaction::commitWhenHeavy() { return log_->isHeavy() ? commit() : MD_RC_OK; }
@@ -256,14 +273,17 @@ std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t exp
                                    const format::FileHeader& old, bool keysAreUnique, bool mayRepeatKeys) {
   LockedFile temporary;
   if (const std::uint32_t rc = lockTemporary(temporary)) return rc;
-  auto fresh = std::make_unique<LogWriter>(type_, boot_, settings_.durable);
-  format::FileHeader header;
-  std::uint32_t rc = makeHeader(type_, old, header);
-  if (rc == MD_RC_OK) rc = fresh->create(temporary.get(), header, expectedRecords);
-  if (rc == MD_RC_OK && !keysAreUnique) fresh->setNotUnique();
-  if (rc == MD_RC_OK) rc = fill(*fresh, source, mayRepeatKeys);
-  if (rc == MD_RC_OK && data_.isHeld()) rc = takeOverOwner(temporary.get());
-  if (rc == MD_RC_OK) rc = putInPlace(temporary, settings_.paths.file);
+  std::unique_ptr<LogWriter> fresh;
+  const std::uint32_t rc = guarded([&] {
+    fresh = std::make_unique<LogWriter>(type_, boot_, settings_.durable);
+    format::FileHeader header;
+    if (const std::uint32_t failed = makeHeader(type_, old, header)) return failed;
+    if (const std::uint32_t failed = fresh->create(temporary.get(), header, expectedRecords)) return failed;
+    if (!keysAreUnique) fresh->setNotUnique();
+    if (const std::uint32_t failed = fill(*fresh, source, mayRepeatKeys)) return failed;
+    if (const std::uint32_t failed = data_.isHeld() ? takeOverOwner(temporary.get()) : MD_RC_OK) return failed;
+    return putInPlace(temporary, settings_.paths.file);
+  });
   if (rc == MD_RC_OK || rc == GENREG_RC_DURABILITY_UNKNOWN) {
     data_ = std::move(temporary);
     log_ = std::move(fresh);
@@ -368,8 +388,11 @@ bool Transaction::isTooLarge() const {
 }
 
 void Transaction::maintain() {
-  if (isTooLarge() || log_->isIndexFull()) compact();
-  if (settings_.keepsBackup) updateBackup();
+  guarded([this] { return isTooLarge() || log_->isIndexFull() ? compact() : MD_RC_OK; });
+  guarded([this] {
+    if (settings_.keepsBackup) updateBackup();
+    return MD_RC_OK;
+  });
 }
 
 void Transaction::updateBackup() {
@@ -410,7 +433,7 @@ std::uint32_t Transaction::makeBackup() {
   if (rc == MD_RC_OK) rc = reserve(file, 0, log_->end());
   if (rc == MD_RC_OK) rc = writeAt(file, 0, bytesOf(log_->header()));
   if (rc == MD_RC_OK) rc = writeAt(file, format::HEADER_COPY_OFFSET, bytesOf(log_->header()));
-  if (rc == MD_RC_OK) rc = copyLog(file, format::LOG_START);
+  if (rc == MD_RC_OK) rc = guarded([&] { return copyLog(file, format::LOG_START); });
   if (rc == MD_RC_OK) rc = sealBackup(file, 1);
   if (rc == MD_RC_OK) rc = sealBackup(file, 2);
   if (rc == MD_RC_OK) rc = syncFile(file);

@@ -91,6 +91,8 @@ class Transaction {
   LockedFile data_;
   std::unique_ptr<LogWriter> log_;
   ScratchRecord scratch_;
+  // A change that failed half way, or a commit that failed: nothing that is not durable yet may be taken for done.
+  std::uint32_t failure_ = MD_RC_OK;
   bool repaired_ = false;
 };
 

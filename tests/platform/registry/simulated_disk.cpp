@@ -57,8 +57,8 @@ bool isAllZero(const Bytes& bytes) {
 
 const char* nameOf(Call call) {
   constexpr std::array<const char*, CALL_COUNT> NAMES{
-      "open",   "duplicate", "read",   "write", "fdatasync", "fsync",       "fallocate",    "ftruncate", "flock",
-      "statx", "rename", "link",  "unlink",    "fchmod", "fchown", "getrandom"};
+      "open",  "duplicate", "read",   "write", "fdatasync", "fsync",  "fallocate", "ftruncate",
+      "flock", "statx",     "rename", "link",  "unlink",    "fchmod", "fchown",    "getrandom"};
   return NAMES[static_cast<std::size_t>(call)];
 }
 
@@ -104,7 +104,8 @@ struct SimulatedCalls {
         open.inode->number = theDisk->nextInode_++;
         open.inode->mode = S_IFREG | (mode & 07777);
         theDisk->names_[name] = open.inode;
-        theDisk->record(DiskOp{.kind = DiskOp::Kind::BIND, .inode = open.inode->number, .bytes = {}, .name = name, .from = {}});
+        theDisk->record(
+            DiskOp{.kind = DiskOp::Kind::BIND, .inode = open.inode->number, .bytes = {}, .name = name, .from = {}});
       }
     }
     theDisk->descriptors_[theDisk->nextDescriptor_] = open;
@@ -137,7 +138,8 @@ struct SimulatedCalls {
   static void resize(SimulatedDisk::Inode& inode, std::size_t size) {
     if (inode.bytes->size() == size) return;
     theDisk->writable(inode).resize(size);
-    theDisk->record(DiskOp{.kind = DiskOp::Kind::RESIZE, .inode = inode.number, .offset = size, .bytes = {}, .name = {}, .from = {}});
+    theDisk->record(DiskOp{
+        .kind = DiskOp::Kind::RESIZE, .inode = inode.number, .offset = size, .bytes = {}, .name = {}, .from = {}});
   }
 
   static ssize_t pwrite(int descriptor, const void* data, std::size_t size, off_t offset) {
@@ -257,11 +259,8 @@ struct SimulatedCalls {
     if (found == theDisk->names_.end()) return fail(ENOENT);
     if (theDisk->names_.contains(lastName(to))) return fail(EEXIST);
     theDisk->names_[lastName(to)] = found->second;
-    theDisk->record(DiskOp{.kind = DiskOp::Kind::BIND,
-                           .inode = found->second->number,
-                           .bytes = {},
-                           .name = lastName(to),
-                           .from = {}});
+    theDisk->record(DiskOp{
+        .kind = DiskOp::Kind::BIND, .inode = found->second->number, .bytes = {}, .name = lastName(to), .from = {}});
     return 0;
   }
 
@@ -310,7 +309,8 @@ struct SimulatedCalls {
     return 0;
   }
   static int sleepFor(const struct timespec* time, struct timespec*) {
-    theDisk->clockNs_ += static_cast<std::uint64_t>(time->tv_sec) * 1000000000 + static_cast<std::uint64_t>(time->tv_nsec);
+    theDisk->clockNs_ +=
+        static_cast<std::uint64_t>(time->tv_sec) * 1000000000 + static_cast<std::uint64_t>(time->tv_nsec);
     return 0;
   }
 };

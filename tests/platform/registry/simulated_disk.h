@@ -3,8 +3,8 @@
 //
 // The rule of the model: names are durable after a sync of the directory, bytes and sizes after a sync of the file. Of
 // what is not, any part may be lost, unit by unit of 512 bytes; a unit that was durable before keeps its old content or
-// takes a newer one, one that never was may also hold zeros or garbage. After a failed sync the pages concerned count as
-// clean: no later sync makes them durable unless they are written again.
+// takes a newer one, one that never was may also hold zeros or garbage. After a failed sync the pages concerned count
+// as clean: no later sync makes them durable unless they are written again.
 #ifndef ZON_TESTS_PLATFORM_REGISTRY_SIMULATED_DISK_H
 #define ZON_TESTS_PLATFORM_REGISTRY_SIMULATED_DISK_H
 
