@@ -1,0 +1,265 @@
+// The way of a step through parameter block, cells and SQLCA.
+//
+// The rule: only what callers have is used: the exported functions and classes, and _ossMemFree.
+#include "model/library_driver.h"
+
+#include <cstring>
+#include <deque>
+#include <map>
+#include <stdexcept>
+#include <string>
+
+#include "zonmdfile/MDCloningMapping.h"
+#include "zonmdfile/MDContactGroup.h"
+#include "zonmdfile/platform/oss.h"
+#include "zonmdfile/zonmdfile.h"
+
+namespace zonmodel {
+
+namespace {
+
+using EntryPoint = void (*)(void*, void**, struct sqlca*);
+
+const std::map<std::string_view, EntryPoint>& entryPoints() {
+  static const std::map<std::string_view, EntryPoint> table = {
+      {"MDCustomTree_retrieveKeys", MDCustomTree_retrieveKeys},
+      {"MDCustomTree_retrieveAll", MDCustomTree_retrieveAll},
+      {"MDCustomTree_remove", MDCustomTree_remove},
+      {"MDCustomTree_retrieve", MDCustomTree_retrieve},
+      {"MDCustomTree_update", MDCustomTree_update},
+      {"MDCustomTree_insert", MDCustomTree_insert},
+      {"MDSubSystemSetting_retrieveKeys", MDSubSystemSetting_retrieveKeys},
+      {"MDSubSystemSetting_retrieveAll", MDSubSystemSetting_retrieveAll},
+      {"MDSubSystemSetting_remove", MDSubSystemSetting_remove},
+      {"MDSubSystemSetting_retrieve", MDSubSystemSetting_retrieve},
+      {"MDSubSystemSetting_update", MDSubSystemSetting_update},
+      {"MDSubSystemSetting_insert", MDSubSystemSetting_insert},
+      {"MDUtilNameMapping_retrieveKeys", MDUtilNameMapping_retrieveKeys},
+      {"MDUtilNameMapping_retrieveAll", MDUtilNameMapping_retrieveAll},
+      {"MDUtilNameMapping_remove", MDUtilNameMapping_remove},
+      {"MDUtilNameMapping_retrieve", MDUtilNameMapping_retrieve},
+      {"MDUtilNameMapping_update", MDUtilNameMapping_update},
+      {"MDUtilNameMapping_insert", MDUtilNameMapping_insert},
+      {"MDLocationMapping_retrieveKeys", MDLocationMapping_retrieveKeys},
+      {"MDLocationMapping_retrieveAll", MDLocationMapping_retrieveAll},
+      {"MDLocationMapping_remove", MDLocationMapping_remove},
+      {"MDLocationMapping_retrieve", MDLocationMapping_retrieve},
+      {"MDLocationMapping_update", MDLocationMapping_update},
+      {"MDLocationMapping_insert", MDLocationMapping_insert},
+      {"MDCloningSubSystemSetting_retrieveKeys", MDCloningSubSystemSetting_retrieveKeys},
+      {"MDCloningSubSystemSetting_retrieveAll", MDCloningSubSystemSetting_retrieveAll},
+      {"MDCloningSubSystemSetting_remove", MDCloningSubSystemSetting_remove},
+      {"MDCloningSubSystemSetting_retrieve", MDCloningSubSystemSetting_retrieve},
+      {"MDCloningSubSystemSetting_update", MDCloningSubSystemSetting_update},
+      {"MDCloningSubSystemSetting_insert", MDCloningSubSystemSetting_insert},
+      {"MDContact_retrieveKeys", MDContact_retrieveKeys},
+      {"MDContact_retrieveAll", MDContact_retrieveAll},
+      {"MDContact_remove", MDContact_remove},
+      {"MDContact_retrieve", MDContact_retrieve},
+      {"MDContact_update", MDContact_update},
+      {"MDContact_insert", MDContact_insert},
+      {"MDJCLSkeleton_retrieveKeys", MDJCLSkeleton_retrieveKeys},
+      {"MDJCLSkeleton_retrieveAll", MDJCLSkeleton_retrieveAll},
+      {"MDJCLSkeleton_removeList", MDJCLSkeleton_removeList},
+      {"MDJCLSkeleton_retrieveList", MDJCLSkeleton_retrieveList},
+      {"MDJCLSkeleton_remove", MDJCLSkeleton_remove},
+      {"MDJCLSkeleton_retrieve", MDJCLSkeleton_retrieve},
+      {"MDJCLSkeleton_update", MDJCLSkeleton_update},
+      {"MDJCLSkeleton_insert", MDJCLSkeleton_insert},
+      {"MDCloningHistory_retrieveKeys", MDCloningHistory_retrieveKeys},
+      {"MDCloningHistory_retrieveAll", MDCloningHistory_retrieveAll},
+      {"MDCloningHistory_removeList", MDCloningHistory_removeList},
+      {"MDCloningHistory_retrieveList", MDCloningHistory_retrieveList},
+      {"MDCloningHistory_remove", MDCloningHistory_remove},
+      {"MDCloningHistory_retrieve", MDCloningHistory_retrieve},
+      {"MDCloningHistory_update", MDCloningHistory_update},
+      {"MDCloningHistory_insert", MDCloningHistory_insert},
+      {"MDUtilityHistory_retrieveKeys", MDUtilityHistory_retrieveKeys},
+      {"MDUtilityHistory_retrieveAll", MDUtilityHistory_retrieveAll},
+      {"MDUtilityHistory_removeList", MDUtilityHistory_removeList},
+      {"MDUtilityHistory_retrieveList", MDUtilityHistory_retrieveList},
+      {"MDUtilityHistory_remove", MDUtilityHistory_remove},
+      {"MDUtilityHistory_retrieve", MDUtilityHistory_retrieve},
+      {"MDUtilityHistory_update", MDUtilityHistory_update},
+      {"MDUtilityHistory_insert", MDUtilityHistory_insert},
+      {"MDContactGroup_retrieveAllContactNames", MDContactGroup_retrieveAllContactNames},
+      {"MDContactGroup_updateDescription", MDContactGroup_updateDescription},
+      {"MDContactGroup_retrieveKeys", MDContactGroup_retrieveKeys},
+      {"MDContactGroup_retrieveAll", MDContactGroup_retrieveAll},
+      {"MDContactGroup_removeList", MDContactGroup_removeList},
+      {"MDContactGroup_removeAll", MDContactGroup_removeAll},
+      {"MDContactGroup_remove", MDContactGroup_remove},
+      {"MDContactGroup_retrieveParentGroupList", MDContactGroup_retrieveParentGroupList},
+      {"MDContactGroup_retrieveContactOrGroupList", MDContactGroup_retrieveContactOrGroupList},
+      {"MDContactGroup_retrieveList", MDContactGroup_retrieveList},
+      {"MDContactGroup_insert", MDContactGroup_insert},
+      {"ContactAPI_retrieveAll", ContactAPI_retrieveAll},
+      {"ContactAPI_retrieve", ContactAPI_retrieve},
+      {"ContactAPI_update", ContactAPI_update},
+      {"ContactAPI_insert", ContactAPI_insert},
+      {"ContactGroupAPI_retrieveAllContactNames", ContactGroupAPI_retrieveAllContactNames},
+      {"ContactGroupAPI_retrieveList", ContactGroupAPI_retrieveList},
+      {"ContactGroupAPI_retrieveAll", ContactGroupAPI_retrieveAll},
+  };
+  return table;
+}
+
+constexpr std::size_t SPARE_ROWS = 2;
+constexpr std::uint32_t MARK_LENGTH = 4711;
+constexpr std::int32_t MARK_NUMBER = 0x5A5A5A5A;
+char markText[] = "the caller's own";
+
+// The parameter block of one call.
+class Block {
+ public:
+  Block(const Step& step, std::size_t rows) {
+    std::string slots(step.function->slots);
+    for (std::size_t row = 0; row < rows + SPARE_ROWS; ++row) slots += step.function->rows;
+    std::size_t text = 0;
+    std::size_t number = 0;
+    for (const char slot : slots) {
+      if (isTextIn(slot)) {
+        addInput(step.texts[text++]);
+      } else if (slot == 'o') {
+        add(Cell{.output = {MARK_LENGTH, markText}}, slot);
+      } else {
+        const auto value = isNumberIn(slot) ? static_cast<std::int32_t>(step.numbers[number++]) : MARK_NUMBER;
+        add(Cell{.number = value}, slot);
+      }
+    }
+  }
+
+  void** slots() { return pointers_.data(); }
+
+  // Takes what the library wrote.
+  void collect(Outcome& outcome) {
+    for (std::size_t slot = 0; slot < cells_.size(); ++slot) {
+      if (kinds_[slot] == 'o') collectText(slot, outcome);
+      const bool isNumberOut = kinds_[slot] == 'r' || kinds_[slot] == 'C' || kinds_[slot] == 'N';
+      if (isNumberOut && cells_[slot].number != MARK_NUMBER) outcome.numbers[slot] = cells_[slot].number;
+    }
+  }
+
+ private:
+  struct Cell {
+    zonInputCell input{};
+    zonOutputCell output{};
+    std::int32_t number = 0;
+  };
+
+  void addInput(const Text& text) {
+    // The length of an input is not read; whatever stands there must not matter.
+    add(Cell{.input = {99, text ? text->c_str() : nullptr}}, 'n');
+  }
+
+  void add(const Cell& cell, char kind) {
+    Cell& added = cells_.emplace_back(cell);
+    kinds_ += kind;
+    if (kind == 'n') {
+      pointers_.push_back(&added.input);
+    } else if (kind == 'o') {
+      pointers_.push_back(&added.output);
+    } else {
+      pointers_.push_back(&added.number);
+    }
+  }
+
+  void collectText(std::size_t slot, Outcome& outcome) {
+    zonOutputCell& cell = cells_[slot].output;
+    const bool isTextThere = cell.text != markText;
+    if (!isTextThere && cell.length == MARK_LENGTH) return;
+    if (!isTextThere || cell.text == nullptr) {
+      outcome.texts[slot] = "<length without a text>";
+      return;
+    }
+    const std::size_t length = ::strnlen(cell.text, cell.length);
+    outcome.texts[slot] = length + 1 == cell.length ? std::string(cell.text, length) : "<wrong length>";
+    void* text = cell.text;
+    _ossMemFree(&text, 0, 0, "model_test", 0);
+  }
+
+  std::deque<Cell> cells_;
+  std::string kinds_;
+  std::vector<void*> pointers_;
+};
+
+void collect(const struct sqlca& sqlca, Outcome& outcome) {
+  outcome.sqlcode = sqlca.sqlcode;
+  const bool isWellFormed = std::memcmp(sqlca.sqlcaid, "SQLCA   ", sizeof sqlca.sqlcaid) == 0 && sqlca.sqlcabc == 136 &&
+                            std::memcmp(sqlca.sqlerrp, "mapMDFil", sizeof sqlca.sqlerrp) == 0 && sqlca.sqlerrml >= 0 &&
+                            sqlca.sqlerrml <= static_cast<int>(sizeof sqlca.sqlerrmc);
+  outcome.message =
+      isWellFormed ? std::string(sqlca.sqlerrmc, static_cast<std::size_t>(sqlca.sqlerrml)) : "<not a whole SQLCA>";
+}
+
+Outcome callEntryPoint(EntryPoint entryPoint, const Step& step, std::size_t rows) {
+  Block block(step, rows);
+  struct sqlca sqlca;
+  std::memset(&sqlca, 0x7F, sizeof sqlca);
+  std::uint32_t reserved = step.numbers[2];
+  entryPoint(&reserved, block.slots(), &sqlca);
+  Outcome outcome;
+  block.collect(outcome);
+  collect(sqlca, outcome);
+  return outcome;
+}
+
+DString stringOf(const Text& text) { return text ? DString(text->data(), text->size()) : DString(); }
+
+constexpr const char* STALE = "the caller's own";
+
+// A call of the class itself: outputs that still hold what the caller had in them are left alone.
+Outcome callCloningMapping(std::string_view operation, const Step& step) {
+  MDCloningMapping store;
+  std::vector<DString> in;
+  for (const Text& text : step.texts) in.push_back(stringOf(text));
+  std::vector<DString> out(5, DString(STALE));
+  Outcome outcome;
+  if (operation == "retrieveKeys") outcome.returned = store.retrieveKeys(out[0], out[1], out[2]);
+  if (operation == "retrieveAll") outcome.returned = store.retrieveAll(out[0], out[1], out[2], out[3], out[4]);
+  if (operation == "retrieve") outcome.returned = store.retrieve(in[0], in[1], in[2], out[0], out[1]);
+  if (operation == "remove") outcome.returned = store.remove(in[0], in[1], in[2]);
+  if (operation == "insert") outcome.returned = store.insert(in[0], in[1], in[2], in[3], in[4]);
+  if (operation == "update") outcome.returned = store.update(in[0], in[1], in[2], in[3], in[4]);
+  std::size_t next = 0;
+  for (std::size_t slot = 0; slot < step.function->slots.size(); ++slot) {
+    if (step.function->slots[slot] != 'o') continue;
+    const DString& text = out[next++];
+    if (text != STALE) outcome.texts[slot] = std::string(text.view());
+  }
+  return outcome;
+}
+
+Outcome callMapping(const Step& step) {
+  std::vector<const char*> tokens;
+  for (const Text& text : step.texts) tokens.push_back(text ? text->c_str() : nullptr);
+  struct sqlca sqlca;
+  std::memset(&sqlca, 0x7F, sizeof sqlca);
+  // Only the low half of the code counts.
+  const std::uint64_t rc = step.numbers[0] | std::uint64_t{0xABCD} << 32;
+  Outcome outcome;
+  outcome.returned = static_cast<std::uint32_t>(
+      mapMDFileRcToSqlca(rc, static_cast<std::int32_t>(step.numbers[2]), tokens.data(), step.numbers[1], &sqlca));
+  collect(sqlca, outcome);
+  return outcome;
+}
+
+}  // namespace
+
+Outcome performOnLibrary(const Step& step, std::size_t rows) {
+  const std::string_view name = step.function->name;
+  constexpr std::string_view CLASS = "MDCloningMapping.";
+  if (name.starts_with(CLASS)) return callCloningMapping(name.substr(CLASS.size()), step);
+  if (name == "mapMDFileRcToSqlca") return callMapping(step);
+  if (name == "removeMemberFromGroups") {
+    DString member = stringOf(step.texts[0]);
+    Outcome outcome;
+    outcome.returned = removeMemberFromGroups(member, stringOf(step.texts[1]));
+    return outcome;
+  }
+  const auto found = entryPoints().find(name);
+  if (found == entryPoints().end()) throw std::runtime_error("nothing to call: " + std::string(name));
+  return callEntryPoint(found->second, step, rows);
+}
+
+}  // namespace zonmodel
