@@ -1,6 +1,6 @@
 /*
- * The public header as a C11 program sees it: nothing else is included but the way to release an output. Layouts are held
- * against the ABI at compile time; then one record goes in and comes out again.
+ * The public header as a C11 program sees it: nothing else is included but the way to release an output. Layouts are
+ * held against the ABI at compile time; then one record goes in and comes out again.
  */
 #include <zonmdfile/zonmdfile.h>
 

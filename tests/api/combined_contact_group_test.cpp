@@ -54,6 +54,42 @@ TEST_F(CombinedContactGroup, NamesWithoutDetailAreCountedOnly) {
   EXPECT_TRUE(call.areOutputsUntouched());
 }
 
+// The count cell is read anew before each name. Here it is the length of the first name's cell, which grows from 1
+// to 6.
+TEST_F(CombinedContactGroup, NamesRepeatTheLastOneWhenAnOutputRaisesTheCount) {
+  insertGroups("g:alpha");
+  zonInputCell group{0, "g"};
+  std::uint32_t detail = 1;
+  zonOutputCell names[6] = {};
+  void* block[] = {&group, &detail, &names[0].length, &names[0], &names[1], &names[2], &names[3], &names[4], &names[5]};
+  struct sqlca sqlca {};
+  ContactGroupAPI_retrieveAllContactNames(nullptr, block, &sqlca);
+  EXPECT_EQ(sqlca.sqlcode, 0);
+  for (zonOutputCell& name : names) {
+    EXPECT_STREQ(name.text, "alpha");
+    void* text = name.text;
+    _ossMemFree(&text, 0, 0, "test", 0);
+  }
+}
+
+TEST_F(CombinedContactGroup, NamesStopWhenAnOutputLowersTheCount) {
+  insertGroups("g:a g:b g:c");
+  zonInputCell group{0, "g"};
+  std::uint32_t detail = 1;
+  zonOutputCell names[3] = {};
+  void* block[] = {&group, &detail, &names[0].length, &names[0], &names[1], &names[2]};
+  struct sqlca sqlca {};
+  const zontest::MemoryAccount account("MDRegFactory");
+  ContactGroupAPI_retrieveAllContactNames(nullptr, block, &sqlca);
+  EXPECT_EQ(account.buffers(), 2U);
+  EXPECT_STREQ(names[1].text, "b");
+  EXPECT_EQ(names[2].text, nullptr);
+  for (int i = 0; i < 2; ++i) {
+    void* text = names[i].text;
+    _ossMemFree(&text, 0, 0, "test", 0);
+  }
+}
+
 TEST_F(CombinedContactGroup, NamesOfAnUnknownGroupReportNoData) {
   const zontest::MemoryAccount account(nullptr);
   {
@@ -95,6 +131,14 @@ TEST_F(CombinedContactGroup, ListWithoutDetailGivesCountAndDescription) {
   EXPECT_EQ(call.numberAt(2), 2U);
   EXPECT_EQ(call.textAt(3), "d");
   EXPECT_TRUE(call.isUntouched(4));
+}
+
+TEST_F(CombinedContactGroup, ListWorksWithoutACountCell) {
+  insertGroups("g:a");
+  Call call;
+  addOutputs(call.number(1).in("g").null(), 3).run(ContactGroupAPI_retrieveList);
+  EXPECT_EQ(call.sqlcode(), 0);
+  EXPECT_EQ(call.textAt(4) + call.textAt(5), "0a");
 }
 
 TEST_F(CombinedContactGroup, ListOfAnUnknownGroupNamesIt) {
