@@ -1,6 +1,7 @@
 // What holds for every entry point: null arguments, failing allocations, ownership of outputs.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <set>
 #include <string>
 
@@ -132,10 +133,12 @@ TEST_P(EveryEntryPoint, EachFailedAllocationBecomesACode) {
   const std::int32_t noMemory = ecfToSqlError(GENREG_RC_NO_MEMORY);
   // The expansion's own code never reaches these callers.
   const bool hidesCodes = name == "ContactGroupAPI_retrieveAllContactNames";
+  const zontest::MetadataDirectory site;
+  zontest::insertSite();
   std::uint64_t failures = 0;
   for (std::uint64_t n = 1;; ++n) {
     const zontest::MetadataDirectory directory;
-    zontest::insertSite();
+    std::filesystem::copy(site.path(), directory.path());
     Call call;
     GetParam().fill(call);
     const zontest::MemoryAccount all(nullptr);
