@@ -99,7 +99,8 @@ std::uint32_t readHeaderPage(int file, HeaderPage& page) {
     const format::FileHeader first = page.header;
     if (const std::uint32_t rc = readHeaderCopy(file, first, page.header)) return rc;
   }
-  if (page.header.version > format::FORMAT_VERSION) return GENREG_RC_NEWER_FORMAT;
+  const bool isKnown = page.header.version == format::FORMAT_VERSION && page.header.headerSize == format::LOG_START;
+  if (!isKnown || page.header.mustUnderstand != 0) return GENREG_RC_NEWER_FORMAT;
   const std::uint32_t salt = saltOf(page.header.fileId);
   for (std::size_t slot = 0; slot < page.slots.size(); ++slot) {
     std::memcpy(&page.slots[slot], bytes.data() + format::SLOT_OFFSET[slot], sizeof(format::Slot));

@@ -33,8 +33,8 @@ struct FileHeader {
   std::uint8_t indexFlags[8];
   std::uint64_t repairs;
   std::uint64_t lostBytes;
-  std::uint32_t reserved;
-  std::uint32_t crc;  // over all bytes before it
+  std::uint32_t mustUnderstand;  // a bit for each later addition that a reader must know; none so far
+  std::uint32_t crc;             // over all bytes before it
 };
 static_assert(sizeof(FileHeader) == 64);
 static_assert(offsetof(FileHeader, fileId) == 16 && offsetof(FileHeader, indexFlags) == 32);
@@ -132,6 +132,7 @@ struct SummaryEntry {
 };
 
 constexpr std::size_t BLOCK_SIZE = 512;
+constexpr std::uint64_t MAX_BLOCKS = std::uint64_t{1} << 23;  // of one segment: its frame's size has 32 bits
 constexpr std::size_t BLOCK_ENTRIES = 63;
 
 // An index block. An entry is index number << 62 | the digest's upper 22 bits << 40 | frame offset >> 3.
@@ -143,8 +144,6 @@ struct Block {
   std::uint64_t entries[BLOCK_ENTRIES];
 };
 static_assert(sizeof(Block) == BLOCK_SIZE);
-
-constexpr std::uint64_t MAX_FRAME_SIZE = std::uint64_t{0xFFFFFFF8};
 
 // What lies behind the last commit: so many zero bytes, or a commit under way, or the remains of one.
 constexpr std::size_t TERMINATOR_SIZE = sizeof(FrameHeader);

@@ -57,7 +57,7 @@ bool isPlausible(const Frame& frame) {
     const std::uint64_t blocks = frame.area.blockCount * format::BLOCK_SIZE;
     return frame.area.blocksOffset >= frame.offset + frame.headSize &&
            frame.area.blocksOffset % format::BLOCK_SIZE == 0 && frame.area.blockCount > 0 &&
-           frame.area.blockCount < (std::uint64_t{1} << 24) && frame.area.blocksOffset + blocks == frame.end();
+           frame.area.blockCount < format::MAX_BLOCKS && frame.area.blocksOffset + blocks == frame.end();
   }
   if (frame.kind == format::FrameKind::SUMMARY) {
     return frame.payloadSize() == std::uint64_t{frame.summary.count} * sizeof(format::SummaryEntry) &&

@@ -190,7 +190,7 @@ std::uint32_t LogWriter::appendEvent(Frame& frame, const void* record, std::size
 std::uint32_t LogWriter::extendChains(Frame& frame, const void* record, int liveChange) {
   const std::uint64_t keyDigest = digestOf(0, record);
   if (!fresh_ || seen_.note(keyDigest)) {
-    if (const std::uint32_t rc = headOf(0, keyDigest, frame.previous)) return rc;
+    if (const std::uint32_t rc = headOf(0, keyDigest, frame.previous)) return rc;  // I5
   }
   if (frame.kind != format::FrameKind::INSERT) {
     if (const std::uint32_t rc = findBelow(frame)) return rc;
@@ -281,6 +281,7 @@ std::uint32_t LogWriter::finishCommit() {
 // The area is a commit of its own. Its blocks do not wait in memory: they are written at once, empty and sealed, so
 // that what a crash makes of them is never taken for an empty block.
 std::uint32_t LogWriter::appendArea(std::uint64_t blockCount) {
+  blockCount = std::min(blockCount, format::MAX_BLOCKS - 1);
   const std::size_t segments = segmentCount(slot_);
   if (segments == format::MAX_SEGMENTS) return GENREG_RC_INTERNAL;
   Frame frame;
@@ -329,7 +330,7 @@ std::uint32_t LogWriter::flushPending() {
 
 std::vector<format::OverlayEntry> LogWriter::mergedOverlay() const {
   std::vector<format::OverlayEntry> merged;
-  // What was applied before the last sync is durable in the blocks by now.
+  // I4: what was applied before the last sync is durable in the blocks by now, and may leave the overlay.
   for (std::size_t entry = slot_.overlayApplied; entry < slot_.overlayCount; ++entry) {
     const std::size_t index = slot_.overlay[entry].offsetAndIndex & INDEX_MASK;
     if (!newHeads_[index].contains(slot_.overlay[entry].digest)) merged.push_back(slot_.overlay[entry]);
@@ -495,7 +496,7 @@ void LogWriter::setOverlay(const std::vector<format::OverlayEntry>& overlay, std
 }
 
 std::uint32_t LogWriter::writeSlot(format::Slot& slot) {
-  // Slots take turns by sync: while the newest one may not be durable, it is the one to be written over, so that the
+  // I7: slots take turns by sync: while the newest one may not be durable, it is the one to be written over, so that the
   // other one stays whole whatever a crash of the machine does.
   slot.sequence = published_.sequence + (newestIsDurable_ ? 1 : 2);
   newestIsDurable_ = false;
@@ -518,7 +519,7 @@ std::uint32_t LogWriter::publish(const std::vector<format::OverlayEntry>& overla
   return MD_RC_OK;
 }
 
-// The slot shows these entries already, so that nothing is lost when this fails or stops half way.
+// I3: the slot shows these entries already, so that nothing is lost when this fails or stops half way.
 std::uint32_t LogWriter::applyPublished() {
   const std::vector<format::OverlayEntry> entries(slot_.overlay, slot_.overlay + slot_.overlayCount);
   if (const std::uint32_t rc = applyToBlocks(entries)) return rc;
@@ -549,7 +550,7 @@ std::uint32_t LogWriter::commitAppended() {
   newestIsDurable_ = true;
   std::vector<format::OverlayEntry> overlay = mergedOverlay();
   if (overlay.size() > format::OVERLAY_CAPACITY) {
-    // More heads than the slot can hold: the blocks must be durable before the slot may point past them.
+    // More heads than the slot can hold: the blocks must be durable before the slot may do without them (I4).
     isBeyondRecall_ = true;
     if (const std::uint32_t rc = applyToBlocks(std::move(overlay))) return rc;
     if (const std::uint32_t rc = sync()) return rc;
@@ -558,7 +559,7 @@ std::uint32_t LogWriter::commitAppended() {
   return publish(overlay, 0);
 }
 
-// Nothing of a failed commit may be found later. First a mark that is no commit goes where it stood: should the rest
+// I6: nothing of a failed commit may be found later. First a mark that is no commit goes where it stood: should the rest
 // fail too, the next writer sees that something is to be settled. After a failed sync the slot is written again, as its
 // page and the blocks that it takes for applied may never have reached the disk.
 bool LogWriter::takeBack() {
@@ -569,7 +570,6 @@ bool LogWriter::takeBack() {
   if (writeAt(file_, published_.end, mark) != MD_RC_OK) return false;
   format::Slot slot = published_;
   slot.overlayApplied = 0;
-  newestIsDurable_ = false;
   if (writeSlot(slot) != MD_RC_OK) return true;
   // The commit may have reached the disk for all that: so must the mark.
   if (sync() != MD_RC_OK) return true;
