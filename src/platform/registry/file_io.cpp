@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -157,6 +158,12 @@ std::uint32_t readAt(int file, std::uint64_t offset, std::span<std::byte> range,
     got += static_cast<std::size_t>(count);
   }
   return MD_RC_OK;
+}
+
+std::uint64_t skipHole(int file, std::uint64_t offset, std::uint64_t end) {
+  const off_t data = systemCalls.seek(file, static_cast<off_t>(offset), SEEK_DATA);
+  if (data < 0) return errno == ENXIO ? end : offset;
+  return std::min(end, std::max(offset, static_cast<std::uint64_t>(data)));
 }
 
 std::uint32_t writeAt(int file, std::uint64_t offset, std::span<const std::byte> range) {

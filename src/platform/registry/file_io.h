@@ -75,6 +75,10 @@ std::uint32_t stateAt(int directory, const char* path, FileState& state);
 // Reads until the range is full or the file ends; `got` tells how far.
 std::uint32_t readAt(int file, std::uint64_t offset, std::span<std::byte> range, std::size_t& got);
 
+// The first offset from `offset` on that is not in a hole of the file; `end` when there is none before it. Where the
+// file system does not tell, the offset itself.
+std::uint64_t skipHole(int file, std::uint64_t offset, std::uint64_t end);
+
 // Writes the whole range or fails.
 std::uint32_t writeAt(int file, std::uint64_t offset, std::span<const std::byte> range);
 

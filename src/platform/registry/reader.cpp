@@ -48,7 +48,7 @@ std::uint32_t Reader::getFromSalvage(unsigned long flags, const void* key, std::
   std::size_t size = 0;
   for (std::size_t number = 0; number < intact->count(); ++number) {
     if (const std::uint32_t rc = intact->readRecord(number, out, size)) return rc;
-    if (type_.matches(flags, key, out)) return MD_RC_OK;
+    if (type_.matches(flags, key, out)) return intact->isNewestForm(number) ? MD_RC_OK : GENREG_RC_DAMAGED;
   }
   return intact->lostBytes() > 0 ? GENREG_RC_DAMAGED : GENREG_RC_NOT_FOUND;
 }

@@ -10,6 +10,13 @@ namespace {
 
 // An area's blocks start within this distance behind its frame's start.
 constexpr std::uint64_t LONGEST_AREA_LEAD = 1024;
+constexpr std::size_t SEARCH_WINDOW = 256 * 1024;
+constexpr std::size_t KIND_OFFSET = sizeof(format::FrameHeader) - 1;
+
+// What a header may be wrong with, as opposed to what may keep it from being read.
+bool isVerdict(std::uint32_t rc) {
+  return rc == MD_RC_OK || rc == GENREG_RC_NOT_RECORD_FILE || rc == GENREG_RC_DAMAGED || rc == GENREG_RC_NEWER_FORMAT;
+}
 
 // Without a readable header the salt is still told by the first frame, whose chain field is the salt.
 bool guessSalt(int file, std::size_t indexCount, std::uint32_t& salt) {
@@ -42,16 +49,44 @@ RawLog::RawLog(const RecordType& type, int file, const format::FileHeader& heade
 bool RawLog::hasFrame(std::uint64_t offset, Frame& frame) const {
   if (offset + sizeof(format::FrameHeader) > end_) return false;
   FrameBytes bytes;
-  if (readHead(offset, bytes, frame) != MD_RC_OK || frame.end() > end_) return false;
-  return frame.kind == format::FrameKind::AREA || verifyPayload(frame, bytes.all()) == MD_RC_OK;
+  if (noteFailure(readHead(offset, bytes, frame)) || frame.end() > end_) return false;
+  return frame.kind == format::FrameKind::AREA || !noteFailure(verifyPayload(frame, bytes.all()));
+}
+
+bool RawLog::noteFailure(std::uint32_t rc) const {
+  if (rc != MD_RC_OK && rc != GENREG_RC_DAMAGED) failure_ = rc;
+  return rc != MD_RC_OK;
+}
+
+std::uint64_t RawLog::findHead(std::uint64_t from, std::uint64_t limit) {
+  limit = std::min(limit, end_);
+  Frame frame;
+  for (std::uint64_t at = from; at + sizeof(format::FrameHeader) <= limit; at += format::FRAME_ALIGNMENT) {
+    if (at < windowStart_ || at + format::MAX_HEAD_SIZE > windowStart_ + windowSize_) {
+      at = skipHole(file_, at, limit) / format::FRAME_ALIGNMENT * format::FRAME_ALIGNMENT;
+      window_.resize(SEARCH_WINDOW);
+      windowStart_ = at;
+      if (noteFailure(readAt(file_, at, window_, windowSize_)) || at >= limit) return limit;
+    }
+    const auto bytes = std::span<const std::byte>(window_).first(windowSize_).subspan(at - windowStart_);
+    const bool mayBeHead = bytes.size() > KIND_OFFSET && bytes[KIND_OFFSET] != std::byte{0};
+    if (mayBeHead && parseHead(bytes, at, key_, frame) == ParseResult::OK) return at;
+  }
+  return limit;
 }
 
 // Decides by which salt the frames are checked, and whether the backup is of the same generation.
-void Salvage::identify(int file, int backup) {
+std::uint32_t Salvage::identify(int file, int backup) {
   HeaderPage filePage{};
   HeaderPage backupPage{};
-  const bool fileHasHeader = file >= 0 && readHeaderPage(file, filePage) == MD_RC_OK;
-  const bool backupHasHeader = backup >= 0 && readHeaderPage(backup, backupPage) == MD_RC_OK;
+  const std::uint32_t fileVerdict = file >= 0 ? readHeaderPage(file, filePage) : GENREG_RC_NOT_RECORD_FILE;
+  const std::uint32_t backupVerdict = backup >= 0 ? readHeaderPage(backup, backupPage) : GENREG_RC_NOT_RECORD_FILE;
+  if (fileVerdict == GENREG_RC_NEWER_FORMAT || !isVerdict(fileVerdict)) return fileVerdict;
+  if (!isVerdict(backupVerdict)) return backupVerdict;
+  const bool fileHasHeader = fileVerdict == MD_RC_OK;
+  const bool backupHasHeader =
+      backupVerdict == MD_RC_OK &&
+      std::equal(type_.indexFlags.begin(), type_.indexFlags.end(), backupPage.header.indexFlags);
   if (fileHasHeader) header_ = filePage.header;
   std::uint32_t salt = saltOf(filePage.header.fileId);
   bool fileCounts = fileHasHeader;
@@ -60,7 +95,11 @@ void Salvage::identify(int file, int backup) {
     if (header_.fileId == 0) header_.fileId = salt;
     fileCounts = true;
   }
-  if (fileCounts) file_ = std::make_unique<RawLog>(type_, file, header_, sizeOf(file));
+  FileState fileState{};
+  FileState backupState{};
+  if (const std::uint32_t rc = file >= 0 ? stateOf(file, fileState) : MD_RC_OK) return rc;
+  if (const std::uint32_t rc = backup >= 0 ? stateOf(backup, backupState) : MD_RC_OK) return rc;
+  if (fileCounts) file_ = std::make_unique<RawLog>(type_, file, header_, fileState.size);
   const bool sameGeneration = backupHasHeader && fileCounts && saltOf(backupPage.header.fileId) == salt;
   Frame frame;
   const bool fileHasFrames =
@@ -68,7 +107,7 @@ void Salvage::identify(int file, int backup) {
   if (sameGeneration || (backupHasHeader && !fileHasFrames)) {
     if (!fileCounts || !sameGeneration) header_ = backupPage.header;
     if (!sameGeneration) file_.reset();
-    backup_ = std::make_unique<RawLog>(type_, backup, header_, sizeOf(backup));
+    backup_ = std::make_unique<RawLog>(type_, backup, header_, backupState.size);
   }
   for (const HeaderPage* page : {&filePage, &backupPage}) {
     const bool counts = page == &filePage ? fileHasHeader && file_ != nullptr : backup_ != nullptr;
@@ -78,14 +117,16 @@ void Salvage::identify(int file, int backup) {
     slot_ = slot;
     hasSlot_ = true;
   }
+  return MD_RC_OK;
+}
+
+std::uint32_t Salvage::failure() const {
+  if (file_ != nullptr && file_->failure() != MD_RC_OK) return file_->failure();
+  return backup_ != nullptr ? backup_->failure() : MD_RC_OK;
 }
 
 std::uint32_t Salvage::open(int file, int backup) {
-  if (file >= 0) {
-    HeaderPage page;
-    if (readHeaderPage(file, page) == GENREG_RC_NEWER_FORMAT) return GENREG_RC_NEWER_FORMAT;
-  }
-  identify(file, backup);
+  if (const std::uint32_t rc = identify(file, backup)) return rc;
   if (file_ == nullptr && backup_ == nullptr) return GENREG_RC_NOT_RECORD_FILE;
   if (const std::uint32_t rc = walk()) return rc;
   keepNewest();
@@ -120,12 +161,22 @@ std::uint64_t Salvage::skipDamage(std::uint64_t offset) {
     return behind;
   Frame frame;
   bool inBackup = false;
-  for (std::uint64_t at = offset + format::FRAME_ALIGNMENT; at < limit; at += format::FRAME_ALIGNMENT) {
+  for (std::uint64_t at = offset;;) {
+    at += format::FRAME_ALIGNMENT;
+    const std::uint64_t inFile = file_ != nullptr ? file_->findHead(at, limit) : limit;
+    const std::uint64_t inOther = backup_ != nullptr ? backup_->findHead(at, limit) : limit;
+    // Each stops at its own file's end at the latest.
+    at = std::min(inFile < fileSize ? inFile : limit, inOther < backupSize ? inOther : limit);
+    if (at >= limit || failure() != MD_RC_OK) break;
     if (!frameAt(at, frame, inBackup)) continue;
     lostBytes_ += at - offset;
+    lossEnd_ = at;
     return at;
   }
-  if (hasSlot_ && slot_.end > offset) lostBytes_ += slot_.end - offset;
+  if (hasSlot_ && slot_.end > offset) {
+    lostBytes_ += slot_.end - offset;
+    lossEnd_ = format::MAX_OFFSET;
+  }
   return format::MAX_OFFSET;
 }
 
@@ -158,7 +209,7 @@ std::uint32_t Salvage::walk() {
     for (const auto& [part, partInBackup] : commit) takeFrame(part, partInBackup);
     commit.clear();
   }
-  return MD_RC_OK;
+  return failure();
 }
 
 void Salvage::keepNewest() {

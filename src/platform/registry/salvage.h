@@ -22,6 +22,21 @@ class RawLog : public LogView {
 
   // The head and the checked payload of the frame at offset.
   bool hasFrame(std::uint64_t offset, Frame& frame) const;
+
+  // The first offset in [from, limit) where the head of a frame seems to lie; limit when there is none. For rising
+  // offsets.
+  std::uint64_t findHead(std::uint64_t from, std::uint64_t limit);
+
+  // What kept bytes from being read, damage aside.
+  std::uint32_t failure() const { return failure_; }
+
+ private:
+  bool noteFailure(std::uint32_t rc) const;
+
+  mutable std::uint32_t failure_ = MD_RC_OK;
+  std::vector<std::byte> window_;
+  std::uint64_t windowStart_ = 0;
+  std::size_t windowSize_ = 0;
 };
 
 class Salvage {
@@ -43,6 +58,10 @@ class Salvage {
 
   // Bytes of the log that neither file has intact, and that may have held records.
   std::uint64_t lostBytes() const { return lostBytes_; }
+  // Nothing that was lost can be a newer form of this record, or its removal.
+  bool isNewestForm(std::size_t number) const { return lostBytes_ == 0 || records_[number].offset >= lossEnd_; }
+  // The file is known to hold several records of one whole key.
+  bool hasRepeatedKeys() const { return hasSlot_ && (slot_.flags & format::SLOT_NOT_UNIQUE) != 0; }
   const format::FileHeader& header() const { return header_; }
   // Frames that had to be taken from the backup.
   std::uint64_t fromBackup() const { return fromBackup_; }
@@ -55,7 +74,8 @@ class Salvage {
     bool inBackup;
   };
 
-  void identify(int file, int backup);
+  std::uint32_t identify(int file, int backup);
+  std::uint32_t failure() const;
   std::uint32_t walk();
   void takeFrame(const Frame& frame, bool inBackup);
   bool frameAt(std::uint64_t offset, Frame& frame, bool& inBackup) const;
@@ -73,6 +93,7 @@ class Salvage {
   std::vector<Event> events_;
   std::vector<Event> records_;
   std::uint64_t lostBytes_ = 0;
+  std::uint64_t lossEnd_ = 0;
   std::uint64_t fromBackup_ = 0;
 };
 

@@ -34,6 +34,7 @@ SystemCalls realSystemCalls() {
       .fsync = ::fsync,
       .fallocate = ::fallocate,
       .ftruncate = ::ftruncate,
+      .seek = ::lseek,
       .flock = ::flock,
       .statx = ::statx,
       .renameAt = ::renameat,

@@ -23,6 +23,7 @@ struct SystemCalls {
   int (*fsync)(int descriptor);
   int (*fallocate)(int descriptor, int mode, off_t offset, off_t size);
   int (*ftruncate)(int descriptor, off_t size);
+  off_t (*seek)(int descriptor, off_t offset, int origin);
   int (*flock)(int descriptor, int operation);
   int (*statx)(int directory, const char* path, int flags, unsigned mask, struct statx* status);
   int (*renameAt)(int fromDirectory, const char* from, int toDirectory, const char* to);

@@ -25,16 +25,17 @@ constexpr std::uint64_t FIRST_BACKUP_DISTANCE = 4096;
 constexpr std::uint64_t BACKUP_DISTANCE = 16384;
 constexpr std::uint64_t BACKUP_SHARE = 16;
 constexpr std::size_t COPY_PIECE = 256 * 1024;
+constexpr std::uint32_t RETRY_PAUSE_US = 500;
+constexpr int MOST_RANDOM_ATTEMPTS = 1000;
 constexpr int MOST_CORRUPT_COPIES = 1000;
 
 std::uint32_t fillRandom(std::uint64_t& value) {
-  value = 0;
-  while (value == 0) {
+  for (int attempt = 0; attempt < MOST_RANDOM_ATTEMPTS; ++attempt) {
     const ssize_t got = systemCalls.getRandom(&value, sizeof value, 0);
     if (got < 0 && errno != EINTR) return codeOfErrno(errno);
-    if (got != static_cast<ssize_t>(sizeof value)) value = 0;
+    if (got == static_cast<ssize_t>(sizeof value) && value != 0) return MD_RC_OK;
   }
-  return MD_RC_OK;
+  return GENREG_RC_SYSTEM_ERROR;
 }
 
 std::uint32_t makeHeader(const RecordType& type, const format::FileHeader& old, format::FileHeader& header) {
@@ -88,7 +89,7 @@ std::uint32_t Transaction::lockFiles(bool create) {
 
 std::uint32_t Transaction::make() {
   const RecordSource nothing = [](std::byte*, std::size_t&) { return GENREG_RC_END_OF_SCAN; };
-  return rewrite(nothing, 0, format::FileHeader{}, true, false);
+  return rewrite(nothing, 0, format::FileHeader{}, Keys::DIFFER);
 }
 
 std::uint32_t Transaction::openLog() {
@@ -240,25 +241,33 @@ std::uint32_t Transaction::lockTemporary(LockedFile& temporary) {
       return rc;
     }
     rc = lockByName(directory_.get(), name, O_RDWR | O_CREAT | O_EXCL, settings_.fileMode, deadline_, temporary);
-    if (rc != GENREG_RC_SYSTEM_ERROR) return rc;
+    if (rc == MD_RC_OK || stateAt(directory_.get(), name, state) != MD_RC_OK) return rc;
+    if (rc != GENREG_RC_SYSTEM_ERROR) {
+      // It was made, but could not be locked.
+      systemCalls.unlinkAt(directory_.get(), name, 0);
+      return rc;
+    }
+    // Somebody, who can only have taken the lock file away, made one in between.
     if (nowMs() >= deadline_) return GENREG_RC_LOCK_TIMEOUT;
+    sleepMicroseconds(RETRY_PAUSE_US);
   }
 }
 
-std::uint32_t Transaction::fill(LogWriter& fresh, const RecordSource& source, bool mayRepeatKeys) {
+std::uint32_t Transaction::fill(LogWriter& fresh, const RecordSource& source, Keys keys) {
   std::size_t size = 0;
   for (;;) {
     std::uint32_t rc = source(scratch_.get(), size);
     if (rc == GENREG_RC_END_OF_SCAN) return fresh.finish();
     if (rc != MD_RC_OK) return rc;
     FoundRecord found{};
-    if (mayRepeatKeys) {
-      // Of a key that damage brought back, the later record is the right one.
+    if (keys == Keys::MERGE || (keys == Keys::FIND_OUT && fresh.isUnique())) {
       ScratchRecord earlier(type_.maxSize);
       if (!earlier.isThere()) return GENREG_RC_NO_MEMORY;
       rc = findFirst(fresh, type_.indexFlags[0], scratch_.get(), earlier.get(), found.where, found.size);
       if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
-      rc = rc == MD_RC_OK ? fresh.appendChange(found, earlier.get(), scratch_.get(), size)
+      const bool isRepeated = rc == MD_RC_OK;
+      if (isRepeated && keys == Keys::FIND_OUT) fresh.setNotUnique();
+      rc = isRepeated && keys == Keys::MERGE ? fresh.appendChange(found, earlier.get(), scratch_.get(), size)
                           : fresh.appendInsert(scratch_.get(), size);
     } else {
       rc = fresh.appendInsert(scratch_.get(), size);
@@ -270,7 +279,7 @@ std::uint32_t Transaction::fill(LogWriter& fresh, const RecordSource& source, bo
 }
 
 std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t expectedRecords,
-                                   const format::FileHeader& old, bool keysAreUnique, bool mayRepeatKeys) {
+                                   const format::FileHeader& old, Keys keys) {
   LockedFile temporary;
   if (const std::uint32_t rc = lockTemporary(temporary)) return rc;
   std::unique_ptr<LogWriter> fresh;
@@ -279,8 +288,8 @@ std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t exp
     format::FileHeader header;
     if (const std::uint32_t failed = makeHeader(type_, old, header)) return failed;
     if (const std::uint32_t failed = fresh->create(temporary.get(), header, expectedRecords)) return failed;
-    if (!keysAreUnique) fresh->setNotUnique();
-    if (const std::uint32_t failed = fill(*fresh, source, mayRepeatKeys)) return failed;
+    if (keys == Keys::REPEAT) fresh->setNotUnique();
+    if (const std::uint32_t failed = fill(*fresh, source, keys)) return failed;
     if (const std::uint32_t failed = data_.isHeld() ? takeOverOwner(temporary.get()) : MD_RC_OK) return failed;
     return putInPlace(temporary, settings_.paths.file);
   });
@@ -331,13 +340,15 @@ std::uint32_t Transaction::compact() {
     LiveRecord record{};
     return scan.next(out, record, size);
   };
-  return rewrite(source, log_->records(), log_->header(), log_->isUnique(), false);
+  return rewrite(source, log_->records(), log_->header(), log_->isUnique() ? Keys::DIFFER : Keys::REPEAT);
 }
 
 std::uint32_t Transaction::repair() {
   repaired_ = true;
   Descriptor backup;
   const std::uint32_t opened = openRegular(directory_.get(), settings_.paths.backup.c_str(), O_RDONLY, 0, backup);
+  // Without a backup that is only out of reach for now, what it holds would be lost for good.
+  if (opened != MD_RC_OK && opened != GENREG_RC_NOT_FOUND) return opened;
   Salvage salvage(type_);
   const std::uint32_t rc = salvage.open(data_.get(), opened == MD_RC_OK ? backup.get() : -1);
   if (rc == GENREG_RC_NOT_RECORD_FILE) {
@@ -354,7 +365,8 @@ std::uint32_t Transaction::repair() {
   format::FileHeader header = salvage.header();
   ++header.repairs;
   header.lostBytes += salvage.lostBytes();
-  return rewrite(source, salvage.count(), header, true, true);
+  const Keys keys = salvage.hasRepeatedKeys() ? Keys::REPEAT : salvage.lostBytes() > 0 ? Keys::MERGE : Keys::FIND_OUT;
+  return rewrite(source, salvage.count(), header, keys);
 }
 
 // The damaged bytes get a second name, which must be durable before their first one is given away. An older corrupt

@@ -66,10 +66,18 @@ class Transaction {
   std::uint32_t removeFirst(unsigned long flags, const void* key);
   std::uint32_t removeAll(unsigned long flags, const void* key);
 
+  // What is known of the whole keys of the records that are written anew.
+  enum class Keys {
+    DIFFER,
+    REPEAT,
+    FIND_OUT,
+    MERGE,  // of a key that damage brought back, the later record is the right one
+  };
+
   std::uint32_t lockTemporary(LockedFile& temporary);
   std::uint32_t rewrite(const RecordSource& source, std::uint64_t expectedRecords, const format::FileHeader& old,
-                        bool keysAreUnique, bool mayRepeatKeys);
-  std::uint32_t fill(LogWriter& fresh, const RecordSource& source, bool mayRepeatKeys);
+                        Keys keys);
+  std::uint32_t fill(LogWriter& fresh, const RecordSource& source, Keys keys);
   std::uint32_t takeOverOwner(int temporary) const;
   std::uint32_t putInPlace(LockedFile& temporary, const std::string& name);
   std::uint32_t keepCorruptCopy();

@@ -169,7 +169,8 @@ struct SimulatedCalls {
     const DiskOp::Kind kind = open->inode == nullptr ? DiskOp::Kind::SYNC_NAMES
                               : error != 0           ? DiskOp::Kind::SYNC_FAILED
                                                      : DiskOp::Kind::SYNC_FILE;
-    if (open->inode != nullptr || error == 0) {
+    // An interrupted sync has not failed.
+    if (error == 0 || (open->inode != nullptr && error != EINTR)) {
       const std::uint64_t inode = open->inode == nullptr ? FOLDER_INODE : open->inode->number;
       theDisk->record(DiskOp{.kind = kind, .inode = inode, .bytes = {}, .name = {}, .from = {}});
     }
@@ -192,6 +193,13 @@ struct SimulatedCalls {
     if (open == nullptr || open->inode == nullptr) return fail(EBADF);
     resize(*open->inode, static_cast<std::size_t>(size));
     return 0;
+  }
+
+  // Files on this disk have no holes.
+  static off_t seek(int descriptor, off_t offset, int) {
+    const SimulatedDisk::Open* open = theDisk->find(descriptor);
+    if (open == nullptr || open->inode == nullptr) return fail(EBADF);
+    return static_cast<std::size_t>(offset) < open->inode->bytes->size() ? offset : fail(ENXIO);
   }
 
   static int flock(int descriptor, int operation) {
@@ -326,6 +334,7 @@ SimulatedDisk::SimulatedDisk() {
   systemCalls.fsync = SimulatedCalls::fsync;
   systemCalls.fallocate = SimulatedCalls::fallocate;
   systemCalls.ftruncate = SimulatedCalls::ftruncate;
+  systemCalls.seek = SimulatedCalls::seek;
   systemCalls.flock = SimulatedCalls::flock;
   systemCalls.statx = SimulatedCalls::statx;
   systemCalls.renameAt = SimulatedCalls::renameAt;

@@ -84,6 +84,8 @@ class SimulatedDisk {
   void killProcesses();
   // What this disk holds in another run of the machine of that number; for going back to an earlier run.
   void setBootNumber(unsigned number) { bootNumber_ = number; }
+  // What is random begins anew, so that the same work asks for the same calls.
+  void reseed() { random_.seed(20240607); }
   unsigned bootNumber() const { return bootNumber_; }
 
   std::vector<DiskOp> log;

@@ -173,8 +173,8 @@ class TestStore : public GenRegBin {
 
 class TestFolder {
  public:
-  TestFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "zonregXXXXXX").string();
+  explicit TestFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
+    std::string name = (parent / "zonregXXXXXX").string();
     if (mkdtemp(name.data()) == nullptr) std::abort();
     path_ = name;
   }
