@@ -31,11 +31,6 @@ bool guessSalt(int file, std::size_t indexCount, std::uint32_t& salt) {
          ParseResult::OK;
 }
 
-std::uint64_t sizeOf(int file) {
-  FileState state{};
-  return file >= 0 && stateOf(file, state) == MD_RC_OK ? state.size : 0;
-}
-
 }  // namespace
 
 RawLog::RawLog(const RecordType& type, int file, const format::FileHeader& header, std::uint64_t size) : LogView(type) {
