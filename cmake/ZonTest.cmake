@@ -1,9 +1,13 @@
 # zon_test(NAME oss_memory_test SOURCES memory_test.cpp LINK zonosse ...)
 #
-# One GoogleTest program; every test case in it becomes a ctest test of its own.
+# One GoogleTest program; every test case in it becomes a ctest test of its own. ONE_THREAD marks a program that takes very
+# many steps in a single thread: the build with the thread sanitizer, which has nothing to see there, leaves it out.
 include(GoogleTest)
 function(zon_test)
-  cmake_parse_arguments(ARG "" "NAME" "SOURCES;LINK;PROPERTIES" ${ARGN})
+  cmake_parse_arguments(ARG "ONE_THREAD" "NAME" "SOURCES;LINK;PROPERTIES" ${ARGN})
+  if(ARG_ONE_THREAD AND ZON_SANITIZE MATCHES "thread")
+    return()
+  endif()
   add_executable(${ARG_NAME} ${ARG_SOURCES})
   target_include_directories(${ARG_NAME} PRIVATE "${PROJECT_SOURCE_DIR}/src" "${PROJECT_SOURCE_DIR}/tests")
   target_link_libraries(${ARG_NAME} PRIVATE ${ARG_LINK} GTest::gtest_main GTest::gmock)
