@@ -230,6 +230,30 @@ Outcome callCloningMapping(std::string_view operation, const Step& step) {
   return outcome;
 }
 
+std::string namesOf(const DSet<DString>& set) {
+  std::string list;
+  for (std::size_t i = 1; i <= set.count(); ++i) list += std::string(set.elementAt(i).view()) + '\x0E';
+  return list;
+}
+
+Outcome callExpansion(std::string_view operation, const Step& step) {
+  MDContactGroup store;
+  DString group = stringOf(step.texts[0]);
+  DSet<DString> contacts;
+  Outcome outcome;
+  if (operation == "retrieveAllContact") {
+    outcome.returned = store.retrieveAllContact(group, contacts);
+    outcome.texts[1] = namesOf(contacts);
+    return outcome;
+  }
+  DSet<DString> visited;
+  visited.add(stringOf(step.texts[1]));
+  outcome.returned = store.retrieveAllNames(group, contacts, visited);
+  outcome.texts[2] = namesOf(contacts);
+  outcome.texts[3] = namesOf(visited);
+  return outcome;
+}
+
 Outcome callMapping(const Step& step) {
   std::vector<const char*> tokens;
   for (const Text& text : step.texts) tokens.push_back(text ? text->c_str() : nullptr);
@@ -248,8 +272,9 @@ Outcome callMapping(const Step& step) {
 
 Outcome performOnLibrary(const Step& step, std::size_t rows) {
   const std::string_view name = step.function->name;
-  constexpr std::string_view CLASS = "MDCloningMapping.";
-  if (name.starts_with(CLASS)) return callCloningMapping(name.substr(CLASS.size()), step);
+  const std::size_t dot = name.find('.');
+  if (name.starts_with("MDCloningMapping.")) return callCloningMapping(name.substr(dot + 1), step);
+  if (name.starts_with("MDContactGroup.")) return callExpansion(name.substr(dot + 1), step);
   if (name == "mapMDFileRcToSqlca") return callMapping(step);
   if (name == "removeMemberFromGroups") {
     DString member = stringOf(step.texts[0]);

@@ -10,6 +10,22 @@
 //
 //   ZON_MODEL_SEED=1000 ZON_MODEL_STEPS=1000000 bin/model_test --gtest_filter='*LongRun*'
 //
+// To see that differences are noticed, mistakes were put into the library one at a time: a cascade that runs after a
+// failed removal, does not enter emptied parents, or enters them with the member's kind; an update that goes on behind
+// a failure; the code of the first failing group instead of the last; entries counted instead of groups; a code passed
+// on that callers never see; a version field one byte shorter; an empty version handed out; a removal that takes both
+// kinds; an unchanged record reported; skipped groups counted; the blank of a missing token left out. Each was found
+// within the ordinary steps and shrunk to a trace of one to four lines, such as, for the parents that are not entered:
+//
+//   ; step 3
+//   ; MDContactGroup_retrieveAll
+//   ;   SQLCODE: expected -22271, got 0
+//   MDContactGroup_insert c 0 a f 2
+//   MDContactGroup_insert d 1 c f 1
+//   removeMemberFromGroups a 0
+//
+// Which of two failures an expansion reports cannot be seen this way, since a file without damage knows only one.
+//
 // The rule: model and library share the table of functions and nothing else. Files lie in memory where there is a
 // memory file system, since nothing here asks what a crash leaves.
 #include <gtest/gtest.h>

@@ -19,6 +19,13 @@ namespace {
 constexpr std::size_t MAX_KEY_BYTES = 128;
 constexpr std::size_t MAX_DATA_BYTES = 1024000;
 constexpr std::size_t SHORTEST_RUN = 17;
+constexpr std::size_t MAX_NUMBERS = 3;
+
+std::size_t numberCountOf(const Function& function) {
+  const bool readsReserved = function.name == "ContactAPI_update" || function.name == "ContactAPI_insert";
+  return static_cast<std::size_t>(std::count_if(function.slots.begin(), function.slots.end(), isNumberIn)) +
+         (readsReserved ? 1 : 0);
+}
 
 std::string encode(const Text& text) {
   if (!text) return "-";
@@ -147,6 +154,9 @@ const std::vector<Function>& functions() {
       {"MDCloningMapping.retrieve", "nnnoo", "", "", 5},
       {"MDCloningMapping.update", "nnndx", "", "", 5},
       {"MDCloningMapping.insert", "nnndx", "", "", 15},
+      // Of the sets that come back, contacts and visited groups; the second name of the last is a group visited before.
+      {"MDContactGroup.retrieveAllContact", "no", "", "", 8},
+      {"MDContactGroup.retrieveAllNames", "nnoo", "", "", 8},
       {"removeMemberFromGroups", "nk", "", "", 8},
       // Numbers: return code, subject kind, count of tokens.
       {"mapMDFileRcToSqlca", "nn###", "", "", 3},
@@ -164,7 +174,7 @@ const Function* findFunction(std::string_view name) {
 std::ostream& operator<<(std::ostream& out, const Step& step) {
   out << step.function->name;
   for (const Text& text : step.texts) out << ' ' << encode(text);
-  for (const std::uint32_t number : step.numbers) out << " #" << number;
+  for (std::size_t i = 0; i < numberCountOf(*step.function); ++i) out << " #" << step.numbers[i];
   return out;
 }
 
@@ -183,7 +193,7 @@ Step readStep(const std::string& line) {
   }
   const auto wanted = std::count_if(step.function->slots.begin(), step.function->slots.end(), isTextIn);
   if (step.texts.size() != static_cast<std::size_t>(wanted)) throw std::runtime_error("wrong number of texts: " + line);
-  step.numbers.resize(3);
+  step.numbers.resize(MAX_NUMBERS);
   return step;
 }
 
@@ -222,14 +232,20 @@ Step Generator::next() {
     if (slot == 'D') step.numbers.push_back(oneIn(4) ? 0 : number() | 1U);
     if (slot == '#') step.numbers.push_back(number());
   }
-  step.numbers.resize(3, number());
-  if (step.function->name == "mapMDFileRcToSqlca") {
-    static constexpr std::uint32_t CODES[] = {0,     31001,      31002,      31003,      31004,
-                                              31005, 0x900001F1, 0x900001F6, 0x900001F6, 31006};
-    step.numbers = {CODES[random_() % std::size(CODES)], static_cast<std::uint32_t>(random_() % 3),
-                    static_cast<std::uint32_t>(random_() % 3)};
-  }
+  if (numberCountOf(*step.function) > step.numbers.size()) step.numbers.push_back(number());
+  step.numbers.resize(MAX_NUMBERS);
+  if (step.function->name == "mapMDFileRcToSqlca") drawMapping(step);
   return step;
+}
+
+void Generator::drawMapping(Step& step) {
+  static constexpr std::uint32_t CODES[] = {0,     31001,      31002,      31003,      31004,
+                                            31005, 0x900001F1, 0x900001F6, 0x900001F6, 31006};
+  step.numbers = {CODES[random_() % std::size(CODES)], static_cast<std::uint32_t>(random_() % 3),
+                  static_cast<std::uint32_t>(random_() % 3)};
+  for (Text& token : step.texts) {
+    if (oneIn(4)) token = oneIn(2) ? Text() : Text("");
+  }
 }
 
 Text Generator::textFor(char slot) {
@@ -402,7 +418,7 @@ const std::vector<Step>& listingSteps() {
     std::vector<Step> all;
     for (const Function& function : functions()) {
       const bool isListing = function.name.starts_with("MD") && function.name.ends_with("retrieveAll");
-      if (isListing) all.push_back({&function, {}, std::vector<std::uint32_t>(3)});
+      if (isListing) all.push_back({&function, {}, std::vector<std::uint32_t>(MAX_NUMBERS)});
     }
     return all;
   }();

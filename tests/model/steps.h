@@ -39,8 +39,8 @@ constexpr bool isNumberIn(char slot) { return slot == 'D' || slot == '#'; }
 
 using Text = std::optional<std::string>;  // a null pointer, or a text
 
-// One call. Texts and numbers stand in the order of their slots; a number beyond them is the one behind the reserved
-// argument.
+// One call. Texts and numbers stand in the order of their slots; ContactAPI_update and ContactAPI_insert have one
+// number more, the one behind the reserved argument. There is room for three numbers whether they are used or not.
 struct Step {
   const Function* function;
   std::vector<Text> texts;
@@ -72,6 +72,7 @@ class Generator {
     return texts[random_() % SIZE];
   }
   Text textFor(char slot);
+  void drawMapping(Step& step);
   Text name();
   Text kind();
   std::string data();

@@ -58,6 +58,12 @@ Texts entriesOf(const std::string& list) {
   return entries;
 }
 
+std::string joinNames(const Texts& names) {
+  std::string list;
+  for (const std::string& name : names) list += name + LIST;
+  return list;
+}
+
 bool contains(const Texts& texts, const std::string& text) {
   return std::find(texts.begin(), texts.end(), text) != texts.end();
 }
@@ -190,6 +196,10 @@ Outcome SystemModel::apply(const Step& step) {
 
   if (name == "removeMemberFromGroups") {
     outcome.returned = withdraw(in[0], in[1], Reentry::REFUSED);
+    return outcome;
+  }
+  if (name.starts_with("MDContactGroup.")) {
+    applyExpansion(in, outcome);
     return outcome;
   }
   if (name == "mapMDFileRcToSqlca") {
@@ -397,6 +407,16 @@ std::uint32_t SystemModel::expand(const std::string& group, Texts& contacts, Tex
   return found > 0 ? 0 : GENREG_RC_NOT_FOUND;
 }
 
+// The expansion into sets: as the class gives it, with one name from a group on, with two from a step on.
+void SystemModel::applyExpansion(const Texts& in, Outcome& outcome) {
+  const bool isStep = in.size() == 2;
+  Texts contacts;
+  Texts visited = {in.back()};
+  outcome.returned = expand(in[0], contacts, visited);
+  outcome.texts[in.size()] = joinNames(contacts);
+  if (isStep) outcome.texts[in.size() + 1] = joinNames(visited);
+}
+
 SystemModel::Answer SystemModel::expandToList(const std::string& group) {
   Answer answer;
   Texts contacts;
@@ -404,9 +424,7 @@ SystemModel::Answer SystemModel::expandToList(const std::string& group) {
   answer.rc = expand(group, contacts, visited);
   if (answer.rc == 0 && contacts.empty()) answer.rc = GENREG_RC_NOT_FOUND;
   if (answer.rc != 0) return answer;
-  std::string names;
-  for (const std::string& contact : contacts) names += contact + LIST;
-  answer.results = {names};
+  answer.results = {joinNames(contacts)};
   return answer;
 }
 

@@ -60,6 +60,7 @@ class SystemModel {
   Answer updateGroup(const std::string& group, const std::string& description, const std::string& version);
   std::uint32_t removeMembership(const std::string& group, const std::string& kind, const std::string& member);
   std::uint32_t expand(const std::string& group, Texts& contacts, Texts& visited);
+  void applyExpansion(const Texts& in, Outcome& outcome);
   Answer expandToList(const std::string& group);
   std::uint32_t withdraw(const std::string& member, const std::string& kind, Reentry reentry, Texts& underWay);
 
