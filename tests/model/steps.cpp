@@ -271,24 +271,8 @@ Text Generator::textFor(char slot) {
 
 Text Generator::name() {
   static constexpr const char* PLAIN[] = {"a", "b", "c", "d", "g", "h", "ab"};
-  static constexpr const char* SPLIT[] = {
-      "a\x0E"
-      "b",
-      "g\x0E"
-      "a",
-      "\x0E",
-      "g\x0E",
-      "\x0E"
-      "a",
-      "a\x0E\x0E"
-      "g",
-      "b\x0E"
-      "a",
-      "a\x0E"
-      "g\x0E"
-      "h",
-      "b\x0F"
-      "c"};
+  static constexpr const char* SPLIT[] = {"a\016b",     "g\016a", "\016",        "g\016", "\016a",
+                                          "a\016\016g", "b\016a", "a\016g\016h", "b\017c"};
   if (names_ == Names::SEPARATORS && oneIn(4)) return pick(SPLIT);
   if (!oneIn(15)) return pick(PLAIN);
   switch (random_() % 7) {
@@ -311,14 +295,7 @@ Text Generator::name() {
 
 Text Generator::kind() {
   static constexpr const char* ODD[] = {"", "2", "10", "00", "a", " "};
-  static constexpr const char* SPLIT[] = {
-      "0\x0E"
-      "0",
-      "1\x0E",
-      "\x0E"
-      "1",
-      "0\x0E"
-      "1"};
+  static constexpr const char* SPLIT[] = {"0\0160", "1\016", "\0161", "0\0161"};
   if (names_ == Names::SEPARATORS && oneIn(20)) return pick(SPLIT);
   if (oneIn(80)) return std::nullopt;
   if (oneIn(80)) return std::string(MAX_KEY_BYTES + 1, '1');
@@ -327,14 +304,7 @@ Text Generator::kind() {
 }
 
 std::string Generator::data() {
-  static constexpr const char* TEXTS[] = {"d",
-                                          "e",
-                                          "f",
-                                          "text",
-                                          "two words",
-                                          "a\x0E"
-                                          "b",
-                                          "\x0E"};
+  static constexpr const char* TEXTS[] = {"d", "e", "f", "text", "two words", "a\016b", "\016"};
   if (oneIn(3000)) return std::string(MAX_DATA_BYTES + (oneIn(2) ? 1 : 0), 'D');
   if (oneIn(20)) return "";
   return pick(TEXTS);
@@ -342,41 +312,21 @@ std::string Generator::data() {
 
 std::string Generator::contactData() {
   static constexpr const char* TEXTS[] = {
-      "ops\x0F"
-      "2\x0F"
-      "text\x0F"
-      "60",
-      "pager\x0F"
-      "1\x0F"
-      "memo\x0F"
-      "80",
-      "ops\x0F"
-      "2",
-      "ops\x0F"
-      "2\x0F",
-      "ops\x0F"
-      "2\x0F\x0F",
+      "ops\0172\017text\01760",
+      "pager\0171\017memo\01780",
+      "ops\0172",
+      "ops\0172\017",
+      "ops\0172\017\017",
       "ops",
       "17",
-      "\x0F",
-      "\x0F\x0F\x0F",
-      "ops\x0F -12x\x0Ftext\x0F+7",
-      "ops\x0F"
-      "2\x0Ftext\x0F"
-      "60\x0F"
-      "more",
-      "ops\x0F"
-      "99999999999\x0F"
-      "t\x0F"
-      "4294967295",
-      "\x0F"
-      "2\x0F\x0F"
-      "60",
-      "a\x0E\x0F"
-      "3\x0F"
-      "b\x0F"
-      "4",
-      "\x0E",
+      "\017",
+      "\017\017\017",
+      "ops\017 -12x\017text\017+7",
+      "ops\0172\017text\01760\017more",
+      "ops\01799999999999\017t\0174294967295",
+      "\0172\017\01760",
+      "a\016\0173\017b\0174",
+      "\016",
   };
   if (oneIn(3000)) return std::string(MAX_DATA_BYTES + (oneIn(2) ? 1 : 0), 'C');
   if (oneIn(20)) return "";
@@ -384,24 +334,14 @@ std::string Generator::contactData() {
 }
 
 std::string Generator::description() {
-  static constexpr const char* TEXTS[] = {"d",
-                                          "d",
-                                          "d",
-                                          "e",
-                                          "f",
-                                          "two words",
-                                          "a\x0E"
-                                          "b",
-                                          "\x0E",
-                                          "\x0F",
-                                          "x\x0Fy"};
+  static constexpr const char* TEXTS[] = {"d", "d", "d", "e", "f", "two words", "a\016b", "\016", "\017", "x\017y"};
   if (oneIn(5000)) return std::string(MAX_DATA_BYTES + 1, 'S');
   if (oneIn(20)) return "";
   return pick(TEXTS);
 }
 
 std::string Generator::version(std::size_t maxLength) {
-  static constexpr const char* TEXTS[] = {"1", "1", "2", "2.0", "\x0E"};
+  static constexpr const char* TEXTS[] = {"1", "1", "2", "2.0", "\016"};
   if (oneIn(12)) return "";
   if (oneIn(25)) return std::string(maxLength, '9');
   if (oneIn(25)) return std::string(maxLength + 1, '9');
