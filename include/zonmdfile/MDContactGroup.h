@@ -72,7 +72,7 @@ ZON_EXPORT void printSet(DSet<DString>& names);
  * is empty then is withdrawn from its own parents at once, before the next parent. No group is withdrawn twice in one
  * call, so it ends for any records. Runs under one sync or few; what a crash leaves is a prefix of its removals. 0,
  * also for a member of no group, or the code of the last removal from a group of `member`; failures further up are
- * not told.
+ * not told, but for a lack of memory or of the lock, which ends the call at once.
  */
 extern "C" ZON_EXPORT std::uint32_t removeMemberFromGroups(DString& member, DString kind);
 
