@@ -164,7 +164,8 @@ std::uint32_t GenRegFile::repair() {
     settings.repairs = true;
     zon::Transaction transaction(recordType(), settings);
     GenRegStatus before;
-    if (const std::uint32_t rc = status(before)) return rc;
+    const std::uint32_t told = status(before);
+    if (told != MD_RC_OK && told != GENREG_RC_NOT_RECORD_FILE) return told;
     const std::uint32_t rc = transaction.begin(false);
     if (rc == GENREG_RC_NOT_FOUND) return MD_RC_OK;
     if (rc != MD_RC_OK || before.damaged == 0 || transaction.isRepaired()) return rc;

@@ -68,6 +68,7 @@ std::uint32_t LogWriter::open(int file, std::uint64_t fileSize) {
   HeaderPage page;
   if (const std::uint32_t rc = readHeaderPage(file, page)) return rc;
   if (const std::uint32_t rc = takePage(page)) return rc;
+  if (slot_.end > fileSize) return GENREG_RC_DAMAGED;
   fileSize_ = fileSize;
   // What was applied to the blocks without a sync is gone when the machine was started anew since then.
   if (!isSameBoot(boot_, slot_)) slot_.overlayApplied = 0;

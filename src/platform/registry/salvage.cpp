@@ -172,7 +172,20 @@ std::uint64_t Salvage::skipDamage(std::uint64_t offset) {
     lostBytes_ += slot_.end - offset;
     lossEnd_ = format::MAX_OFFSET;
   }
+  if (!hasSlot_ && !endsAt(offset)) {
+    ++lostBytes_;  // how many, nothing tells
+    lossEnd_ = format::MAX_OFFSET;
+  }
   return format::MAX_OFFSET;
+}
+
+// Without a slot, a log that was not cut short is known by the zeros behind it; a backup ends with its last frame.
+bool Salvage::endsAt(std::uint64_t offset) const {
+  if (file_ == nullptr) return offset == backup_->end();
+  std::array<std::byte, format::TERMINATOR_SIZE> tail{};
+  std::size_t got = 0;
+  return offset > format::LOG_START && file_->read(offset, tail, got) == MD_RC_OK && got == tail.size() &&
+         std::all_of(tail.begin(), tail.end(), [](std::byte byte) { return byte == std::byte{0}; });
 }
 
 void Salvage::takeFrame(const Frame& frame, bool inBackup) {

@@ -80,6 +80,7 @@ class Salvage {
   void takeFrame(const Frame& frame, bool inBackup);
   bool frameAt(std::uint64_t offset, Frame& frame, bool& inBackup) const;
   std::uint64_t skipDamage(std::uint64_t offset);
+  bool endsAt(std::uint64_t offset) const;
   std::uint64_t endOfKnownArea(std::uint64_t offset) const;
   void keepNewest();
 

@@ -340,7 +340,9 @@ std::uint32_t Transaction::compact() {
     LiveRecord record{};
     return scan.next(out, record, size);
   };
-  return rewrite(source, log_->records(), log_->header(), log_->isUnique() ? Keys::DIFFER : Keys::REPEAT);
+  // The slot's count is believed no further than the log has room for records.
+  const std::uint64_t records = std::min(log_->records(), log_->end() / sizeof(format::FrameHeader));
+  return rewrite(source, records, log_->header(), log_->isUnique() ? Keys::DIFFER : Keys::REPEAT);
 }
 
 std::uint32_t Transaction::repair() {

@@ -511,11 +511,6 @@ class FaultyMemory : public ::testing::Test {
   }
   ~FaultyMemory() override { largestData = MAX_DATA; }
 
-  // A file system that syncs at once, where there is one.
-  static std::filesystem::path inMemory() {
-    return std::filesystem::exists("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path();
-  }
-
   static Values listOf(const std::filesystem::path& folder) {
     TestStore store(folder);
     std::uint32_t rc = MD_RC_OK;

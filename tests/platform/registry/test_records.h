@@ -171,6 +171,11 @@ class TestStore : public GenRegBin {
   }
 };
 
+// A place where a sync costs nothing, where there is one.
+inline std::filesystem::path inMemory() {
+  return std::filesystem::exists("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path();
+}
+
 class TestFolder {
  public:
   explicit TestFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {

@@ -1,0 +1,565 @@
+// Files with every byte spoilt and every length cut, and files that were made to do harm. What must hold: no crash, no
+// hang, no wrong answer given as a right one; a record that was there is found, or its loss is told; with a current
+// backup nothing is lost; the first writer keeps the damaged file as the corrupt copy and goes on.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <set>
+
+#include "platform/registry/crc32c.h"
+#include "platform/registry/file_header.h"
+#include "platform/registry/file_io.h"
+#include "platform/registry/format.h"
+#include "platform/registry/frame.h"
+#include "simulated_disk.h"
+#include "test_records.h"
+
+namespace zon::test {
+namespace {
+
+using Values = std::vector<Value>;
+
+constexpr std::size_t SMALL_RECORDS = 4096;
+constexpr int MOST_FAILURES = 5;
+const Value PROBE{"probe", "probe", "p"};
+
+std::string noise(std::size_t size, unsigned seed) {
+  std::string out(size, ' ');
+  for (char& letter : out) {
+    seed = seed * 1103515245 + 12345;
+    letter = static_cast<char>('a' + (seed >> 16) % 26);
+  }
+  return out;
+}
+
+template <class T>
+T loadAt(const Bytes& bytes, std::size_t at) {
+  T value;
+  std::memcpy(&value, bytes.data() + at, sizeof value);
+  return value;
+}
+
+template <class T>
+void storeAt(Bytes& bytes, std::size_t at, const T& value) {
+  std::memcpy(bytes.data() + at, &value, sizeof value);
+}
+
+class DamagedFiles : public ::testing::Test {
+ protected:
+  DamagedFiles() { largestData = SMALL_RECORDS; }
+  ~DamagedFiles() override {
+    largestData = MAX_DATA;
+    if (cases_ > 0) std::cout << "damaged files " << cases_ << ", of which repaired " << repaired_ << '\n';
+  }
+
+  // A file with records that were changed, renamed and removed.
+  void makeSmall() {
+    TestStore store(DISK_FOLDER);
+    note(store.add({"g1", "a", noise(60, 1)}));
+    note(store.add({"g1", "b", noise(40, 2)}));
+    note(store.add({"g2", "c", noise(90, 3)}));
+    note(store.add({"g2", "d", ""}));
+    note(store.change({"g1", "a", noise(80, 4)}));
+    note(store.remove("g1", "b"));
+    note(store.changeTo({"g2", "d", ""}, {"g3", "moved", "m"}));
+    history_ = {{"g1", "a", noise(60, 1)}, {"g1", "a", noise(80, 4)}, {"g1", "b", noise(40, 2)},
+                {"g2", "c", noise(90, 3)}, {"g2", "d", ""},           {"g3", "moved", "m"}};
+    gone_ = {{"g1", "b", ""}, {"g2", "d", ""}, {"none", "none", ""}};
+    take();
+  }
+
+  // A file whose backup holds all of it.
+  void makeWithBackup() {
+    TestStore store(DISK_FOLDER);
+    note(store.add({"g1", "a", noise(900, 1)}));
+    note(store.add({"g1", "b", noise(40, 2)}));
+    note(store.remove("g1", "b"));
+    note(store.add({"g2", "c", noise(1500, 3)}));
+    note(store.change({"g1", "a", noise(2200, 4)}));
+    history_ = {{"g1", "a", noise(900, 1)},
+                {"g1", "a", noise(2200, 4)},
+                {"g1", "b", noise(40, 2)},
+                {"g2", "c", noise(1500, 3)}};
+    gone_ = {{"g1", "b", ""}, {"none", "none", ""}};
+    take();
+    ASSERT_TRUE(golden_.has(".store.bkp"));
+    GenRegStatus status;
+    ASSERT_EQ(store.status(status), MD_RC_OK);
+    ASSERT_EQ(status.backupBytes, status.usedBytes);
+    hasBackup_ = true;
+  }
+
+  void note(std::uint32_t rc) { EXPECT_EQ(rc, MD_RC_OK); }
+
+  void take() {
+    TestStore store(DISK_FOLDER);
+    truth_ = store.list();
+    golden_ = disk_.image();
+    boot_ = disk_.bootNumber();
+    GenRegStatus status;
+    ASSERT_EQ(store.status(status), MD_RC_OK);
+    used_ = status.usedBytes;
+  }
+
+  const Bytes& bytesOf(const std::string& name) const { return *golden_.files.at(golden_.names.at(name)); }
+
+  void fail(const std::string& what) {
+    if (++failures_ <= MOST_FAILURES) ADD_FAILURE() << where_ << ": " << what;
+  }
+
+  // Puts these bytes in the place of the file and looks at them as a reader and as a writer.
+  void check(const std::string& where, const std::shared_ptr<Bytes>& bytes, const std::string& name = "store") {
+    if (failures_ > MOST_FAILURES) return;
+    for (const unsigned boot : {boot_, boot_ + 1}) {
+      ++cases_;
+      where_ = where + (boot == boot_ ? "" : ", machine started anew");
+      DiskImage image = golden_;
+      image.files[image.names.at(name)] = bytes;
+      disk_.boot(image);
+      disk_.setBootNumber(boot);
+      checkReader();
+      checkWriter(name == "store" ? bytes : nullptr);
+    }
+  }
+
+  bool wasOnceThere(const Value& value) const {
+    return std::find(history_.begin(), history_.end(), value) != history_.end();
+  }
+
+  void checkReader() {
+    TestStore store(DISK_FOLDER);
+    std::uint32_t rc = MD_RC_OK;
+    const Values listed = store.list(0, {}, &rc);
+    if (rc == MD_RC_OK && listed != truth_) fail("the listing tells other records and no damage");
+    if (hasBackup_ && rc != MD_RC_OK) fail("the listing answers " + std::to_string(rc & 0xFFF) + " despite the backup");
+    for (const Value& value : listed) {
+      if (!wasOnceThere(value)) fail("the listing makes records up");
+    }
+    Value value;
+    for (const Value& wanted : truth_) {
+      rc = store.get(wanted.group, wanted.key, value);
+      if (rc == MD_RC_OK && !(value == wanted)) fail("Get tells another form of " + wanted.key);
+      if (rc == GENREG_RC_NOT_FOUND) fail("Get does not find " + wanted.key + " and tells no damage");
+      if (hasBackup_ && rc != MD_RC_OK) fail("Get answers " + std::to_string(rc & 0xFFF) + " despite the backup");
+    }
+    for (const Value& gone : gone_) {
+      rc = store.get(gone.group, gone.key, value);
+      if (rc == MD_RC_OK) fail("Get finds " + gone.key + ", which is gone");
+    }
+    GenRegStatus status;
+    store.status(status);
+  }
+
+  void checkWriter(const std::shared_ptr<Bytes>& damaged) {
+    TestStore store(DISK_FOLDER);
+    const std::uint32_t rc = store.add(PROBE);
+    if (rc == GENREG_RC_NOT_RECORD_FILE && !hasBackup_) return checkUntouched(damaged);
+    if (rc != MD_RC_OK) return fail("Add answers " + std::to_string(rc & 0xFFF));
+    if (const std::uint32_t mended = store.repair()) return fail("repair answers " + std::to_string(mended & 0xFFF));
+    std::uint32_t listed = MD_RC_OK;
+    Values values = store.list(0, {}, &listed);
+    if (listed != MD_RC_OK) return fail("after the repair the listing answers " + std::to_string(listed & 0xFFF));
+    if (values.empty() || !(values.back() == PROBE)) return fail("the record added is not there");
+    values.pop_back();
+    GenRegStatus status{};
+    if (store.status(status) != MD_RC_OK || status.damaged != 0) fail("after the repair there is damage");
+    if (hasBackup_ && status.lostBytes != 0) fail("something was lost despite the backup");
+    if (status.lostBytes == 0 && values != truth_) fail("after the writer there are other records and no loss is told");
+    for (const Value& value : values) {
+      if (!wasOnceThere(value)) fail("after the writer there are records that never were");
+    }
+    if (status.repairs == 0) return;
+    ++repaired_;
+    const DiskImage image = disk_.image();
+    if (damaged == nullptr || damaged->empty()) return;
+    if (!image.has("store.cor")) return fail("no corrupt copy was kept");
+    const Bytes& kept = *image.files.at(image.names.at("store.cor"));
+    // Before it met the damage the writer may have written slots and appended, no more.
+    const std::size_t end = std::min<std::size_t>(damaged->size(), used_);
+    for (std::size_t at = 4096; at < end; ++at) {
+      if (at >= kept.size() || kept[at] != (*damaged)[at]) return fail("the corrupt copy is not the damaged file");
+    }
+  }
+
+  void checkUntouched(const std::shared_ptr<Bytes>& bytes) {
+    const DiskImage image = disk_.image();
+    if (bytes != nullptr && *image.files.at(image.names.at("store")) != *bytes) fail("the refused file was changed");
+  }
+
+  void spoilEveryByte() {
+    const Bytes& golden = bytesOf("store");
+    for (std::size_t at = 0; at < used_ + 32; ++at) {
+      for (const int kind : {0, 1, 2}) {
+        const std::byte old = golden[at];
+        const std::byte spoilt = kind == 0 ? std::byte{0} : kind == 1 ? std::byte{0xFF} : old ^ std::byte{1 << 4};
+        if (spoilt == old) continue;
+        const auto bytes = std::make_shared<Bytes>(golden);
+        (*bytes)[at] = spoilt;
+        check("byte " + std::to_string(at) + " = " + std::to_string(static_cast<int>(spoilt)), bytes);
+      }
+    }
+  }
+
+  void cutEveryLength(std::size_t from) {
+    const Bytes& golden = bytesOf("store");
+    for (std::size_t length = from; length < used_ + 64; ++length) {
+      check("cut at " + std::to_string(length),
+            std::make_shared<Bytes>(golden.begin(), golden.begin() + static_cast<std::ptrdiff_t>(length)));
+    }
+  }
+
+  SimulatedDisk disk_;
+  DiskImage golden_;
+  unsigned boot_ = 1;
+  Values truth_;
+  Values history_;
+  Values gone_;
+  std::uint64_t used_ = 0;
+  bool hasBackup_ = false;
+  std::string where_;
+  int failures_ = 0;
+  std::uint64_t cases_ = 0;
+  std::uint64_t repaired_ = 0;
+};
+
+TEST_F(DamagedFiles, EveryByteWithoutABackup) {
+  makeSmall();
+  spoilEveryByte();
+}
+
+TEST_F(DamagedFiles, EveryByteWithABackup) {
+  makeWithBackup();
+  spoilEveryByte();
+}
+
+// A file of no bytes reads as an empty one where there is no backup: whoever makes a file by hand makes such.
+TEST_F(DamagedFiles, EveryLengthWithoutABackup) {
+  makeSmall();
+  cutEveryLength(1);
+}
+
+TEST_F(DamagedFiles, EveryLengthWithABackup) {
+  makeWithBackup();
+  cutEveryLength(0);
+}
+
+TEST_F(DamagedFiles, EveryByteOfTheBackup) {
+  makeWithBackup();
+  const Bytes& golden = bytesOf(".store.bkp");
+  for (std::size_t at = 0; at < golden.size(); ++at) {
+    const auto bytes = std::make_shared<Bytes>(golden);
+    (*bytes)[at] ^= std::byte{0x10};
+    check("byte " + std::to_string(at) + " of the backup", bytes, ".store.bkp");
+  }
+}
+
+TEST_F(DamagedFiles, EverySector) {
+  makeWithBackup();
+  const Bytes& golden = bytesOf("store");
+  for (std::size_t at = 0; at + UNIT <= golden.size(); at += UNIT) {
+    for (const int fill : {0, 0xFF, 0x5A}) {
+      const auto bytes = std::make_shared<Bytes>(golden);
+      std::fill_n(bytes->begin() + static_cast<std::ptrdiff_t>(at), UNIT, static_cast<std::byte>(fill));
+      check("sector at " + std::to_string(at), bytes);
+    }
+  }
+}
+
+TEST_F(DamagedFiles, EverySectorWithoutABackup) {
+  makeSmall();
+  const Bytes& golden = bytesOf("store");
+  for (std::size_t at = 0; at < used_; at += UNIT) {
+    for (const int fill : {0, 0xFF, 0x5A}) {
+      const auto bytes = std::make_shared<Bytes>(golden);
+      std::fill_n(bytes->begin() + static_cast<std::ptrdiff_t>(at), UNIT, static_cast<std::byte>(fill));
+      check("sector at " + std::to_string(at), bytes);
+    }
+  }
+}
+
+TEST_F(DamagedFiles, RecordsThatShareAKeySurviveARepair) {
+  TestStore store(DISK_FOLDER);
+  note(store.add({"g", "k", "first"}));
+  note(store.add({"g", "k", "second"}, 0));
+  note(store.add({"g", "other", "x"}));
+  const Values all = store.list();
+  for (const bool slotsToo : {false, true}) {
+    DiskImage image = disk_.image();
+    auto bytes = std::make_shared<Bytes>(*image.files.at(image.names.at("store")));
+    (*bytes)[format::LOG_START + 1024] ^= std::byte{1};  // an index block
+    if (slotsToo) {
+      for (const std::uint64_t slot : format::SLOT_OFFSET) (*bytes)[slot + 20] ^= std::byte{1};
+    }
+    image.files[image.names.at("store")] = bytes;
+    disk_.boot(image);
+    ASSERT_EQ(store.repair(), MD_RC_OK);
+    EXPECT_EQ(store.list(), all) << slotsToo;
+    Value value;
+    ASSERT_EQ(store.get("g", "k", value), MD_RC_OK);
+    EXPECT_EQ(value.data, "first");
+  }
+}
+
+TEST_F(DamagedFiles, OlderCorruptCopiesGetNumbers) {
+  makeSmall();
+  for (int round = 1; round <= 3; ++round) {
+    DiskImage image = disk_.image();
+    auto bytes = std::make_shared<Bytes>(*image.files.at(image.names.at("store")));
+    for (const std::uint64_t slot : format::SLOT_OFFSET) (*bytes)[slot + 20] ^= std::byte{1};
+    image.files[image.names.at("store")] = bytes;
+    disk_.boot(image);
+    TestStore store(DISK_FOLDER);
+    ASSERT_EQ(store.add({"round", std::to_string(round), ""}), MD_RC_OK);
+    const DiskImage after = disk_.image();
+    ASSERT_TRUE(after.has("store.cor"));
+    EXPECT_EQ(*after.files.at(after.names.at("store.cor")), *bytes);
+    EXPECT_EQ(after.has("store.cor." + std::to_string(round - 1)), round > 1);
+    GenRegStatus status;
+    ASSERT_EQ(store.status(status), MD_RC_OK);
+    EXPECT_EQ(status.repairs, static_cast<std::uint64_t>(round));
+    EXPECT_EQ(status.records, truth_.size() + static_cast<std::size_t>(round));
+  }
+}
+
+TEST_F(DamagedFiles, WithoutTheRepairFeatureAWriterRefuses) {
+  makeSmall();
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  for (const std::uint64_t slot : format::SLOT_OFFSET) (*bytes)[slot + 20] ^= std::byte{1};
+  golden_.files[golden_.names.at("store")] = bytes;
+  disk_.boot(golden_);
+  TestStore store(DISK_FOLDER);
+  store.unsetFeature(GenRegBin::FEATURE_REPAIR);
+  EXPECT_EQ(store.add(PROBE), GENREG_RC_DAMAGED);
+  checkUntouched(bytes);
+}
+
+TEST_F(DamagedFiles, ANewerFormatIsRefusedAndUntouched) {
+  makeSmall();
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  auto header = loadAt<format::FileHeader>(*bytes, 0);
+  header.version = format::FORMAT_VERSION + 1;
+  header.crc = headerChecksum(header);
+  storeAt(*bytes, 0, header);
+  storeAt(*bytes, format::HEADER_COPY_OFFSET, header);
+  golden_.files[golden_.names.at("store")] = bytes;
+  disk_.boot(golden_);
+  TestStore store(DISK_FOLDER);
+  Value value;
+  std::uint32_t rc = MD_RC_OK;
+  EXPECT_EQ(store.add(PROBE), GENREG_RC_NEWER_FORMAT);
+  EXPECT_EQ(store.get("g1", "a", value), GENREG_RC_NEWER_FORMAT);
+  store.list(0, {}, &rc);
+  EXPECT_EQ(rc, GENREG_RC_NEWER_FORMAT);
+  EXPECT_EQ(store.remove("g1", "a"), GENREG_RC_NEWER_FORMAT);
+  EXPECT_EQ(store.compact(), GENREG_RC_NEWER_FORMAT);
+  EXPECT_EQ(store.repair(), GENREG_RC_NEWER_FORMAT);
+  checkUntouched(bytes);
+}
+
+TEST_F(DamagedFiles, AForeignFileIsRefusedAndUntouched) {
+  for (const std::size_t size : {1u, 63u, 64u, 5000u, 70000u}) {
+    auto bytes = std::make_shared<Bytes>(size);
+    const std::string content = noise(size, 77);
+    std::memcpy(bytes->data(), content.data(), size);
+    DiskImage image;
+    image.names["store"] = 11;
+    image.files[11] = bytes;
+    disk_.boot(image);
+    TestStore store(DISK_FOLDER);
+    Value value;
+    std::uint32_t rc = MD_RC_OK;
+    EXPECT_EQ(store.add(PROBE), GENREG_RC_NOT_RECORD_FILE) << size;
+    EXPECT_EQ(store.get("g", "k", value), GENREG_RC_NOT_RECORD_FILE) << size;
+    EXPECT_EQ(store.remove("g", "k"), GENREG_RC_NOT_RECORD_FILE) << size;
+    EXPECT_EQ(store.repair(), GENREG_RC_NOT_RECORD_FILE) << size;
+    store.list(0, {}, &rc);
+    EXPECT_EQ(rc, GENREG_RC_NOT_RECORD_FILE) << size;
+    EXPECT_EQ(*disk_.image().files.at(11), *bytes);
+  }
+}
+
+TEST_F(DamagedFiles, AnExplicitRepairTakesALostHeaderFromTheBackup) {
+  makeWithBackup();
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  std::fill_n(bytes->begin(), 4096 + 512, std::byte{0});
+  golden_.files[golden_.names.at("store")] = bytes;
+  disk_.boot(golden_);
+  TestStore store(DISK_FOLDER);
+  EXPECT_EQ(store.repair(), MD_RC_OK);
+  EXPECT_EQ(store.list(), truth_);
+}
+
+TEST_F(DamagedFiles, AnotherRecordTypeIsRefused) {
+  makeSmall();
+  TestStore other(DISK_FOLDER, false);
+  Value value;
+  EXPECT_EQ(other.add(PROBE, KEY), GENREG_RC_WRONG_RECORD_TYPE);
+  EXPECT_EQ(other.get("g1", "a", value, KEY), GENREG_RC_WRONG_RECORD_TYPE);
+  checkUntouched(std::make_shared<Bytes>(bytesOf("store")));
+}
+
+// Frames with passing checksums that promise what cannot be.
+class HostileFiles : public ::testing::Test {
+ protected:
+  HostileFiles() { largestData = SMALL_RECORDS; }
+  ~HostileFiles() override { largestData = MAX_DATA; }
+
+  // Every operation must end soon and answer something; no more is asked of such a file.
+  void exercise(const std::string& what) {
+    const auto start = std::chrono::steady_clock::now();
+    TestStore store(folder_.path());
+    Value value;
+    std::uint32_t rc = MD_RC_OK;
+    store.get("g", "k1", value);
+    store.list(0, {}, &rc);
+    store.list(GROUP, {"g", "", ""}, &rc);
+    store.list(DATA, {"", "", "x"}, &rc);
+    GenRegStatus status;
+    store.status(status);
+    store.add({"g", "added", "x"});
+    store.change({"g", "k1", "changed"});
+    store.remove("g", "k2");
+    store.removeAll("g", "", GROUP);
+    store.compact();
+    store.repair();
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(took).count(), 5000) << what;
+  }
+
+  Bytes golden() {
+    TestStore store(folder_.path());
+    for (int at = 0; at < 8; ++at) {
+      EXPECT_EQ(store.add({"g", "k" + std::to_string(at), noise(30, static_cast<unsigned>(at))}), MD_RC_OK);
+    }
+    EXPECT_EQ(store.change({"g", "k3", "other"}), MD_RC_OK);
+    EXPECT_EQ(store.remove("g", "k4"), MD_RC_OK);
+    std::ifstream file(folder_.file(), std::ios::binary);
+    const std::string content((std::istreambuf_iterator<char>(file)), {});
+    Bytes bytes(content.size());
+    std::memcpy(bytes.data(), content.data(), content.size());
+    return bytes;
+  }
+
+  void put(const Bytes& bytes) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) std::filesystem::remove(entry.path());
+    std::ofstream file(folder_.file(), std::ios::binary);
+    file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  }
+
+  static std::vector<std::uint64_t> frameOffsets(const Bytes& bytes, const FrameKey& key) {
+    std::vector<std::uint64_t> offsets;
+    Frame frame;
+    for (std::uint64_t at = format::LOG_START; at + format::MAX_HEAD_SIZE < bytes.size(); at = frame.end()) {
+      if (parseHead(std::span(bytes).subspan(at), at, key, frame) != ParseResult::OK) break;
+      offsets.push_back(at);
+    }
+    return offsets;
+  }
+
+  // Makes the checksum of a frame's head right again.
+  static void sealHead(Bytes& bytes, std::uint64_t offset, std::uint32_t headSize, const FrameKey& key) {
+    const std::uint32_t crc = crc32c(checksumStart(key.salt, offset), bytes.data() + offset + 4, headSize - 4);
+    storeAt(bytes, offset, crc);
+  }
+
+  TestFolder folder_{inMemory()};
+};
+
+TEST_F(HostileFiles, HeadsWithAnyNumberInAnyField) {
+  const Bytes good = golden();
+  const auto header = loadAt<format::FileHeader>(good, 0);
+  const FrameKey key{.salt = saltOf(header.fileId), .indexCount = 2};
+  const auto offsets = frameOffsets(good, key);
+  ASSERT_GT(offsets.size(), 9u);
+  const std::uint64_t numbers[] = {0,          1,          8,          4096,       0x7FFFFFFF,
+                                   0x80000000, 0xFFFFFFF8, 0xFFFFFFFF, ~0ull << 3, 0x0000FFFFFFFFFFF8};
+  std::uint64_t cases = 0;
+  for (const std::uint64_t offset : offsets) {
+    Frame frame;
+    ASSERT_EQ(parseHead(std::span(good).subspan(offset), offset, key, frame), ParseResult::OK);
+    for (std::size_t field = 8; field + 4 <= frame.headSize; field += 4) {
+      for (const std::uint64_t number : numbers) {
+        Bytes bytes = good;
+        storeAt(bytes, offset + field, static_cast<std::uint32_t>(number >> (field % 8 == 4 ? 32 : 0)));
+        sealHead(bytes, offset, frame.headSize, key);
+        put(bytes);
+        ++cases;
+        ASSERT_NO_FATAL_FAILURE(exercise("frame at " + std::to_string(offset) + " field " + std::to_string(field)));
+        if (HasFailure()) return;
+      }
+    }
+  }
+  std::cout << "hostile heads " << cases << '\n';
+}
+
+TEST_F(HostileFiles, SlotsWithAnyNumberInAnyField) {
+  const Bytes good = golden();
+  const auto header = loadAt<format::FileHeader>(good, 0);
+  const std::uint64_t numbers[] = {0, 1, 4096, 4097, 1 << 20, 0x7FFFFFFFFFF8, (1ull << 43) - 8, ~0ull};
+  std::uint64_t cases = 0;
+  for (std::size_t field = 8; field < 240; field += 8) {
+    for (const std::uint64_t number : numbers) {
+      Bytes bytes = good;
+      for (const std::uint64_t at : format::SLOT_OFFSET) {
+        auto slot = loadAt<format::Slot>(bytes, at);
+        std::memcpy(reinterpret_cast<char*>(&slot) + field, &number, sizeof number);
+        sealSlot(slot, saltOf(header.fileId));
+        storeAt(bytes, at, slot);
+      }
+      put(bytes);
+      ++cases;
+      ASSERT_NO_FATAL_FAILURE(exercise("slot field " + std::to_string(field) + " = " + std::to_string(number)));
+      if (HasFailure()) return;
+    }
+  }
+  std::cout << "hostile slots " << cases << '\n';
+}
+
+// A long chain whose changes all concern different places: following it must not take time in the square of its length.
+TEST_F(HostileFiles, ALongChainOfStrangers) {
+  digestsCollide = true;
+  {
+    TestStore store(folder_.path());
+    ASSERT_EQ(store.beginBatch(), MD_RC_OK);
+    for (int at = 0; at < 300; ++at) ASSERT_EQ(store.add({"g", "k" + std::to_string(at), "x"}), MD_RC_OK);
+    ASSERT_EQ(store.commitBatch(), MD_RC_OK);
+  }
+  exercise("300 strangers");
+  digestsCollide = false;
+}
+
+TEST_F(HostileFiles, HugeSparseFiles) {
+  constexpr off_t TERABYTE = off_t{1} << 40;
+  const Bytes good = golden();
+  const auto growTo = [&](const std::filesystem::path& path) { return ::truncate(path.c_str(), TERABYTE); };
+  put(good);
+  if (growTo(folder_.file()) != 0) GTEST_SKIP() << "no sparse files of a terabyte here";
+  exercise("a terabyte behind the log");
+  put(good);
+  Bytes spoilt = good;
+  for (const std::uint64_t slot : format::SLOT_OFFSET) spoilt[slot + 20] ^= std::byte{1};
+  put(spoilt);
+  ASSERT_EQ(growTo(folder_.file()), 0);
+  exercise("a terabyte without slots");
+  put({});
+  ASSERT_EQ(growTo(folder_.file()), 0);
+  exercise("a terabyte of nothing");
+  put(good);
+  for (const char* name : {".store.bkp", "store.tmp", "store.cor"}) {
+    std::ofstream(folder_.path() / name).put('x');
+    ASSERT_EQ(growTo(folder_.path() / name), 0);
+  }
+  exercise("companions of a terabyte");
+  put(spoilt);
+  std::ofstream(folder_.path() / ".store.bkp").put('x');
+  ASSERT_EQ(growTo(folder_.path() / ".store.bkp"), 0);
+  exercise("no slots and a backup of a terabyte");
+}
+
+}  // namespace
+}  // namespace zon::test
