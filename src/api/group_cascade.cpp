@@ -7,7 +7,9 @@
 #include "api/group_cascade.h"
 
 #include <deque>
+#include <optional>
 #include <string_view>
+#include <unordered_map>
 
 #include "api/MDRegFactory.h"
 #include "record/tokenized_text.h"
@@ -41,11 +43,14 @@ class Withdrawal {
   std::uint32_t enter(const DString& member, const DString& kind);
   std::uint32_t visitParents();
   std::uint32_t visit(Step& step, DString& parent);
+  std::uint32_t findRest(DString& parent, bool hasRemoved);
 
   MDContactGroup& store_;
   BatchScope batch_;
   bool hasBegun_ = false;
-  DSet<DString> entered_;   // groups that are or were being withdrawn
+  DSet<DString> entered_;  // groups that are or were being withdrawn
+  // Records that parents have left: without a number when only one removal has asked.
+  std::unordered_map<DString, std::optional<std::size_t>> left_;
   std::deque<Step> steps_;  // steps stay in place: their readers point into them
 };
 
@@ -97,11 +102,27 @@ std::uint32_t Withdrawal::visit(Step& step, DString& parent) {
   }
   step.rc = store_.remove(parent, step.kind, step.member);
   if (isFatal(step.rc)) return step.rc;
-  const std::uint32_t rest = findGroup(store_, parent);
+  const std::uint32_t rest = findRest(parent, step.rc == MD_RC_OK);
   if (rest == MD_RC_OK) return MD_RC_OK;
   if (isFatal(rest)) return rest;
   const std::uint32_t nested = enter(parent, DString(MDContactGroup::GROUP_KIND));
   return isFatal(nested) ? nested : MD_RC_OK;
+}
+
+// 0 while the parent has records. To look for one costs as much as the parent has members, so a parent from which many
+// are withdrawn is counted once, at the second, and then counted down: the batch keeps all other writers away.
+std::uint32_t Withdrawal::findRest(DString& parent, bool hasRemoved) {
+  const auto [entry, isFirst] = left_.try_emplace(parent);
+  if (isFirst || !batch_.isOpen()) return findGroup(store_, parent);
+  std::optional<std::size_t>& left = entry->second;
+  if (!left) {
+    std::size_t count = 0;
+    if (const std::uint32_t rc = countGroup(store_, parent, count)) return rc;
+    left = count;
+  } else if (hasRemoved) {
+    --*left;
+  }
+  return *left > 0 ? MD_RC_OK : GENREG_RC_NOT_FOUND;
 }
 
 }  // namespace

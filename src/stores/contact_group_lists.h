@@ -49,4 +49,11 @@ inline std::uint32_t findGroup(MDContactGroup& store, DString& group) {
   return findRecord<ThreeKeyLayout>(store, MDContactGroup::SOURCE, MATCH_GROUP_KEY, recordKeys);
 }
 
+// The number of the group's records.
+inline std::uint32_t countGroup(MDContactGroup& store, DString& group, std::size_t& count) {
+  const Keys<ThreeKeyLayout> recordKeys{&group};
+  if (const std::uint32_t rc = checkKeys(store, recordKeys)) return rc;
+  return countRecords<ThreeKeyLayout>(store, MDContactGroup::SOURCE, MATCH_GROUP_KEY, recordKeys, count);
+}
+
 }  // namespace zon

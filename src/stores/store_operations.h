@@ -162,6 +162,25 @@ std::uint32_t findRecord(GenRegBin& file, const char* source, unsigned long flag
   return file.Get(flags, match.get(), result.get());
 }
 
+// How many records match; a failure of the scan leaves `count` untouched.
+template <class Layout>
+std::uint32_t countRecords(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys,
+                           std::size_t& count) {
+  const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
+  const RecordBuffer result(RECORD_BUFFER_SIZE<Layout>, source);
+  if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
+  putKeys<Layout>(match.get(), keys);
+  if (const std::uint32_t rc = file.OpenScan()) return rc;
+  ScanScope scan(file);
+  std::size_t found = 0;
+  std::uint32_t rc = MD_RC_OK;
+  while ((rc = file.GetNext(flags, match.get(), result.get())) == MD_RC_OK) ++found;
+  const std::uint32_t closeRc = scan.close();
+  if (rc != GENREG_RC_END_OF_SCAN) return rc;
+  if (closeRc == MD_RC_OK) count = found;
+  return closeRc;
+}
+
 // One gathered list: the field it holds and the output it becomes.
 struct ListOutput {
   Field field;
