@@ -4,14 +4,16 @@
 
 #include <cstddef>
 
+#include "platform/registry/record_type.h"
 #include "zonmdfile/platform/oss.h"
 
 namespace zon {
 
 class ScratchRecord {
  public:
-  explicit ScratchRecord(std::size_t size) {
-    if (_ossMemAlloc(&memory_, 0, size, 1, "GenRegBin", __LINE__) != 0) memory_ = nullptr;
+  // A record that is longer than the largest size ends in zeros, which are there and are never written.
+  explicit ScratchRecord(std::size_t largest) {
+    if (_ossMemAlloc(&memory_, 0, largest + RECORD_ROOM, 1, "GenRegBin", __LINE__) != 0) memory_ = nullptr;
   }
   ScratchRecord(const ScratchRecord&) = delete;
   ScratchRecord& operator=(const ScratchRecord&) = delete;
