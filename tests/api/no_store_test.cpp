@@ -22,17 +22,18 @@ bool isRefused(std::size_t size) { return refusesStores && size >= sizeof(GenReg
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined: where the compiler sees into one of a pair but not the other, it takes them for a mismatch.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   if (isRefused(size)) throw std::bad_alloc();
   if (void* memory = std::malloc(size != 0 ? size : 1)) return memory;
   throw std::bad_alloc();
 }
-void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return isRefused(size) ? nullptr : std::malloc(size != 0 ? size : 1);
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, const std::nothrow_t&) noexcept { std::free(memory); }
 
 namespace {
 
