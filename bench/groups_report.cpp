@@ -140,7 +140,7 @@ void copyAll(const fs::path& from, const fs::path& to) {
 
 Measured measure(const Question& question, std::size_t size, const fs::path& directory) {
   constexpr int RUNS = 7;
-  const fs::path memory = fs::path("/dev/shm") / ("groups_report." + std::to_string(getpid()));
+  const fs::path memory = fs::path("/dev/shm") / ("groups_report.load." + std::to_string(getpid()));
   fs::create_directories(memory);
   setMetadataPath(memory.c_str());
   question.load(size);
