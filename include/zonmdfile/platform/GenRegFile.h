@@ -47,8 +47,10 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
    * Gathers the following changes of this object under one sync. Until commitBatch, other processes see nothing of them
    * and this object sees them all. A crash leaves a prefix of them. beginBatch takes the lock; a batch that grows large
    * is synced in between. Destroying the object without commitBatch takes back what was not synced yet. While a scan is
-   * open within a batch, changes are refused with GENREG_RC_SCAN_OPEN. commitBatch ends the batch, whatever it answers;
-   * GENREG_RC_NO_BATCH without one, or when beginBatch finds one under way.
+   * open within a batch, changes are refused with GENREG_RC_SCAN_OPEN. commitBatch ends the batch, whatever it answers,
+   * and a scan that was opened in it; GENREG_RC_NO_BATCH without one, or when beginBatch finds one under way. After a
+   * change that failed half way (no memory, a failed sync in between) all further ones of the batch, and commitBatch,
+   * answer that failure, and what was not synced is taken back.
    */
   std::uint32_t beginBatch();
   std::uint32_t commitBatch();

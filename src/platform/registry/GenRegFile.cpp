@@ -150,6 +150,10 @@ std::uint32_t GenRegFile::commitBatch() {
   if (batch_ == nullptr) return GENREG_RC_NO_BATCH;
   const std::unique_ptr<zon::Transaction> batch(batch_);
   batch_ = nullptr;
+  if (scan_ != nullptr && scan_->isOfBatch()) {
+    delete scan_;
+    scan_ = nullptr;
+  }
   return zon::guarded([&] { return batch->hasFile() ? batch->commit() : MD_RC_OK; });
 }
 

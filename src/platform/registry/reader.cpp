@@ -4,12 +4,14 @@
 #include <fcntl.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace zon {
 
 bool isDamage(std::uint32_t rc) { return rc == GENREG_RC_DAMAGED || rc == GENREG_RC_NOT_RECORD_FILE; }
 
 std::uint32_t Reader::open() {
+  if (std::strlen(filePath_) == GenRegBase::PATH_SIZE - 1) return GENREG_RC_NAME_TOO_LONG;
   if (const std::uint32_t rc = openAnything(AT_FDCWD, filePath_, O_RDONLY, 0, file_)) return rc;
   const std::uint32_t rc = view_.open(file_.get());
   if (!isDamage(rc)) return rc;

@@ -55,7 +55,11 @@ class Scan {
 
   // Opens the file; or, within a batch, looks at the batch's own state instead.
   std::uint32_t open();
-  void openOn(const LogView& view) { view_ = &view; }
+  void openOn(const LogView& view) {
+    view_ = &view;
+    isOfBatch_ = true;
+  }
+  bool isOfBatch() const { return isOfBatch_; }
 
   // As GenRegBin::GetNext. A failure is told once, then the scan is over; close() tells it again.
   std::uint32_t next(unsigned long flags, const void* key, std::byte* out);
@@ -71,6 +75,7 @@ class Scan {
   const RecordType type_;
   Reader reader_;
   const LogView* view_ = nullptr;  // null: no file, or only what is salvaged
+  bool isOfBatch_ = false;
   bool prepared_ = false;
   unsigned long flags_ = 0;
   std::uint64_t digest_ = 0;

@@ -70,6 +70,9 @@ std::uint32_t Transaction::begin(bool create) {
 
 std::uint32_t Transaction::lockFiles(bool create) {
   const FilePaths& paths = settings_.paths;
+  // Left of an attempt that found no file.
+  data_.release();
+  lock_.release();
   if (const std::uint32_t rc = openDirectory(paths.directory.c_str(), directory_)) return rc;
   FileState state;
   if (!create) {
@@ -342,7 +345,15 @@ std::uint32_t Transaction::compact() {
   };
   // The slot's count is believed no further than the log has room for records.
   const std::uint64_t records = std::min(log_->records(), log_->end() / sizeof(format::FrameHeader));
-  return rewrite(source, records, log_->header(), log_->isUnique() ? Keys::DIFFER : Keys::REPEAT);
+  const Keys keys = log_->isUnique() ? Keys::DIFFER : Keys::REPEAT;
+  if (const std::uint32_t rc = rewrite(source, records, log_->header(), keys)) return rc;
+  // A backup of what was given up would be no smaller than before.
+  FileState backup;
+  if (settings_.keepsBackup && stateAt(directory_.get(), settings_.paths.backup.c_str(), backup) == MD_RC_OK &&
+      makeBackup() == MD_RC_OK) {
+    log_->republish(log_->end());
+  }
+  return MD_RC_OK;
 }
 
 std::uint32_t Transaction::repair() {
@@ -381,6 +392,7 @@ std::uint32_t Transaction::keepCorruptCopy() {
     const std::uint32_t rc = stateAt(directory, corrupt.c_str(), state);
     if (rc == GENREG_RC_NOT_FOUND) break;
     if (rc != MD_RC_OK) return rc;
+    if (state.inode == data_.state().inode && state.device == data_.state().device) return syncDirectory(directory);
     const std::string numbered = corrupt + "." + std::to_string(number);
     if (stateAt(directory, numbered.c_str(), state) == MD_RC_OK) continue;
     if (systemCalls.renameAt(directory, corrupt.c_str(), directory, numbered.c_str()) != 0) return codeOfErrno(errno);

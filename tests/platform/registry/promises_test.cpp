@@ -1,0 +1,819 @@
+// What users of the engine may rely on, promise by promise, in plain cases on a real file system. Crashes, failing
+// calls and damage have tests of their own.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <thread>
+
+#include "platform/registry/system_calls.h"
+#include "test_records.h"
+
+namespace zon::test {
+namespace {
+
+using Values = std::vector<Value>;
+
+std::string numbered(const char* prefix, int number) { return prefix + std::to_string(number); }
+
+std::string noise(std::size_t size, unsigned seed) {
+  std::string out(size, ' ');
+  for (char& letter : out) {
+    seed = seed * 1103515245 + 12345;
+    letter = static_cast<char>('a' + (seed >> 16) % 26);
+  }
+  return out;
+}
+
+// Runs work in a child; the child's exit status, -1 when it did not end by itself within half a minute.
+int inChild(const std::function<int()>& work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(30);
+    _exit(work());
+  }
+  int status = 0;
+  if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) return -1;
+  return WEXITSTATUS(status);
+}
+
+std::map<std::string, std::string> filesIn(const std::filesystem::path& folder) {
+  std::map<std::string, std::string> files;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+    std::ifstream file(entry.path(), std::ios::binary);
+    files[entry.path().filename()] = std::string((std::istreambuf_iterator<char>(file)), {});
+  }
+  return files;
+}
+
+class EnginePromises : public ::testing::Test {
+ protected:
+  void fill(int records, int groups = 10) {
+    ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
+    for (int at = 0; at < records; ++at) {
+      ASSERT_EQ(store_.add({numbered("g", at % groups), numbered("k", at), noise(100, static_cast<unsigned>(at))}),
+                MD_RC_OK);
+    }
+    ASSERT_EQ(store_.commitBatch(), MD_RC_OK);
+  }
+
+  TestFolder folder_{inMemory()};
+  TestStore store_{folder_.path()};
+};
+
+// ---- Readers
+
+using Readers = EnginePromises;
+
+TEST_F(Readers, SeeAMissingFileAsAnEmptyOneAndMakeNone) {
+  Value value;
+  GenRegStatus status;
+  EXPECT_EQ(store_.get("g", "k", value), GENREG_RC_NOT_FOUND);
+  std::uint32_t rc = GENREG_RC_INTERNAL;
+  EXPECT_TRUE(store_.list(0, {}, &rc).empty());
+  EXPECT_EQ(rc, MD_RC_OK);
+  EXPECT_EQ(store_.change({"g", "k", "x"}), GENREG_RC_NOT_FOUND);
+  EXPECT_EQ(store_.remove("g", "k"), GENREG_RC_NOT_FOUND);
+  EXPECT_EQ(store_.status(status), MD_RC_OK);
+  EXPECT_EQ(store_.compact(), MD_RC_OK);
+  EXPECT_EQ(store_.repair(), MD_RC_OK);
+  EXPECT_EQ(store_.beginBatch(), MD_RC_OK);
+  EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
+  EXPECT_TRUE(filesIn(folder_.path()).empty());
+}
+
+TEST_F(Readers, KeepTheStateInWhichTheirScanBegan) {
+  fill(300);
+  const Values before = store_.list();
+  TestStore reader(folder_.path());
+  ASSERT_EQ(reader.OpenScan(), MD_RC_OK);
+  auto key = encode({}, true);
+  std::vector<std::byte> out(key.size());
+  Values seen;
+  for (int at = 0; at < 100; ++at) {
+    ASSERT_EQ(reader.GetNext(0, key.data(), out.data()), MD_RC_OK);
+    seen.push_back(decode(out));
+  }
+  for (int at = 0; at < 300; at += 2) ASSERT_EQ(store_.change({numbered("g", at % 10), numbered("k", at), "new"}), 0u);
+  ASSERT_EQ(store_.removeAll("g3", "", GROUP), MD_RC_OK);
+  ASSERT_EQ(store_.compact(), MD_RC_OK);
+  for (int at = 0; at < 50; ++at) ASSERT_EQ(store_.add({"later", numbered("k", at), "x"}), MD_RC_OK);
+  while (reader.GetNext(0, key.data(), out.data()) == MD_RC_OK) seen.push_back(decode(out));
+  EXPECT_EQ(reader.CloseScan(), MD_RC_OK);
+  EXPECT_EQ(seen, before);
+}
+
+TEST_F(Readers, NeedNoRightToWriteAndLeaveNoTrace) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs to be root to become somebody else";
+  fill(20);
+  const auto before = filesIn(folder_.path());
+  std::filesystem::permissions(folder_.path(), std::filesystem::perms(0555));
+  std::filesystem::permissions(folder_.file(), std::filesystem::perms(0444));
+  const int result = inChild([&] {
+    if (setgid(65534) != 0 || setuid(65534) != 0) return 90;
+    TestStore store(folder_.path());
+    Value value;
+    if (store.get("g3", "k3", value) != MD_RC_OK) return 1;
+    std::uint32_t rc = MD_RC_OK;
+    if (store.list(0, {}, &rc).size() != 20 || rc != MD_RC_OK) return 2;
+    GenRegStatus status;
+    if (store.status(status) != MD_RC_OK || status.records != 20) return 3;
+    if (store.add({"g", "no", "x"}) != GENREG_RC_NO_PERMISSION) return 4;
+    if (store.remove("g3", "k3") != GENREG_RC_NO_PERMISSION) return 5;
+    return 0;
+  });
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(filesIn(folder_.path()), before);
+}
+
+TEST_F(Readers, AreNotHeldUpByAWriter) {
+  fill(20);
+  TestStore writer(folder_.path());
+  ASSERT_EQ(writer.beginBatch(), MD_RC_OK);
+  ASSERT_EQ(writer.add({"g", "pending", "x"}), MD_RC_OK);
+  const int result = inChild([&] {
+    TestStore reader(folder_.path());
+    Value value;
+    if (reader.get("g", "pending", value) != GENREG_RC_NOT_FOUND) return 1;
+    return reader.list().size() == 20 ? 0 : 2;
+  });
+  EXPECT_EQ(result, 0);
+  ASSERT_EQ(writer.commitBatch(), MD_RC_OK);
+  EXPECT_EQ(store_.list().size(), 21u);
+}
+
+TEST_F(Readers, RefuseAPathThatDidNotFitItsField) {
+  class LongPath : public TestStore {
+   public:
+    explicit LongPath(const std::filesystem::path& folder) : TestStore(folder) {
+      const std::string path(PATH_SIZE - 1, '/');
+      std::snprintf(filePath_, PATH_SIZE, "%s", path.c_str());
+      std::memcpy(filePath_ + PATH_SIZE - 5, "none", 4);
+    }
+  };
+  LongPath store(folder_.path());
+  Value value;
+  EXPECT_EQ(store.get("g", "k", value), GENREG_RC_NAME_TOO_LONG);
+  EXPECT_EQ(store.OpenScan(), GENREG_RC_NAME_TOO_LONG);
+  EXPECT_EQ(store.add({"g", "k", "x"}), GENREG_RC_NAME_TOO_LONG);
+}
+
+// ---- Order
+
+using ScanOrder = EnginePromises;
+
+TEST_F(ScanOrder, IsThatOfInsertionThroughChangeCompactionAndRepair) {
+  fill(60, 3);
+  Values expected = store_.list();
+  for (std::size_t at = 0; at < expected.size(); at += 7) {
+    expected[at].data = "changed " + std::to_string(at);
+    ASSERT_EQ(store_.change(expected[at]), MD_RC_OK);
+  }
+  EXPECT_EQ(store_.list(), expected);
+  const Value from = expected[5];
+  expected[5].key = "renamed";
+  ASSERT_EQ(store_.changeTo(from, expected[5]), MD_RC_OK);
+  EXPECT_EQ(store_.list(), expected);
+  ASSERT_EQ(store_.compact(), MD_RC_OK);
+  EXPECT_EQ(store_.list(), expected);
+  ASSERT_EQ(store_.add({"g", "last", "x"}), MD_RC_OK);
+  expected.push_back({"g", "last", "x"});
+  std::fstream file(folder_.file(), std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(5120);
+  file.put('!');
+  file.close();
+  ASSERT_EQ(store_.repair(), MD_RC_OK);
+  EXPECT_TRUE(std::filesystem::exists(folder_.path() / "store.cor"));
+  EXPECT_EQ(store_.list(), expected);
+}
+
+// ---- Locks
+
+using WriterLocks = EnginePromises;
+
+TEST_F(WriterLocks, AreWaitedForNoLongerThanToldAndTellSo) {
+  fill(3);
+  for (const char* name : {".store.lock", "store"}) {
+    const int held = open((folder_.path() / name).c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_GE(held, 0);
+    ASSERT_EQ(flock(held, LOCK_EX), 0);
+    store_.setLockWait(150);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(store_.add({"g", name, "x"}), GENREG_RC_LOCK_TIMEOUT);
+    EXPECT_EQ(store_.remove("g0", "k0"), GENREG_RC_LOCK_TIMEOUT);
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_GE(took, std::chrono::milliseconds(290));
+    EXPECT_LT(took, std::chrono::milliseconds(900));
+    close(held);
+    EXPECT_EQ(store_.add({"g", name, "x"}), MD_RC_OK);
+  }
+}
+
+TEST_F(WriterLocks, OfADeadWriterAreGoneWithIt) {
+  fill(3);
+  ASSERT_EQ(inChild([&] {
+              TestStore writer(folder_.path());
+              if (writer.beginBatch() != MD_RC_OK || writer.add({"g", "never", "x"}) != MD_RC_OK) return 1;
+              _exit(0);
+            }),
+            0);
+  store_.setLockWait(0);
+  EXPECT_EQ(store_.add({"g", "next", "x"}), MD_RC_OK);
+  EXPECT_EQ(store_.list().size(), 4u);
+}
+
+TEST_F(WriterLocks, HoldWhenTheLockFileIsDeletedUnderThem) {
+  constexpr int WRITERS = 4;
+  constexpr int RECORDS = 60;
+  std::vector<pid_t> writers;
+  for (int writer = 0; writer < WRITERS; ++writer) {
+    const pid_t child = fork();
+    if (child == 0) {
+      alarm(60);
+      TestStore store(folder_.path());
+      for (int at = 0; at < RECORDS; ++at) {
+        if (store.add({numbered("w", writer), numbered("k", at), "x"}) != MD_RC_OK) _exit(1);
+      }
+      _exit(0);
+    }
+    writers.push_back(child);
+  }
+  for (std::size_t ended = 0; ended < writers.size();) {
+    std::error_code ignored;
+    std::filesystem::remove(folder_.path() / ".store.lock", ignored);
+    int status = 0;
+    const pid_t child = waitpid(-1, &status, WNOHANG);
+    if (child > 0) {
+      ++ended;
+      EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    }
+  }
+  EXPECT_EQ(store_.list().size(), static_cast<std::size_t>(WRITERS * RECORDS));
+  GenRegStatus status;
+  ASSERT_EQ(store_.status(status), MD_RC_OK);
+  EXPECT_EQ(status.records, static_cast<std::uint64_t>(WRITERS * RECORDS));
+  EXPECT_EQ(status.damaged, 0u);
+  EXPECT_EQ(status.repairs, 0u);
+}
+
+TEST_F(WriterLocks, AreNotWaitedForByTheirOwnBatch) {
+  ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
+  store_.setLockWait(0);
+  EXPECT_EQ(store_.add({"g", "first", "makes the file"}), MD_RC_OK);
+  EXPECT_EQ(store_.add({"g", "second", "x"}), MD_RC_OK);
+  EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
+  EXPECT_EQ(store_.list().size(), 2u);
+}
+
+// ---- Space
+
+class Space : public EnginePromises {
+ protected:
+  // File and backup, measured against what lives.
+  void check() {
+    GenRegStatus status;
+    ASSERT_EQ(store_.status(status), MD_RC_OK);
+    const std::uint64_t limit = 2 * (status.recordBytes + 65536);
+    ASSERT_LT(status.fileBytes, limit) << "with " << status.recordBytes << " bytes alive";
+    std::error_code none;
+    const auto backup = std::filesystem::file_size(folder_.backup(), none);
+    if (!none) {
+      ASSERT_LT(backup, limit) << "with " << status.recordBytes << " bytes alive";
+    }
+    EXPECT_FALSE(std::filesystem::exists(folder_.path() / "store.tmp"));
+  }
+};
+
+TEST_F(Space, StaysBoundedWhileOneRecordChanges) {
+  ASSERT_EQ(store_.add({"g", "k", ""}), MD_RC_OK);
+  for (unsigned at = 0; at < 400; ++at) {
+    ASSERT_EQ(store_.change({"g", "k", noise(at % 9 * 1500 + 1, at)}), MD_RC_OK);
+    ASSERT_NO_FATAL_FAILURE(check()) << at;
+  }
+}
+
+TEST_F(Space, StaysBoundedWhileLargeRecordsChange) {
+  for (int at = 0; at < 3; ++at) ASSERT_EQ(store_.add({"g", numbered("k", at), "x"}), MD_RC_OK);
+  for (unsigned at = 0; at < 30; ++at) {
+    ASSERT_EQ(store_.change({"g", numbered("k", static_cast<int>(at) % 3), noise(700000, at)}), MD_RC_OK);
+    ASSERT_NO_FATAL_FAILURE(check()) << at;
+  }
+}
+
+TEST_F(Space, ShrinksWithWhatLives) {
+  fill(3000, 30);
+  ASSERT_NO_FATAL_FAILURE(check());
+  for (int group = 0; group < 30; ++group) {
+    ASSERT_EQ(store_.removeAll(numbered("g", group), "", GROUP), MD_RC_OK);
+    ASSERT_NO_FATAL_FAILURE(check()) << group;
+  }
+}
+
+TEST_F(Space, ShrinksWhenEverythingGoesAtOnce) {
+  fill(5000, 5);
+  ASSERT_EQ(store_.removeAll("", "", 0), MD_RC_OK);
+  ASSERT_NO_FATAL_FAILURE(check());
+  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
+  ASSERT_NO_FATAL_FAILURE(check());
+}
+
+TEST_F(Space, StaysBoundedWhileRecordsComeAndGo) {
+  for (int at = 0; at < 3000; ++at) {
+    ASSERT_EQ(store_.add({"g", numbered("k", at), noise(60, static_cast<unsigned>(at))}), MD_RC_OK);
+    if (at >= 20) {
+      ASSERT_EQ(store_.remove("g", numbered("k", at - 20)), MD_RC_OK);
+    }
+    if (at % 5 == 0) {
+      ASSERT_NO_FATAL_FAILURE(check()) << at;
+    }
+  }
+}
+
+TEST_F(Space, StaysBoundedForManySmallRecords) {
+  for (int at = 0; at < 4000; ++at) {
+    ASSERT_EQ(store_.add({numbered("g", at), numbered("k", at), ""}), MD_RC_OK);
+    if (at % 50 == 0) {
+      ASSERT_NO_FATAL_FAILURE(check()) << at;
+    }
+  }
+}
+
+// ---- Cost
+
+// Counts calls and bytes over the table of system calls.
+struct Cost {
+  std::uint64_t calls = 0;
+  std::uint64_t read = 0;
+  std::uint64_t written = 0;
+  std::uint64_t syncs = 0;
+};
+Cost cost;
+
+class Costs : public EnginePromises {
+ protected:
+  Costs() {
+    static const SystemCalls REAL = realSystemCalls();
+    systemCalls.openAt = [](int directory, const char* path, int flags, mode_t mode) {
+      ++cost.calls;
+      EXPECT_NE(flags & O_CLOEXEC, 0) << path;
+      EXPECT_TRUE((flags & O_NOFOLLOW) != 0 || (flags & O_DIRECTORY) != 0) << path;
+      return REAL.openAt(directory, path, flags, mode);
+    };
+    systemCalls.pread = [](int file, void* data, std::size_t size, off_t offset) {
+      ++cost.calls;
+      const ssize_t got = REAL.pread(file, data, size, offset);
+      if (got > 0) cost.read += static_cast<std::uint64_t>(got);
+      return got;
+    };
+    systemCalls.pwrite = [](int file, const void* data, std::size_t size, off_t offset) {
+      ++cost.calls;
+      cost.written += size;
+      return REAL.pwrite(file, data, size, offset);
+    };
+    systemCalls.fdatasync = [](int file) {
+      ++cost.calls;
+      ++cost.syncs;
+      return REAL.fdatasync(file);
+    };
+    systemCalls.fsync = [](int file) {
+      ++cost.calls;
+      ++cost.syncs;
+      return REAL.fsync(file);
+    };
+  }
+  ~Costs() override { systemCalls = realSystemCalls(); }
+
+  template <class Work>
+  static Cost costOf(Work work) {
+    cost = {};
+    work();
+    return cost;
+  }
+
+  // Records of which ten each share a group.
+  void fillGroupsOfTen(int records) {
+    ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
+    for (int at = 0; at < records; ++at) {
+      ASSERT_EQ(store_.add({numbered("g", at % (records / 10)), numbered("k", at), noise(100, 1)}), MD_RC_OK);
+    }
+    ASSERT_EQ(store_.commitBatch(), MD_RC_OK);
+  }
+};
+
+TEST_F(Costs, DoNotGrowWithTheFile) {
+  std::map<int, std::map<std::string, Cost>> costs;
+  for (const int records : {100, 10000, 100000}) {
+    for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) std::filesystem::remove(entry.path());
+    ASSERT_NO_FATAL_FAILURE(fillGroupsOfTen(records));
+    Value value;
+    auto& now = costs[records];
+    const int groups = records / 10;
+    const int rounds = 60;
+    now["get"] = costOf([&] {
+      for (int at = 0; at < rounds; ++at) {
+        const int number = at * 7919 % records;
+        ASSERT_EQ(store_.get(numbered("g", number % groups), numbered("k", number), value), MD_RC_OK);
+      }
+    });
+    now["miss"] = costOf([&] {
+      for (int at = 0; at < rounds; ++at) ASSERT_EQ(store_.get("no", numbered("k", at), value), GENREG_RC_NOT_FOUND);
+    });
+    now["group"] = costOf([&] {
+      for (int at = 0; at < rounds; ++at) {
+        ASSERT_EQ(store_.list(GROUP, {numbered("g", at * 31 % groups), "", ""}).size(), 10u);
+      }
+    });
+    now["add"] = costOf([&] {
+      for (int at = 0; at < rounds; ++at) ASSERT_EQ(store_.add({numbered("new", at), "k", noise(100, 2)}), MD_RC_OK);
+    });
+    now["change"] = costOf([&] {
+      for (int at = 0; at < rounds; ++at) {
+        const int number = at * 6007 % records;
+        ASSERT_EQ(store_.change({numbered("g", number % groups), numbered("k", number), noise(90, 3)}), MD_RC_OK);
+      }
+    });
+    now["delete group"] = costOf([&] {
+      for (int at = 0; at < 5; ++at) ASSERT_EQ(store_.removeAll(numbered("g", at + 3), "", GROUP), MD_RC_OK);
+    });
+  }
+  for (const auto& [name, least] : costs[100]) {
+    for (const int records : {10000, 100000}) {
+      const Cost& much = costs[records][name];
+      RecordProperty(name + " " + std::to_string(records), std::to_string(much.calls) + " calls, " +
+                                                               std::to_string(much.read) + " read, " +
+                                                               std::to_string(much.written) + " written");
+      // Upkeep of a grown file comes in larger pieces, less often; look-ups may take some segments more.
+      EXPECT_LE(much.calls, least.calls * 3) << name << ' ' << records;
+      if (name == "get" || name == "miss" || name == "group") {
+        EXPECT_LE(much.read, least.read * 5 / 2) << name << ' ' << records;
+        EXPECT_EQ(much.written, 0u) << name;
+      }
+    }
+  }
+}
+
+TEST_F(Costs, OfAChangeAreOneSync) {
+  fill(200);
+  for (int at = 0; at < 40; ++at) {
+    const Cost one = costOf([&] { ASSERT_EQ(store_.add({"g", numbered("single", at), "x"}), MD_RC_OK); });
+    EXPECT_EQ(one.syncs, 1u) << at;
+    EXPECT_LE(one.written, 26000u) << at;
+  }
+}
+
+TEST_F(Costs, OfReadingKnowNoSync) {
+  fill(50);
+  Value value;
+  const Cost reading = costOf([&] {
+    store_.get("g1", "k1", value);
+    store_.list();
+    GenRegStatus status;
+    store_.status(status);
+  });
+  EXPECT_EQ(reading.syncs, 0u);
+  EXPECT_EQ(reading.written, 0u);
+}
+
+// ---- Nothing lives between calls
+
+using BetweenCalls = EnginePromises;
+
+std::size_t entriesOf(const char* folder) {
+  std::size_t count = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(folder)) count += entry.exists() ? 1 : 1;
+  return count;
+}
+
+TEST_F(BetweenCalls, NothingStaysOpenOrRunning) {
+  fill(200);
+  const std::size_t files = entriesOf("/proc/self/fd");
+  const std::size_t threads = entriesOf("/proc/self/task");
+  Value value;
+  GenRegStatus status;
+  store_.get("g1", "k1", value);
+  store_.list();
+  store_.list(GROUP, {"g1", "", ""});
+  EXPECT_EQ(store_.add({"g", "k", noise(20000, 1)}), MD_RC_OK);
+  EXPECT_EQ(store_.change({"g", "k", "x"}), MD_RC_OK);
+  EXPECT_EQ(store_.remove("g", "k"), MD_RC_OK);
+  EXPECT_EQ(store_.remove("g", "k"), GENREG_RC_NOT_FOUND);
+  EXPECT_EQ(store_.status(status), MD_RC_OK);
+  EXPECT_EQ(store_.compact(), MD_RC_OK);
+  EXPECT_EQ(store_.repair(), MD_RC_OK);
+  EXPECT_EQ(entriesOf("/proc/self/fd"), files);
+  EXPECT_EQ(entriesOf("/proc/self/task"), threads);
+  std::ifstream maps("/proc/self/maps");
+  const std::string mapped((std::istreambuf_iterator<char>(maps)), {});
+  EXPECT_EQ(mapped.find(folder_.path().string()), std::string::npos);
+}
+
+TEST_F(BetweenCalls, AnAbandonedScanOrBatchLeavesNothing) {
+  fill(20);
+  const std::size_t files = entriesOf("/proc/self/fd");
+  {
+    TestStore scanning(folder_.path());
+    ASSERT_EQ(scanning.OpenScan(), MD_RC_OK);
+    TestStore batching(folder_.path());
+    ASSERT_EQ(batching.beginBatch(), MD_RC_OK);
+    ASSERT_EQ(batching.add({"g", "never", "x"}), MD_RC_OK);
+  }
+  EXPECT_EQ(entriesOf("/proc/self/fd"), files);
+  EXPECT_EQ(store_.list().size(), 20u);
+}
+
+TEST_F(BetweenCalls, ClosedStandardStreamsDoNoHarm) {
+  fill(5);
+  const int result = inChild([&] {
+    close(0);
+    close(1);
+    close(2);
+    TestStore store(folder_.path());
+    if (store.add({"g", "without streams", noise(9000, 5)}) != MD_RC_OK) return 1;
+    Value value;
+    if (store.get("g", "without streams", value) != MD_RC_OK) return 2;
+    if (store.OpenScan() != MD_RC_OK) return 3;
+    if (fcntl(0, F_GETFD) != -1 || fcntl(1, F_GETFD) != -1 || fcntl(2, F_GETFD) != -1) return 4;
+    return store.CloseScan() == MD_RC_OK ? 0 : 5;
+  });
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(store_.list().size(), 6u);
+}
+
+TEST_F(BetweenCalls, AForkedProcessGoesItsOwnWay) {
+  fill(50);
+  const Values before = store_.list();
+  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
+  auto key = encode({}, true);
+  std::vector<std::byte> out(key.size());
+  ASSERT_EQ(store_.GetNext(0, key.data(), out.data()), MD_RC_OK);
+  const int result = inChild([&] {
+    std::size_t count = 1;
+    while (store_.GetNext(0, key.data(), out.data()) == MD_RC_OK) ++count;
+    TestStore own(folder_.path());
+    if (own.add({"g", "of the child", "x"}) != MD_RC_OK) return 1;
+    return count == before.size() ? 0 : 2;
+  });
+  EXPECT_EQ(result, 0);
+  std::size_t count = 1;
+  while (store_.GetNext(0, key.data(), out.data()) == MD_RC_OK) ++count;
+  EXPECT_EQ(count, before.size());
+  EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
+  EXPECT_EQ(store_.list().size(), before.size() + 1);
+}
+
+TEST_F(BetweenCalls, ABatchEndsAScanOfItsOwnState) {
+  fill(5);
+  ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
+  ASSERT_EQ(store_.add({"g", "in the batch", "x"}), MD_RC_OK);
+  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
+  EXPECT_EQ(store_.add({"g", "refused", "x"}), GENREG_RC_SCAN_OPEN);
+  auto key = encode({}, true);
+  std::vector<std::byte> out(key.size());
+  ASSERT_EQ(store_.GetNext(0, key.data(), out.data()), MD_RC_OK);
+  EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
+  EXPECT_EQ(store_.GetNext(0, key.data(), out.data()), GENREG_RC_NO_SCAN);
+  EXPECT_EQ(store_.CloseScan(), GENREG_RC_NO_SCAN);
+  EXPECT_EQ(store_.list().size(), 6u);
+}
+
+// ---- The match callback decides
+
+using MatchFlags = EnginePromises;
+
+TEST_F(MatchFlags, WorkInAnyCombination) {
+  for (int at = 0; at < 60; ++at) {
+    ASSERT_EQ(store_.add({numbered("g", at % 4), numbered("k", at % 15), numbered("d", at % 3)}, 0), MD_RC_OK);
+  }
+  const Values all = store_.list();
+  for (unsigned long flags = 0; flags < 64; ++flags) {
+    const Value match{"g2", "k6", "d0"};
+    auto key = encode(match, true);
+    Values expected;
+    for (const Value& value : all) {
+      auto record = encode(value, true);
+      if (matchRecord(flags, record.data(), key.data()) == 1) expected.push_back(value);
+    }
+    EXPECT_EQ(store_.list(flags, match), expected) << flags;
+    Value found;
+    const std::uint32_t rc = store_.get("g2", "k6", found, flags, "d0");
+    ASSERT_EQ(rc, expected.empty() ? GENREG_RC_NOT_FOUND : MD_RC_OK) << flags;
+    if (!expected.empty()) {
+      EXPECT_EQ(found, expected.front()) << flags;
+    }
+  }
+}
+
+TEST_F(MatchFlags, DecideWhatAGroupDeleteTakes) {
+  fill(100, 7);
+  Values left;
+  for (const Value& value : store_.list()) {
+    if (value.group != "g3") left.push_back(value);
+  }
+  ASSERT_EQ(store_.removeAll("g3", "", GROUP), MD_RC_OK);
+  EXPECT_EQ(store_.list(), left);
+  EXPECT_EQ(store_.removeAll("g3", "", GROUP), GENREG_RC_NOT_FOUND);
+  ASSERT_EQ(store_.remove("g4", "", GROUP), MD_RC_OK);
+  left.erase(std::find_if(left.begin(), left.end(), [](const Value& value) { return value.group == "g4"; }));
+  EXPECT_EQ(store_.list(), left);
+}
+
+// ---- Strange objects at the names
+
+enum class Object { LINK, DANGLING_LINK, FIFO, FOLDER, SOCKET, DEVICE };
+
+class StrangeObjects : public ::testing::TestWithParam<Object> {
+ protected:
+  // False when this system does not let us make such a thing.
+  bool put(const std::filesystem::path& path) {
+    switch (GetParam()) {
+      case Object::LINK:
+        return symlink(victim_.c_str(), path.c_str()) == 0;
+      case Object::DANGLING_LINK:
+        return symlink((folder_.path() / "victim2").c_str(), path.c_str()) == 0;
+      case Object::FIFO:
+        return mkfifo(path.c_str(), 0666) == 0;
+      case Object::FOLDER:
+        return mkdir(path.c_str(), 0777) == 0;
+      case Object::SOCKET: {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+        const int made = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        const bool bound = bind(made, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
+        close(made);
+        return bound;
+      }
+      default:
+        return mknod(path.c_str(), S_IFCHR | 0666, makedev(1, 5)) == 0;  // /dev/zero
+    }
+  }
+
+  void SetUp() override { std::ofstream(victim_) << "of somebody else"; }
+  void TearDown() override {
+    std::ifstream file(victim_);
+    EXPECT_EQ(std::string((std::istreambuf_iterator<char>(file)), {}), "of somebody else");
+    EXPECT_FALSE(std::filesystem::exists(folder_.path() / "victim2"));
+  }
+
+  static unsigned makedev(unsigned major, unsigned minor) { return major << 8 | minor; }
+
+  TestFolder folder_{inMemory()};
+  const std::filesystem::path victim_ = folder_.path() / "victim";
+  TestStore store_{folder_.path()};
+};
+
+TEST_P(StrangeObjects, AreRefusedInThePlaceOfTheFile) {
+  if (!put(folder_.file())) GTEST_SKIP();
+  alarm(20);
+  Value value;
+  std::uint32_t rc = MD_RC_OK;
+  EXPECT_EQ(store_.get("g", "k", value), GENREG_RC_NOT_REGULAR);
+  store_.list(0, {}, &rc);
+  EXPECT_EQ(rc, GENREG_RC_NOT_REGULAR);
+  EXPECT_EQ(store_.add({"g", "k", "x"}), GENREG_RC_NOT_REGULAR);
+  EXPECT_EQ(store_.remove("g", "k"), GENREG_RC_NOT_REGULAR);
+  EXPECT_EQ(store_.repair(), GENREG_RC_NOT_REGULAR);
+  alarm(0);
+}
+
+TEST_P(StrangeObjects, AreRefusedInThePlaceOfTheLock) {
+  if (!put(folder_.path() / ".store.lock")) GTEST_SKIP();
+  alarm(20);
+  EXPECT_EQ(store_.add({"g", "k", "x"}), GENREG_RC_NOT_REGULAR);
+  EXPECT_FALSE(std::filesystem::exists(folder_.file()));
+  alarm(0);
+}
+
+TEST_P(StrangeObjects, AreRefusedInThePlaceOfTheTemporaryFile) {
+  if (!put(folder_.path() / "store.tmp")) GTEST_SKIP();
+  alarm(20);
+  EXPECT_EQ(store_.add({"g", "k", "x"}), GENREG_RC_NOT_REGULAR);
+  alarm(0);
+}
+
+TEST_P(StrangeObjects, InThePlaceOfTheBackupKeepNobodyFromWriting) {
+  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
+  if (!put(folder_.backup())) GTEST_SKIP();
+  alarm(20);
+  for (int at = 0; at < 30; ++at) {
+    EXPECT_EQ(store_.add({"g", numbered("k", at), noise(3000, static_cast<unsigned>(at))}), MD_RC_OK);
+  }
+  EXPECT_EQ(store_.list().size(), 31u);
+  alarm(0);
+}
+
+TEST_P(StrangeObjects, InThePlaceOfTheCorruptCopyAreMovedAway) {
+  for (int at = 0; at < 3; ++at) ASSERT_EQ(store_.add({"g", numbered("k", at), "x"}), MD_RC_OK);
+  if (!put(folder_.path() / "store.cor")) GTEST_SKIP();
+  std::fstream file(folder_.file(), std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(5120);
+  file.put('!');
+  file.close();
+  alarm(20);
+  EXPECT_EQ(store_.repair(), MD_RC_OK);
+  EXPECT_EQ(store_.list().size(), 3u);
+  EXPECT_TRUE(std::filesystem::is_regular_file(std::filesystem::symlink_status(folder_.path() / "store.cor")));
+  alarm(0);
+}
+
+std::string nameOfObject(const ::testing::TestParamInfo<Object>& object) {
+  constexpr const char* NAMES[] = {"Link", "DanglingLink", "Fifo", "Folder", "Socket", "Device"};
+  return NAMES[static_cast<int>(object.param)];
+}
+
+INSTANTIATE_TEST_SUITE_P(Objects, StrangeObjects,
+                         ::testing::Values(Object::LINK, Object::DANGLING_LINK, Object::FIFO, Object::FOLDER,
+                                           Object::SOCKET, Object::DEVICE),
+                         nameOfObject);
+
+using ForeignFiles = EnginePromises;
+
+TEST_F(ForeignFiles, LinkedToTheNamesOfCompanionsAreNotWrittenThrough) {
+  const std::string content(100000, 'v');
+  const char* const names[] = {".store.bkp", "store.tmp", "store.cor", ".store.lock"};
+  for (const char* name : names) {
+    const std::filesystem::path victim = folder_.path() / (std::string("victim") + name);
+    std::ofstream(victim) << content;
+    std::filesystem::create_hard_link(victim, folder_.path() / name);
+  }
+  for (int at = 0; at < 40; ++at) {
+    ASSERT_EQ(store_.add({"g", numbered("k", at), noise(3000, static_cast<unsigned>(at))}), MD_RC_OK);
+  }
+  ASSERT_EQ(store_.compact(), MD_RC_OK);
+  std::fstream file(folder_.file(), std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(5120);
+  file.put('!');
+  file.close();
+  ASSERT_EQ(store_.repair(), MD_RC_OK);
+  EXPECT_EQ(store_.list().size(), 40u);
+  auto files = filesIn(folder_.path());
+  for (const char* name : names) EXPECT_EQ(files[std::string("victim") + name], content) << name;
+}
+
+TEST_F(ForeignFiles, HavingOwnersAndModesKeepThemThroughCompaction) {
+  const mode_t old = umask(0);
+  for (const mode_t mask : {0u, 022u, 077u, 0777u}) {
+    std::filesystem::remove(folder_.file());
+    umask(mask);
+    ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK) << mask;
+    struct stat made;
+    ASSERT_EQ(stat(folder_.file().c_str(), &made), 0);
+    EXPECT_EQ(made.st_mode & 07777, 0666 & ~mask) << mask;
+    if (geteuid() == 0) {
+      ASSERT_EQ(chown(folder_.file().c_str(), 1234, 4321), 0);
+    }
+    ASSERT_EQ(chmod(folder_.file().c_str(), 0640), 0);
+    ASSERT_EQ(store_.compact(), MD_RC_OK);
+    struct stat compacted;
+    ASSERT_EQ(stat(folder_.file().c_str(), &compacted), 0);
+    EXPECT_EQ(compacted.st_mode & 07777, 0640u) << mask;
+    EXPECT_NE(compacted.st_ino, made.st_ino);
+    if (geteuid() == 0) {
+      EXPECT_EQ(compacted.st_uid, 1234u);
+      EXPECT_EQ(compacted.st_gid, 4321u);
+    }
+  }
+  umask(old);
+}
+
+// ---- Refusals
+
+using Refusals = EnginePromises;
+
+TEST_F(Refusals, TellTheirCause) {
+  EXPECT_EQ(store_.add({"g", "refuse me", "x"}), GENREG_RC_BAD_RECORD);
+  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
+  EXPECT_EQ(store_.add({"g", "k", "y"}), GENREG_RC_DUPLICATE_KEY);
+  EXPECT_EQ(store_.change({"g", "k", "x"}), GENREG_RC_NO_CHANGE);
+  EXPECT_EQ(store_.change({"g", "none", "x"}), GENREG_RC_NOT_FOUND);
+  EXPECT_EQ(store_.CloseScan(), GENREG_RC_NO_SCAN);
+  EXPECT_EQ(store_.commitBatch(), GENREG_RC_NO_BATCH);
+  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
+  EXPECT_EQ(store_.OpenScan(), GENREG_RC_SCAN_OPEN);
+  EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
+  TestStore elsewhere(folder_.path() / "missing");
+  EXPECT_EQ(elsewhere.add({"g", "k", "x"}), GENREG_RC_NO_DIRECTORY);
+}
+
+TEST_F(Refusals, WriteNothing) {
+  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
+  const auto before = filesIn(folder_.path());
+  store_.add({"g", "k", "y"});
+  store_.change({"g", "k", "x"});
+  store_.change({"g", "none", "x"});
+  store_.remove("g", "none");
+  store_.removeAll("none", "", GROUP);
+  EXPECT_EQ(filesIn(folder_.path()), before);
+}
+
+}  // namespace
+}  // namespace zon::test
