@@ -109,6 +109,10 @@ struct Run {
   Names names;
 };
 
+void PrintTo(const Run& run, std::ostream* out) {
+  *out << "seed " << run.seed << (run.names == Names::PLAIN ? "" : ", names with separators");
+}
+
 class RandomSteps : public testing::TestWithParam<Run> {};
 
 TEST_P(RandomSteps, LibraryAndModelAgree) {
