@@ -232,7 +232,7 @@ TEST_F(TraceProcess, AProcessKilledInTheMidstOfEventsLeavesAReadableRing) {
     const std::string file = folder_.file("killed" + std::to_string(round));
     TracedProcess process(file + ",size=64K,values");
     process.tell("spin 3");
-    for (int i = 0; i < 1000 && !std::filesystem::exists(file); ++i) std::this_thread::sleep_for(1ms);
+    for (int i = 0; i < 10000 && readRing(file).events.empty(); ++i) std::this_thread::sleep_for(1ms);
     std::this_thread::sleep_for(std::chrono::milliseconds(2 + round));
     process.kill();
     const Recording recording = readRing(file);
