@@ -1,8 +1,10 @@
-// What does an exported call cost, beside the bare system calls that the same work needs, and how does it grow with the file?
+// What does an exported call cost, beside the bare system calls that the same work needs, and how does it grow with the
+// file?
 //
-// One table for each file size given (default 100, 10000 and 1000000 records of 200 bytes of data): median microseconds of a
-// retrieve, insert, update, remove and listing through the exported functions, the system-call floor measured in the same run
-// on the same file system, and their ratio. Excluded: loading the file, which is done in memory (/dev/shm) and copied.
+// One table for each file size given (default 100, 10000 and 1000000 records of 200 bytes of data): median microseconds
+// of a retrieve, insert, update, remove and listing through the exported functions, the system-call floor measured in
+// the same run on the same file system, and their ratio. Excluded: loading the file, which is done in memory (/dev/shm)
+// and copied.
 //
 // Usage: calls_report [--directory DIR] [RECORDS...]
 #include <fcntl.h>
@@ -93,7 +95,8 @@ int callRetrieve(const std::string& key) {
   void* block[4] = {&input, &rc, &outputs[0], &outputs[1]};
   struct sqlca sqlca;
   MDCustomTree_retrieve(nullptr, block, &sqlca);
-  for (zonOutputCell& output : outputs) _ossMemFree(reinterpret_cast<void**>(&output.text), 0, 0, "calls_report", __LINE__);
+  for (zonOutputCell& output : outputs)
+    _ossMemFree(reinterpret_cast<void**>(&output.text), 0, 0, "calls_report", __LINE__);
   return rc;
 }
 
@@ -104,7 +107,8 @@ int callRetrieveAll(std::uint64_t& bytes) {
   struct sqlca sqlca;
   MDCustomTree_retrieveAll(nullptr, block, &sqlca);
   bytes = std::uint64_t{outputs[0].length} + outputs[1].length + outputs[2].length;
-  for (zonOutputCell& output : outputs) _ossMemFree(reinterpret_cast<void**>(&output.text), 0, 0, "calls_report", __LINE__);
+  for (zonOutputCell& output : outputs)
+    _ossMemFree(reinterpret_cast<void**>(&output.text), 0, 0, "calls_report", __LINE__);
   return rc;
 }
 
@@ -125,7 +129,8 @@ void load(const fs::path& directory, std::uint64_t records) {
   for (std::uint64_t number = 0; number < records; ++number) {
     require(callWithData(MDCustomTree_insert, keyOf(number), dataOf(number)) == 0, "loading");
   }
-  for (const auto& entry : fs::directory_iterator(memory)) fs::copy_file(entry.path(), directory / entry.path().filename());
+  for (const auto& entry : fs::directory_iterator(memory))
+    fs::copy_file(entry.path(), directory / entry.path().filename());
   fs::remove_all(memory);
   setMetadataPath(directory.c_str());
   sync();
@@ -187,26 +192,37 @@ void report(const fs::path& directory, std::uint64_t records) {
   const fs::path file = directory / FILE_NAME;
   const std::uint64_t size = fs::file_size(file);
   const std::uint64_t payload = records * (DATA_SIZE + keyOf(0).size() + 1);
-  std::printf("%llu records: %llu bytes, %.2f times keys, data and versions\n", static_cast<unsigned long long>(records),
-              static_cast<unsigned long long>(size), static_cast<double>(size) / static_cast<double>(payload));
+  std::printf("%llu records: %llu bytes, %.2f times keys, data and versions\n",
+              static_cast<unsigned long long>(records), static_cast<unsigned long long>(size),
+              static_cast<double>(size) / static_cast<double>(payload));
   std::mt19937_64 random(1);
   const double readFloor = floorOfRetrieve(file, size, random);
-  row("retrieve", median(20000, [&](int) { require(callRetrieve(keyOf(random() % records)) == 0, "retrieve"); }), readFloor);
+  row("retrieve", median(20000, [&](int) { require(callRetrieve(keyOf(random() % records)) == 0, "retrieve"); }),
+      readFloor);
   constexpr int WRITES = 600;
   const double writeFloor = floorOfWrite(directory, WRITES);
   const std::uint64_t before = bytesWritten();
-  row("insert", median(WRITES, [&](int run) {
-        const auto number = records + static_cast<std::uint64_t>(run);
-        require(callWithData(MDCustomTree_insert, keyOf(number), dataOf(number)) == 0, "insert");
-      }), writeFloor);
-  std::printf("  bytes written per insert   %12llu\n", static_cast<unsigned long long>((bytesWritten() - before) / WRITES));
-  row("update", median(WRITES, [&](int run) {
-        const std::string key = keyOf(random() % records);
-        require(callWithData(MDCustomTree_update, key, dataOf(records + static_cast<std::uint64_t>(run))) == 0, "update");
-      }), writeFloor);
-  row("remove", median(WRITES, [&](int run) {
-        require(callRemove(keyOf(records + static_cast<std::uint64_t>(run))) == 0, "remove");
-      }), writeFloor);
+  row("insert",
+      median(WRITES,
+             [&](int run) {
+               const auto number = records + static_cast<std::uint64_t>(run);
+               require(callWithData(MDCustomTree_insert, keyOf(number), dataOf(number)) == 0, "insert");
+             }),
+      writeFloor);
+  std::printf("  bytes written per insert   %12llu\n",
+              static_cast<unsigned long long>((bytesWritten() - before) / WRITES));
+  row("update",
+      median(WRITES,
+             [&](int run) {
+               const std::string key = keyOf(random() % records);
+               require(callWithData(MDCustomTree_update, key, dataOf(records + static_cast<std::uint64_t>(run))) == 0,
+                       "update");
+             }),
+      writeFloor);
+  row("remove",
+      median(WRITES,
+             [&](int run) { require(callRemove(keyOf(records + static_cast<std::uint64_t>(run))) == 0, "remove"); }),
+      writeFloor);
   row("floor of writes, once more", floorOfWrite(directory, WRITES), writeFloor);
   std::uint64_t bytes = 0;
   const int listings = records > 100000 ? 5 : 30;

@@ -37,8 +37,8 @@ ZON_EXPORT int _ossMemAlloc(void **pointer, uint64_t zero, uint64_t size, uint32
 ZON_EXPORT int _ossMemFree(void **pointer, uint64_t zero1, uint64_t zero2, const char *file, uint32_t line);
 
 /*
- * As _ossMemFree, for a buffer of which nothing but the first `touched` bytes was ever written: only those are cleared for
- * the next caller, which saves a system call for a buffer of a megabyte. Whoever is not sure uses _ossMemFree.
+ * As _ossMemFree, for a buffer of which nothing but the first `touched` bytes was ever written: only those are cleared
+ * for the next caller, which saves a system call for a buffer of a megabyte. Whoever is not sure uses _ossMemFree.
  */
 ZON_EXPORT int ossMemFreeTouched(void **pointer, uint64_t touched, const char *file, uint32_t line);
 

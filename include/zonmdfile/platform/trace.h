@@ -1,6 +1,6 @@
 /*
- * Trace facility (in libzonosse): records entries, exits and chosen variables of functions into a ring file that outlives
- * the process. Off unless switched on from outside (zontrace) or by the environment. C11 and C++.
+ * Trace facility (in libzonosse): records entries, exits and chosen variables of functions into a ring file that
+ * outlives the process. Off unless switched on from outside (zontrace) or by the environment. C11 and C++.
  */
 #ifndef ZONMDFILE_PLATFORM_TRACE_H
 #define ZONMDFILE_PLATFORM_TRACE_H

@@ -112,8 +112,9 @@ constexpr std::array RETURN_CODES{
         "The software met a state that must not occur. Keep the record file and a trace of the call, and report it."},
     ReturnCode{GENREG_RC_SCAN_OPEN, "GENREG_RC_SCAN_OPEN", -22341, "24502",
                "A scan is open on this object already. Close it first, or use a second object."},
-    ReturnCode{GENREG_RC_NO_BATCH, "GENREG_RC_NO_BATCH", -22342, "25000",
-               "No batch of changes is under way on this object, or one is already. Begin and commit a batch in pairs."},
+    ReturnCode{
+        GENREG_RC_NO_BATCH, "GENREG_RC_NO_BATCH", -22342, "25000",
+        "No batch of changes is under way on this object, or one is already. Begin and commit a batch in pairs."},
 };
 
 constexpr std::array BOUNDARY_SQL_STATES{

@@ -45,8 +45,8 @@ int openRetrying(int directory, const char* path, int flags, std::uint32_t mode)
   return uninterrupted([&] { return systemCalls.openAt(directory, path, flags | O_CLOEXEC, mode); });
 }
 
-// Times are left out on purpose: a file system with fine-grained time stamps gives a file whose times were asked for a new
-// stamp at its next write, and the sync of that write has the inode to write as well, a third more.
+// Times are left out on purpose: a file system with fine-grained time stamps gives a file whose times were asked for a
+// new stamp at its next write, and the sync of that write has the inode to write as well, a third more.
 constexpr unsigned STATE_MASK = STATX_TYPE | STATX_MODE | STATX_NLINK | STATX_UID | STATX_GID | STATX_INO | STATX_SIZE;
 
 std::uint32_t askState(int directory, const char* path, int flags, FileState& state) {

@@ -137,12 +137,12 @@ void appendFrame(Frame& frame, std::span<const std::byte> payload, const FrameKe
     const std::array<std::byte, format::FRAME_ALIGNMENT> padding{};
     frame.payloadCrc = crc32c(crc32c(0, payload.data(), payload.size()), padding.data(), frame.size - unpadded);
   }
-  store(out, format::FrameHeader{.crc = 0,
-                                 .chain = frame.chain,
-                                 .payloadCrc = frame.payloadCrc,
-                                 .size = frame.size,
-                                 .link = static_cast<std::uint64_t>(frame.kind) << 56 |
-                                         flagsOf(frame) << 48 | frame.previous});
+  store(out, format::FrameHeader{
+                 .crc = 0,
+                 .chain = frame.chain,
+                 .payloadCrc = frame.payloadCrc,
+                 .size = frame.size,
+                 .link = static_cast<std::uint64_t>(frame.kind) << 56 | flagsOf(frame) << 48 | frame.previous});
   if (frame.kind == format::FrameKind::AREA) store(out, frame.area);
   if (frame.kind == format::FrameKind::SUMMARY) store(out, frame.summary);
   if (frame.kind == format::FrameKind::CHANGE || frame.kind == format::FrameKind::REMOVE) {

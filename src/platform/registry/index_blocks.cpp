@@ -23,8 +23,8 @@ std::uint32_t blockChecksum(const format::Block& block, std::uint32_t salt, std:
   return crc32c(checksumStart(salt, offset), bytes.data() + sizeof block.crc, usedSize(block) - sizeof block.crc);
 }
 
-std::uint32_t visitSegment(int file, std::uint32_t salt, const Segment& segment, std::size_t index, std::uint64_t digest,
-                           const EntryLook& look, Search& search) {
+std::uint32_t visitSegment(int file, std::uint32_t salt, const Segment& segment, std::size_t index,
+                           std::uint64_t digest, const EntryLook& look, Search& search) {
   std::uint64_t at = homeBlock(digest, segment.blockCount);
   for (std::uint64_t probe = 0; probe < std::min(MOST_PROBES, segment.blockCount); ++probe) {
     format::Block block;
@@ -94,8 +94,8 @@ std::uint32_t readBlock(int file, std::uint32_t salt, std::uint64_t offset, form
   return GENREG_RC_DAMAGED;
 }
 
-std::uint32_t visitEntries(int file, std::uint32_t salt, const format::Slot& slot, std::size_t index, std::uint64_t digest,
-                           const EntryLook& look) {
+std::uint32_t visitEntries(int file, std::uint32_t salt, const format::Slot& slot, std::size_t index,
+                           std::uint64_t digest, const EntryLook& look) {
   Search search = Search::CONTINUE;
   for (std::size_t segment = segmentCount(slot); segment-- > 0 && search == Search::CONTINUE;) {
     const Segment blocks = unpackSegment(slot.segments[segment]);

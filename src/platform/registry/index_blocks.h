@@ -1,7 +1,8 @@
 // The index: blocks of entries that lead from a digest to the newest frame of its chain. Blocks lie in segments (AREA
 // frames); a digest has one home block in each segment, and only the newest segment takes new entries. Blocks are the
 // only bytes behind the header page that are overwritten in place; the slot's overlay covers every entry that a crash
-// could take from them. Every entry is the head of one chain, but digests share tags: whoever follows one compares records.
+// could take from them. Every entry is the head of one chain, but digests share tags: whoever follows one compares
+// records.
 #ifndef ZON_PLATFORM_REGISTRY_INDEX_BLOCKS_H
 #define ZON_PLATFORM_REGISTRY_INDEX_BLOCKS_H
 
@@ -47,11 +48,11 @@ std::uint32_t readBlock(int file, std::uint32_t salt, std::uint64_t offset, form
 // What a look at one entry led to.
 enum class Search { CONTINUE, DONE };
 
-// Shows `look(offset, search)` the entries that may be of the digest, from the newest segment to the oldest, until it is
-// done or answers a failure.
+// Shows `look(offset, search)` the entries that may be of the digest, from the newest segment to the oldest, until it
+// is done or answers a failure.
 using EntryLook = std::function<std::uint32_t(std::uint64_t offset, Search& search)>;
-std::uint32_t visitEntries(int file, std::uint32_t salt, const format::Slot& slot, std::size_t index, std::uint64_t digest,
-                           const EntryLook& look);
+std::uint32_t visitEntries(int file, std::uint32_t salt, const format::Slot& slot, std::size_t index,
+                           std::uint64_t digest, const EntryLook& look);
 
 // Writes empty blocks over a whole segment.
 std::uint32_t writeEmptyBlocks(int file, std::uint32_t salt, const Segment& segment);

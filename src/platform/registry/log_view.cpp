@@ -212,12 +212,13 @@ std::uint32_t LogView::findByWholeKey(unsigned long flags, const void* key, std:
   if (findNewHead(0, digest, head)) return followWholeKey(head, flags, key, out, found, size);
   std::uint32_t result = GENREG_RC_NOT_FOUND;
   // The chain of another digest is followed in vain, and the search goes on.
-  const std::uint32_t rc = visitEntries(file_, key_.salt, slot_, 0, digest, [&](std::uint64_t candidate, Search& search) {
-    result = followWholeKey(candidate, flags, key, out, found, size);
-    if (result == GENREG_RC_NOT_FOUND) return MD_RC_OK;
-    search = Search::DONE;
-    return result;
-  });
+  const std::uint32_t rc =
+      visitEntries(file_, key_.salt, slot_, 0, digest, [&](std::uint64_t candidate, Search& search) {
+        result = followWholeKey(candidate, flags, key, out, found, size);
+        if (result == GENREG_RC_NOT_FOUND) return MD_RC_OK;
+        search = Search::DONE;
+        return result;
+      });
   return rc != MD_RC_OK ? rc : result;
 }
 

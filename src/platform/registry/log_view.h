@@ -100,8 +100,8 @@ class LogView {
   // Chooses the slot and the checksum key from a header page.
   std::uint32_t takePage(const HeaderPage& page);
   // Looks for the key in the chain that starts at a frame.
-  std::uint32_t followWholeKey(std::uint64_t head, unsigned long flags, const void* key, std::byte* out, LiveRecord& found,
-                               std::size_t& size) const;
+  std::uint32_t followWholeKey(std::uint64_t head, unsigned long flags, const void* key, std::byte* out,
+                               LiveRecord& found, std::size_t& size) const;
   bool findNewHead(std::size_t index, std::uint64_t digest, std::uint64_t& head) const;
   // What a removal frame tells of the record that is gone.
   using RemovedDigests = std::array<std::uint64_t, format::MAX_INDEXES>;

@@ -35,7 +35,8 @@ std::uint64_t offsetOf(const format::OverlayEntry& entry) { return entry.offsetA
 }  // namespace
 
 void SeenDigests::expect(std::uint64_t digests) {
-  bits_.assign(static_cast<std::size_t>(std::clamp(std::bit_ceil(digests * 32), LEAST_SEEN_BITS, MOST_SEEN_BITS) / 64), 0);
+  bits_.assign(static_cast<std::size_t>(std::clamp(std::bit_ceil(digests * 32), LEAST_SEEN_BITS, MOST_SEEN_BITS) / 64),
+               0);
 }
 
 bool SeenDigests::note(std::uint64_t digest) {
@@ -221,7 +222,8 @@ std::uint32_t LogWriter::extendChains(Frame& frame, const void* record, int live
   return MD_RC_OK;
 }
 
-// Below a change or removal, who sees it needs no older form of its place, and no removed place that left nothing behind.
+// Below a change or removal, who sees it needs no older form of its place, and no removed place that left nothing
+// behind.
 std::uint32_t LogWriter::findBelow(Frame& frame) const {
   frame.below = frame.previous;
   FrameBytes bytes;
@@ -497,8 +499,8 @@ void LogWriter::setOverlay(const std::vector<format::OverlayEntry>& overlay, std
 }
 
 std::uint32_t LogWriter::writeSlot(format::Slot& slot) {
-  // I7: slots take turns by sync: while the newest one may not be durable, it is the one to be written over, so that the
-  // other one stays whole whatever a crash of the machine does.
+  // I7: slots take turns by sync: while the newest one may not be durable, it is the one to be written over, so that
+  // the other one stays whole whatever a crash of the machine does.
   slot.sequence = published_.sequence + (newestIsDurable_ ? 1 : 2);
   newestIsDurable_ = false;
   std::copy(boot_.begin(), boot_.end(), slot.bootId);
@@ -560,9 +562,9 @@ std::uint32_t LogWriter::commitAppended() {
   return publish(overlay, 0);
 }
 
-// I6: nothing of a failed commit may be found later. First a mark that is no commit goes where it stood: should the rest
-// fail too, the next writer sees that something is to be settled. After a failed sync the slot is written again, as its
-// page and the blocks that it takes for applied may never have reached the disk.
+// I6: nothing of a failed commit may be found later. First a mark that is no commit goes where it stood: should the
+// rest fail too, the next writer sees that something is to be settled. After a failed sync the slot is written again,
+// as its page and the blocks that it takes for applied may never have reached the disk.
 bool LogWriter::takeBack() {
   if (fresh_) return true;
   if (isBeyondRecall_) return false;

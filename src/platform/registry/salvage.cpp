@@ -79,9 +79,8 @@ std::uint32_t Salvage::identify(int file, int backup) {
   if (fileVerdict == GENREG_RC_NEWER_FORMAT || !isVerdict(fileVerdict)) return fileVerdict;
   if (!isVerdict(backupVerdict)) return backupVerdict;
   const bool fileHasHeader = fileVerdict == MD_RC_OK;
-  const bool backupHasHeader =
-      backupVerdict == MD_RC_OK &&
-      std::equal(type_.indexFlags.begin(), type_.indexFlags.end(), backupPage.header.indexFlags);
+  const bool backupHasHeader = backupVerdict == MD_RC_OK && std::equal(type_.indexFlags.begin(), type_.indexFlags.end(),
+                                                                       backupPage.header.indexFlags);
   if (fileHasHeader) header_ = filePage.header;
   std::uint32_t salt = saltOf(filePage.header.fileId);
   bool fileCounts = fileHasHeader;

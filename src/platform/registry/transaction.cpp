@@ -271,7 +271,7 @@ std::uint32_t Transaction::fill(LogWriter& fresh, const RecordSource& source, Ke
       const bool isRepeated = rc == MD_RC_OK;
       if (isRepeated && keys == Keys::FIND_OUT) fresh.setNotUnique();
       rc = isRepeated && keys == Keys::MERGE ? fresh.appendChange(found, earlier.get(), scratch_.get(), size)
-                          : fresh.appendInsert(scratch_.get(), size);
+                                             : fresh.appendInsert(scratch_.get(), size);
     } else {
       rc = fresh.appendInsert(scratch_.get(), size);
     }
