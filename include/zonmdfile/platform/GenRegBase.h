@@ -39,7 +39,7 @@ class ZON_EXPORT GenRegBase {
   static constexpr std::uint32_t DEFAULT_LOCK_WAIT_MS = 30000;
 
   GenRegBase();
-  ~GenRegBase();
+  ~GenRegBase(); /* NOLINT(performance-trivially-destructible): exported, so that it may come to do something */
   GenRegBase(const GenRegBase&) = delete;
   GenRegBase& operator=(const GenRegBase&) = delete;
 

@@ -50,7 +50,7 @@ int openRetrying(int directory, const char* path, int flags, std::uint32_t mode)
 constexpr unsigned STATE_MASK = STATX_TYPE | STATX_MODE | STATX_NLINK | STATX_UID | STATX_GID | STATX_INO | STATX_SIZE;
 
 std::uint32_t askState(int directory, const char* path, int flags, FileState& state) {
-  struct statx status;
+  struct statx status {};
   if (systemCalls.statx(directory, path, flags, STATE_MASK, &status) != 0) return codeOfErrno(errno);
   state = FileState{.size = status.stx_size,
                     .device = std::uint64_t{status.stx_dev_major} << 32 | status.stx_dev_minor,

@@ -44,13 +44,13 @@ class Descriptor {
 
 // What the engine needs to know of an open file.
 struct FileState {
-  std::uint64_t size;
-  std::uint64_t device;
-  std::uint64_t inode;
-  std::uint32_t mode;
-  std::uint32_t owner;
-  std::uint32_t group;
-  std::uint64_t links;
+  std::uint64_t size = 0;
+  std::uint64_t device = 0;
+  std::uint64_t inode = 0;
+  std::uint32_t mode = 0;
+  std::uint32_t owner = 0;
+  std::uint32_t group = 0;
+  std::uint64_t links = 0;
 };
 
 // Opens path relative to a directory descriptor (AT_FDCWD for the current one). Never follows a link in the last
