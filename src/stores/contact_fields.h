@@ -17,7 +17,9 @@ inline constexpr unsigned long NOTIFICATION_TYPE = 2;
 inline constexpr unsigned long DESCRIPTION = 3;
 inline constexpr unsigned long MAX_PAGE_LENGTH = 4;
 
-// atoi of the text: its leading digits, 0 without any.
-inline int numberOf(std::string_view text) { return std::atoi(std::string(text).c_str()); }
+// Its leading digits, 0 without any: callers rely on what atoi makes of a malformed number.
+inline int numberOf(std::string_view text) {
+  return std::atoi(std::string(text).c_str());  // NOLINT(cert-err34-c): no conversion error is reported, on purpose
+}
 
 }  // namespace zon
