@@ -75,7 +75,8 @@ static_assert(sizeof(Slot) == 1024);
 static_assert(offsetof(Slot, sequence) == 8 && offsetof(Slot, bootId) == 72 && offsetof(Slot, segments) == 112);
 static_assert(offsetof(Slot, overlay) == 240);
 
-constexpr std::uint32_t SLOT_NOT_UNIQUE = 1;  // several live records may have the same whole key
+constexpr std::uint32_t SLOT_NOT_UNIQUE = 1;     // several live records may have the same whole key
+constexpr std::uint32_t SLOT_NAME_UNSYNCED = 2;  // the directory must be synced before a commit is acknowledged
 
 enum class FrameKind : std::uint8_t {
   INSERT = 1,   // a record; its place in the scan order is the frame's own offset

@@ -54,6 +54,7 @@ std::uint32_t LogWriter::create(int file, const format::FileHeader& header, std:
   key_ = FrameKey{.salt = saltOf(header.fileId), .indexCount = type_.indexCount};
   slot_ = format::Slot{};
   slot_.chain = key_.salt;
+  slot_.flags = format::SLOT_NAME_UNSYNCED;
   seen_.expect(expectedRecords);
   end_ = format::LOG_START;
   pendingStart_ = end_;

@@ -54,6 +54,11 @@ class LogWriter : public LogView {
 
   void setNotUnique() { slot_.flags |= format::SLOT_NOT_UNIQUE; }
 
+  // A power cut may give the file's name back to what stood there before. A new file says so until its directory was
+  // synced.
+  bool isNameUnsynced() const { return (slot_.flags & format::SLOT_NAME_UNSYNCED) != 0; }
+  void setNameSynced() { slot_.flags &= ~format::SLOT_NAME_UNSYNCED; }
+
   // Something was appended that is not published.
   bool isDirty() const { return end_ != published_.end; }
   // So much waits in memory that it should be committed, or written, before more is appended.

@@ -220,6 +220,11 @@ std::uint32_t Transaction::removeAll(unsigned long flags, const void* key) {
 std::uint32_t Transaction::commit() {
   if (failure_ != MD_RC_OK) return failure_;
   if (!log_->isDirty()) return MD_RC_OK;
+  if (log_->isNameUnsynced()) {
+    failure_ = syncDirectory(directory_.get());
+    if (failure_ != MD_RC_OK) return failure_;
+    log_->setNameSynced();
+  }
   failure_ = log_->commit();
   if (failure_ == MD_RC_OK) maintain();
   return failure_;
@@ -299,6 +304,7 @@ std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t exp
   if (rc == MD_RC_OK || rc == GENREG_RC_DURABILITY_UNKNOWN) {
     data_ = std::move(temporary);
     log_ = std::move(fresh);
+    if (rc == MD_RC_OK) log_->setNameSynced();
     return rc;
   }
   systemCalls.unlinkAt(directory_.get(), settings_.paths.temporary.c_str(), 0);
@@ -349,10 +355,10 @@ std::uint32_t Transaction::compact() {
   if (const std::uint32_t rc = rewrite(source, records, log_->header(), keys)) return rc;
   // A backup of what was given up would be no smaller than before.
   FileState backup;
-  if (settings_.keepsBackup && stateAt(directory_.get(), settings_.paths.backup.c_str(), backup) == MD_RC_OK &&
-      makeBackup() == MD_RC_OK) {
-    log_->republish(log_->end());
-  }
+  const bool hasBackup = settings_.keepsBackup &&
+                         stateAt(directory_.get(), settings_.paths.backup.c_str(), backup) == MD_RC_OK &&
+                         makeBackup() == MD_RC_OK;
+  log_->republish(hasBackup ? log_->end() : 0);
   return MD_RC_OK;
 }
 

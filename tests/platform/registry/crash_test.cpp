@@ -505,6 +505,38 @@ TEST_F(PowerCuts, AfterAFailedSync) {
   }
 }
 
+// A compaction whose directory cannot be synced leaves the name in doubt: nothing may be acknowledged before it is
+// sure.
+TEST_F(PowerCuts, AfterADirectoryThatWouldNotSync) {
+  statesPerPoint_ = 40;
+  for (const bool staysBroken : {false, true}) {
+    if (now().empty()) addQuietly({"g", "stays", noise(200, 1)});
+    for (unsigned at = 0; at < 3; ++at) {
+      const std::string name = std::to_string(at) + (staysBroken ? "b" : "a");
+      bool renamed = false;
+      disk_.fault = [&renamed, staysBroken](Call call) {
+        renamed = renamed || call == Call::RENAME;
+        const bool fails = renamed && call == Call::SYNC;
+        renamed = renamed && (staysBroken || !fails);
+        return fails ? EIO : 0;
+      };
+      quietly([](TestStore& store) { return store.compact() == GENREG_RC_DURABILITY_UNKNOWN ? MD_RC_OK : 1u; }, now());
+      const Value value{"next" + name, "k", noise(300, at)};
+      disk_.fault = nullptr;
+      if (staysBroken) {
+        const Work refused = [&](TestStore& store) {
+          disk_.fault = [](Call call) { return call == Call::SYNC ? EIO : 0; };
+          const std::uint32_t rc = store.add(value);
+          disk_.fault = nullptr;
+          return rc;
+        };
+        step("refused add", refused, {now()}, GENREG_RC_DURABILITY_UNKNOWN);
+      }
+      add(value);
+    }
+  }
+}
+
 // Several records of one key: which of them a Get answers must not depend on what a crash took.
 TEST_F(PowerCuts, RecordsThatShareAKey) {
   addQuietly({"g", "k", "first"});
