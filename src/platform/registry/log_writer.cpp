@@ -20,6 +20,7 @@ constexpr std::uint64_t MOST_RESERVE = 8 << 20;
 constexpr std::uint64_t LEAST_BLOCKS = 8;
 // One more commit with this many new heads must fit the overlay, or the blocks take over.
 constexpr std::size_t OVERLAY_HEADROOM = 8;
+constexpr std::size_t WIPE_PIECE = 8192;
 constexpr std::uint64_t LEAST_SEEN_BITS = 1024;
 constexpr std::uint64_t MOST_SEEN_BITS = std::uint64_t{1} << 25;
 constexpr std::size_t HEAVY_PENDING = 1 << 20;
@@ -79,7 +80,9 @@ std::uint32_t LogWriter::open(int file, std::uint64_t fileSize) {
   pendingStart_ = end_;
   bool clean = false;
   if (const std::uint32_t rc = tailIsClean(clean)) return rc;
-  return clean && page.bothSlots() ? MD_RC_OK : settle();
+  // A power cut may have taken the first part of a commit and left the rest.
+  const bool mayHideRest = boot_ != BootId{} && !isSameBoot(boot_, slot_);
+  return clean && page.bothSlots() && !mayHideRest ? MD_RC_OK : settle();
 }
 
 // What lies behind the end is of a writer that died, or whose sync failed. A valid commit is written once more before
@@ -89,6 +92,8 @@ std::uint32_t LogWriter::settle() {
   slot_.overlayApplied = 0;
   published_.overlayApplied = 0;
   if (const std::uint32_t rc = adoptCommits()) return rc;
+  bool wiped = false;
+  if (const std::uint32_t rc = wipeFrom(end_, wiped)) return rc;
   if (isDirty()) {
     // The same holds for the page of the newest slot: the coming sync must not leave it behind.
     if (isSameBoot(boot_, published_)) {
@@ -96,9 +101,26 @@ std::uint32_t LogWriter::settle() {
     }
     return commit();
   }
-  if (const std::uint32_t rc = publish(mergedOverlay(), 0)) return rc;
-  const std::array<std::byte, format::TERMINATOR_SIZE> terminator{};
-  return writeAt(file_, end_, terminator);
+  // Before the next commit is written: its beginning may be the same as that of what was wiped.
+  if (const std::uint32_t rc = wiped ? sync() : MD_RC_OK) return rc;
+  return publish(mergedOverlay(), 0);
+}
+
+std::uint32_t LogWriter::wipeFrom(std::uint64_t offset, bool& wiped) const {
+  std::array<std::byte, WIPE_PIECE> piece;
+  constexpr std::array<std::byte, WIPE_PIECE> ZEROS{};
+  for (std::uint64_t at = offset; (at = skipHole(file_, at, fileSize_)) < fileSize_;) {
+    std::size_t got = 0;
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), fileSize_ - at));
+    if (const std::uint32_t rc = readAt(file_, at, std::span(piece).first(wanted), got)) return rc;
+    if (got == 0) break;
+    if (!std::equal(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(got), ZEROS.begin())) {
+      if (const std::uint32_t rc = writeAt(file_, at, std::span(ZEROS).first(got))) return rc;
+      wiped = true;
+    }
+    at += got;
+  }
+  return MD_RC_OK;
 }
 
 std::uint32_t LogWriter::adoptCommits() {
@@ -575,6 +597,8 @@ bool LogWriter::takeBack() {
   format::Slot slot = published_;
   slot.overlayApplied = 0;
   if (writeSlot(slot) != MD_RC_OK) return true;
+  bool wiped = false;
+  if (wipeFrom(published_.end + mark.size(), wiped) != MD_RC_OK) return true;
   // The commit may have reached the disk for all that: so must the mark.
   if (sync() != MD_RC_OK) return true;
   mark.fill(std::byte{0});
