@@ -11,10 +11,12 @@
 // ZON_CRASH_SCALE multiplies the number of states looked at (1 takes some seconds).
 #include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <random>
 #include <unordered_set>
 
+#include "platform/registry/format.h"
 #include "simulated_disk.h"
 #include "test_records.h"
 
@@ -110,6 +112,22 @@ class PowerCuts : public ::testing::Test {
   }
   void addQuietly(const Value& value) {
     quietly([&](TestStore& store) { return store.add(value); }, with(now(), value));
+  }
+
+  // The end of the log that the newest slot tells.
+  std::uint64_t publishedEnd() const {
+    const DiskImage image = disk_.image();
+    const Bytes& bytes = *image.files.at(image.names.at("store"));
+    std::uint64_t newest = 0;
+    std::uint64_t end = 0;
+    for (const std::uint64_t offset : format::SLOT_OFFSET) {
+      std::uint64_t sequence = 0;
+      std::memcpy(&sequence, bytes.data() + offset + offsetof(format::Slot, sequence), sizeof sequence);
+      if (sequence < newest) continue;
+      newest = sequence;
+      std::memcpy(&end, bytes.data() + offset + offsetof(format::Slot, end), sizeof end);
+    }
+    return end;
   }
 
   std::uint64_t statesPerPoint_ = 60;
@@ -502,6 +520,40 @@ TEST_F(PowerCuts, AfterAFailedSync) {
         },
         after, GENREG_RC_IO_ERROR);
     add({"next" + std::to_string(round), "key", noise(100, static_cast<unsigned>(round))});
+  }
+}
+
+// A refused batch leaves its second part on the disk. When the first part is done again alone, its bytes are the same
+// at the same place: the second part fits behind it, and must not come back with it. The first part ends at or near the
+// end of a unit, so that a cut can take it without the zeros behind it.
+TEST_F(PowerCuts, AfterAFailedBatchOfWhichOnePartIsDoneAgain) {
+  statesPerPoint_ = 200;
+  const Value probe{"g", "probe", noise(400, 9)};
+  addQuietly({"g", "before", noise(400, 8)});
+  const std::uint64_t before = publishedEnd();
+  addQuietly(probe);
+  const std::uint64_t frameSize = publishedEnd() - before;
+  for (const std::uint64_t reach : {0, 8, 16, 504}) {
+    const std::uint64_t least = publishedEnd() + frameSize;
+    const std::uint64_t more = (UNIT - (least - reach) % UNIT) % UNIT;
+    const Value first{"g", "ab" + std::to_string(100 + reach), noise(400 + static_cast<std::size_t>(more), 10)};
+    const Value second{"g", "other" + std::to_string(reach), noise(100, 11)};
+    quietly(
+        [&](TestStore& store) {
+          std::uint32_t rc = store.beginBatch() | store.add(first) | store.add(second);
+          bool failed = false;
+          disk_.fault = [&failed](Call call) {
+            const bool fails = call == Call::SYNC_DATA && !failed;
+            failed = failed || fails;
+            return fails ? EIO : 0;
+          };
+          rc |= store.commitBatch();
+          disk_.fault = nullptr;
+          return rc == GENREG_RC_IO_ERROR ? MD_RC_OK : rc + 1;
+        },
+        now());
+    add(first);
+    ASSERT_EQ((publishedEnd() - reach) % UNIT, 0u);
   }
 }
 

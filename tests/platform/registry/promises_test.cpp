@@ -187,10 +187,7 @@ TEST_F(ScanOrder, IsThatOfInsertionThroughChangeCompactionAndRepair) {
   EXPECT_EQ(store_.list(), expected);
   ASSERT_EQ(store_.add({"g", "last", "x"}), MD_RC_OK);
   expected.push_back({"g", "last", "x"});
-  std::fstream file(folder_.file(), std::ios::in | std::ios::out | std::ios::binary);
-  file.seekp(5120);
-  file.put('!');
-  file.close();
+  flipByte(folder_.file(), 5120);
   ASSERT_EQ(store_.repair(), MD_RC_OK);
   EXPECT_TRUE(std::filesystem::exists(folder_.path() / "store.cor"));
   EXPECT_EQ(store_.list(), expected);
@@ -714,10 +711,7 @@ TEST_P(StrangeObjects, InThePlaceOfTheBackupKeepNobodyFromWriting) {
 TEST_P(StrangeObjects, InThePlaceOfTheCorruptCopyAreMovedAway) {
   for (int at = 0; at < 3; ++at) ASSERT_EQ(store_.add({"g", numbered("k", at), "x"}), MD_RC_OK);
   if (!put(folder_.path() / "store.cor")) GTEST_SKIP();
-  std::fstream file(folder_.file(), std::ios::in | std::ios::out | std::ios::binary);
-  file.seekp(5120);
-  file.put('!');
-  file.close();
+  flipByte(folder_.file(), 5120);
   alarm(20);
   EXPECT_EQ(store_.repair(), MD_RC_OK);
   EXPECT_EQ(store_.list().size(), 3u);
@@ -749,10 +743,7 @@ TEST_F(ForeignFiles, LinkedToTheNamesOfCompanionsAreNotWrittenThrough) {
     ASSERT_EQ(store_.add({"g", numbered("k", at), noise(3000, static_cast<unsigned>(at))}), MD_RC_OK);
   }
   ASSERT_EQ(store_.compact(), MD_RC_OK);
-  std::fstream file(folder_.file(), std::ios::in | std::ios::out | std::ios::binary);
-  file.seekp(5120);
-  file.put('!');
-  file.close();
+  flipByte(folder_.file(), 5120);
   ASSERT_EQ(store_.repair(), MD_RC_OK);
   EXPECT_EQ(store_.list().size(), 40u);
   auto files = filesIn(folder_.path());

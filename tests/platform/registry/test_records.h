@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -170,6 +171,15 @@ class TestStore : public GenRegBin {
     return values;
   }
 };
+
+// Damages one byte, whatever it was: what a file holds is random in part.
+inline void flipByte(const std::filesystem::path& path, std::streamoff offset) {
+  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekg(offset);
+  const auto flipped = static_cast<char>(file.get() ^ 0x55);
+  file.seekp(offset);
+  file.put(flipped);
+}
 
 // A place where a sync costs nothing, where there is one.
 inline std::filesystem::path inMemory() {
