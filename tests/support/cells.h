@@ -3,6 +3,7 @@
 // The rule: output cells start with a mark in length and text, so that a test sees whether they were touched.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
@@ -24,6 +25,7 @@ class Call {
  public:
   static constexpr std::uint32_t MARK_LENGTH = 4711;
   static constexpr std::uint32_t MARK_NUMBER = 0x5A5A5A5A;
+  static constexpr unsigned char MARK_BYTE = 0x7F;
 
   Call() = default;
   Call(const Call&) = delete;
@@ -43,7 +45,7 @@ class Call {
   Call& run(EntryPoint entryPoint, void* reserved = nullptr) {
     std::vector<void*> block;
     for (Slot& slot : slots_) block.push_back(addressOf(slot));
-    std::memset(&sqlca_, 0x7F, sizeof sqlca_);
+    std::memset(&sqlca_, MARK_BYTE, sizeof sqlca_);
     entryPoint(reserved, block.data(), &sqlca_);
     return *this;
   }
@@ -73,6 +75,12 @@ class Call {
       if (slots_[i].kind == Kind::OUT && !isUntouched(i)) return false;
     }
     return true;
+  }
+
+  // Every byte of the SQLCA is as it was before the call.
+  bool isSqlcaUntouched() const {
+    const auto* bytes = reinterpret_cast<const unsigned char*>(&sqlca_);
+    return std::all_of(bytes, bytes + sizeof sqlca_, [](unsigned char byte) { return byte == MARK_BYTE; });
   }
 
   std::size_t outputCount() const {
