@@ -87,26 +87,25 @@ std::uint32_t LogWriter::open(int file, std::uint64_t fileSize) {
 
 // What lies behind the end is of a writer that died, or whose sync failed. A valid commit is written once more before
 // it is synced: after a failed sync the kernel takes its pages for clean and would sync nothing. For the same reason
-// the blocks that the slot takes for applied are applied again.
+// the blocks that the slot takes for applied are applied again, and the slot itself is written again. The bytes at the
+// end go last: should this writer die too, the next one sees by them that something is to be settled.
 std::uint32_t LogWriter::settle() {
   slot_.overlayApplied = 0;
   published_.overlayApplied = 0;
   if (const std::uint32_t rc = adoptCommits()) return rc;
-  bool wiped = false;
-  if (const std::uint32_t rc = wipeFrom(end_, wiped)) return rc;
-  if (isDirty()) {
-    // The same holds for the page of the newest slot: the coming sync must not leave it behind.
-    if (isSameBoot(boot_, published_)) {
-      if (const std::uint32_t rc = writeSlot(published_)) return rc;
-    }
-    return commit();
+  if (isSameBoot(boot_, published_)) {
+    if (const std::uint32_t rc = writeSlot(published_)) return rc;
   }
-  // Before the next commit is written: its beginning may be the same as that of what was wiped.
-  if (const std::uint32_t rc = wiped ? sync() : MD_RC_OK) return rc;
+  if (const std::uint32_t rc = wipeFrom(end_ + format::TERMINATOR_SIZE)) return rc;
+  if (isDirty()) return commit();
+  // Before the next commit is written: its beginning may be the same as that of what was wiped, now or by a writer that
+  // died at it.
+  if (const std::uint32_t rc = sync()) return rc;
+  if (const std::uint32_t rc = flushPending()) return rc;
   return publish(mergedOverlay(), 0);
 }
 
-std::uint32_t LogWriter::wipeFrom(std::uint64_t offset, bool& wiped) const {
+std::uint32_t LogWriter::wipeFrom(std::uint64_t offset) const {
   std::array<std::byte, WIPE_PIECE> piece;
   constexpr std::array<std::byte, WIPE_PIECE> ZEROS{};
   for (std::uint64_t at = offset; (at = skipHole(file_, at, fileSize_)) < fileSize_;) {
@@ -116,7 +115,6 @@ std::uint32_t LogWriter::wipeFrom(std::uint64_t offset, bool& wiped) const {
     if (got == 0) break;
     if (!std::equal(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(got), ZEROS.begin())) {
       if (const std::uint32_t rc = writeAt(file_, at, std::span(ZEROS).first(got))) return rc;
-      wiped = true;
     }
     at += got;
   }
@@ -597,8 +595,7 @@ bool LogWriter::takeBack() {
   format::Slot slot = published_;
   slot.overlayApplied = 0;
   if (writeSlot(slot) != MD_RC_OK) return true;
-  bool wiped = false;
-  if (wipeFrom(published_.end + mark.size(), wiped) != MD_RC_OK) return true;
+  if (wipeFrom(published_.end + mark.size()) != MD_RC_OK) return true;
   // The commit may have reached the disk for all that: so must the mark.
   if (sync() != MD_RC_OK) return true;
   mark.fill(std::byte{0});

@@ -88,8 +88,8 @@ class LogWriter : public LogView {
   };
 
   std::uint32_t settle();
-  // Zeros from offset to the end of the file; `wiped` is set when there was something else.
-  std::uint32_t wipeFrom(std::uint64_t offset, bool& wiped) const;
+  // Zeros from offset to the end of the file.
+  std::uint32_t wipeFrom(std::uint64_t offset) const;
   std::uint32_t adoptCommits();
   std::uint32_t appendEvent(Frame& frame, const void* record, std::size_t size, const Sizes* old);
   std::uint32_t extendChains(Frame& frame, const void* record, int liveChange);

@@ -114,6 +114,13 @@ class PowerCuts : public ::testing::Test {
     quietly([&](TestStore& store) { return store.add(value); }, with(now(), value));
   }
 
+  // Time goes by, and what waits to be written reaches the disk; what a failed sync took for clean does not wait.
+  void writeBack() {
+    for (const auto& [name, inode] : disk_.image().names) {
+      cut_.follow(DiskOp{.kind = DiskOp::Kind::SYNC_FILE, .inode = inode, .bytes = {}, .name = {}, .from = {}});
+    }
+  }
+
   // The end of the log that the newest slot tells.
   std::uint64_t publishedEnd() const {
     const DiskImage image = disk_.image();
@@ -526,34 +533,103 @@ TEST_F(PowerCuts, AfterAFailedSync) {
 // A refused batch leaves its second part on the disk. When the first part is done again alone, its bytes are the same
 // at the same place: the second part fits behind it, and must not come back with it. The first part ends at or near the
 // end of a unit, so that a cut can take it without the zeros behind it.
-TEST_F(PowerCuts, AfterAFailedBatchOfWhichOnePartIsDoneAgain) {
-  statesPerPoint_ = 200;
-  const Value probe{"g", "probe", noise(400, 9)};
-  addQuietly({"g", "before", noise(400, 8)});
-  const std::uint64_t before = publishedEnd();
-  addQuietly(probe);
-  const std::uint64_t frameSize = publishedEnd() - before;
-  for (const std::uint64_t reach : {0, 8, 16, 504}) {
-    const std::uint64_t least = publishedEnd() + frameSize;
+class RefusedBatches : public PowerCuts {
+ protected:
+  RefusedBatches() { statesPerPoint_ = 200; }
+
+  void SetUp() override {
+    addQuietly({"g", "before", noise(400, 8)});
+    const std::uint64_t before = publishedEnd();
+    addQuietly({"g", "probe", noise(400, 9)});
+    overhead_ = publishedEnd() - before - 400;
+  }
+
+  // Refuses a batch of two, of which the first has so much data and a little more, by the faults that `makeFault`
+  // answers; does `between`; then adds the first part alone. Its frame ends so many bytes behind the start of a unit.
+  void refuseAndRedo(
+      std::size_t dataSize, std::uint64_t reach, const std::function<std::function<int(Call)>()>& makeFault,
+      const std::function<void()>& between = [] {}) {
+    const std::uint64_t least = publishedEnd() + overhead_ + dataSize;
     const std::uint64_t more = (UNIT - (least - reach) % UNIT) % UNIT;
-    const Value first{"g", "ab" + std::to_string(100 + reach), noise(400 + static_cast<std::size_t>(more), 10)};
-    const Value second{"g", "other" + std::to_string(reach), noise(100, 11)};
+    const std::string name = std::to_string(1000 + now().size());
+    const Value first{"g", "a" + name, noise(dataSize + static_cast<std::size_t>(more), 10)};
+    const Value second{"g", "other" + name, noise(100, 11)};
     quietly(
         [&](TestStore& store) {
           std::uint32_t rc = store.beginBatch() | store.add(first) | store.add(second);
-          bool failed = false;
-          disk_.fault = [&failed](Call call) {
-            const bool fails = call == Call::SYNC_DATA && !failed;
-            failed = failed || fails;
-            return fails ? EIO : 0;
-          };
+          disk_.fault = makeFault();
           rc |= store.commitBatch();
           disk_.fault = nullptr;
           return rc == GENREG_RC_IO_ERROR ? MD_RC_OK : rc + 1;
         },
         now());
+    writeBack();
+    between();
     add(first);
     ASSERT_EQ((publishedEnd() - reach) % UNIT, 0u);
+  }
+
+  static std::function<int(Call)> failedSync() {
+    return [failed = false](Call call) mutable {
+      const bool fails = call == Call::SYNC_DATA && !failed;
+      failed = failed || fails;
+      return fails ? EIO : 0;
+    };
+  }
+
+  // Of the taking back only the mark reaches the file.
+  static std::function<int(Call)> failedSyncAndSlot() {
+    return [sync = failedSync(), failed = false, writes = 0](Call call) mutable {
+      if (sync(call) != 0) {
+        failed = true;
+        return EIO;
+      }
+      return failed && call == Call::WRITE && ++writes == 2 ? EIO : 0;
+    };
+  }
+
+  std::uint64_t overhead_ = 0;  // of a frame beside the record's data
+};
+
+TEST_F(RefusedBatches, AreTakenBackBeforeOnePartIsDoneAgain) {
+  for (const std::uint64_t reach : {0, 8, 16, 504}) refuseAndRedo(400, reach, failedSync);
+}
+
+// The whole batch is durable when its publishing fails, and its second part lies far behind its start.
+TEST_F(RefusedBatches, AreTakenBackWholeWhateverTheirLength) {
+  const auto failedSlot = [] {
+    return [synced = false, failed = false](Call call) mutable {
+      synced = synced || call == Call::SYNC_DATA;
+      const bool fails = synced && !failed && call == Call::WRITE;
+      failed = failed || fails;
+      return fails ? EIO : 0;
+    };
+  };
+  largestData = 2 * SMALL_RECORDS;
+  for (const std::uint64_t reach : {0, 504}) refuseAndRedo(9000, reach, failedSlot);
+}
+
+TEST_F(RefusedBatches, AreClearedAwayByTheNextWriter) {
+  for (const std::uint64_t reach : {0, 8, 16, 504}) refuseAndRedo(400, reach, failedSyncAndSlot);
+}
+
+// A writer that dies while it clears up must leave enough for the next one to see that it did not get done. An
+// interrupted call has no effect, and one that always is ends the work.
+TEST_F(RefusedBatches, AreClearedAwayAlthoughAWriterDiesAtIt) {
+  for (int most = 0; most < 6; ++most) {
+    const auto die = [&] {
+      const Work dying = [&](TestStore& store) {
+        disk_.fault = [most, calls = 0](Call call) mutable {
+          calls += call == Call::WRITE || call == Call::SYNC_DATA ? 1 : 0;
+          return calls > most ? EINTR : 0;
+        };
+        const std::uint32_t rc = store.add({"g", "dying", "x"});
+        disk_.fault = nullptr;
+        return rc == MD_RC_OK ? 1u : MD_RC_OK;
+      };
+      quietly(dying, now());
+    };
+    refuseAndRedo(400, 0, failedSyncAndSlot, die);
   }
 }
 
