@@ -156,5 +156,11 @@ TEST(EngineModel, DigestsThatAllMeet) {
   digestsCollide = false;
 }
 
+TEST(EngineModel, DigestsThatLookAlike) {
+  digestsLookAlike = true;
+  run(7, 4, 10, 1500, 0);
+  digestsLookAlike = false;
+}
+
 }  // namespace
 }  // namespace zon::test

@@ -2,6 +2,7 @@
 // calls and damage have tests of their own.
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -458,6 +459,18 @@ TEST_F(Costs, DoNotGrowWithTheFile) {
   }
 }
 
+TEST_F(Costs, OfListingAGroupDoNotGrowWithItsHistory) {
+  fill(100, 10);
+  const auto listing = [&] { ASSERT_EQ(store_.list(GROUP, {"g3", "", ""}).size(), 10u); };
+  const Cost before = costOf(listing);
+  std::uint64_t most = 0;
+  for (int at = 0; at < 600; ++at) {
+    ASSERT_EQ(store_.change({"g3", "k3", numbered("change ", at)}), MD_RC_OK);
+    if (at % 10 == 0) most = std::max(most, costOf(listing).calls);
+  }
+  EXPECT_LT(most, before.calls * 6);
+}
+
 TEST_F(Costs, OfAChangeAreOneSync) {
   fill(200);
   for (int at = 0; at < 40; ++at) {
@@ -609,6 +622,20 @@ TEST_F(MatchFlags, WorkInAnyCombination) {
   }
 }
 
+TEST_F(MatchFlags, TakeTheFirstOfTheRecordsThatAChangeMadeAlike) {
+  ASSERT_EQ(store_.add({"g", "k", "first"}), MD_RC_OK);
+  ASSERT_EQ(store_.add({"g", "other", "x"}), MD_RC_OK);
+  ASSERT_EQ(store_.changeTo({"g", "other", ""}, {"g", "k", "second"}), MD_RC_OK);
+  Value value;
+  ASSERT_EQ(store_.get("g", "k", value), MD_RC_OK);
+  EXPECT_EQ(value.data, "first");
+  ASSERT_EQ(store_.compact(), MD_RC_OK);
+  ASSERT_EQ(store_.get("g", "k", value), MD_RC_OK);
+  EXPECT_EQ(value.data, "first");
+  ASSERT_EQ(store_.remove("g", "k"), MD_RC_OK);
+  EXPECT_EQ(store_.list(), Values({{"g", "k", "second"}}));
+}
+
 TEST_F(MatchFlags, DecideWhatAGroupDeleteTakes) {
   fill(100, 7);
   Values left;
@@ -750,6 +777,29 @@ TEST_F(ForeignFiles, LinkedToTheNamesOfCompanionsAreNotWrittenThrough) {
   for (const char* name : names) EXPECT_EQ(files[std::string("victim") + name], content) << name;
 }
 
+TEST_F(ForeignFiles, PutAtTheTemporaryNameInTheLastMomentAreNotWrittenThrough) {
+  static std::filesystem::path victim;
+  static std::filesystem::path temporary;
+  static int puts;
+  victim = folder_.path() / "victim";
+  temporary = folder_.path() / "store.tmp";
+  puts = 0;
+  fill(20);
+  const Values before = store_.list();
+  std::ofstream(victim) << "of somebody else";
+  systemCalls.openAt = [](int directory, const char* path, int flags, mode_t mode) {
+    if ((flags & O_CREAT) != 0 && std::string_view(path) == "store.tmp" && puts++ == 0) {
+      std::filesystem::create_hard_link(victim, temporary);
+    }
+    return realSystemCalls().openAt(directory, path, flags, mode);
+  };
+  EXPECT_EQ(store_.compact(), MD_RC_OK);
+  systemCalls = realSystemCalls();
+  EXPECT_GT(puts, 1);
+  EXPECT_EQ(store_.list(), before);
+  EXPECT_EQ(filesIn(folder_.path())["victim"], "of somebody else");
+}
+
 TEST_F(ForeignFiles, HavingOwnersAndModesKeepThemThroughCompaction) {
   const mode_t old = umask(0);
   for (const mode_t mask : {0u, 022u, 077u, 0777u}) {
@@ -793,6 +843,30 @@ TEST_F(Refusals, TellTheirCause) {
   EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
   TestStore elsewhere(folder_.path() / "missing");
   EXPECT_EQ(elsewhere.add({"g", "k", "x"}), GENREG_RC_NO_DIRECTORY);
+}
+
+TEST_F(Refusals, ConcernRecordsThatAreLongerThanTheLargest) {
+  const std::string largest(MAX_DATA - 1, '\0');
+  ASSERT_EQ(store_.add({"g", "largest", largest}), MD_RC_OK);
+  EXPECT_EQ(store_.add({"g", "zeros", largest + std::string(100, '\0')}), GENREG_RC_BAD_RECORD);
+  EXPECT_EQ(store_.add({"g", "letters", largest + "letters"}), GENREG_RC_BAD_RECORD);
+  EXPECT_EQ(store_.changeTo({"g", "largest", ""}, {"g", "largest", largest + std::string(100, '\0')}),
+            GENREG_RC_BAD_RECORD);
+  EXPECT_EQ(store_.list().size(), 1u);
+}
+
+TEST_F(Refusals, OfAFileSizeLimitComeAsAnAnswerAndNotAsASignal) {
+  fill(5);
+  const Values before = store_.list();
+  const int result = inChild([&] {
+    const struct rlimit limit { .rlim_cur = 40000, .rlim_max = 40000 };
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 90;
+    TestStore store(folder_.path());
+    if (store.add({"g", "large", noise(60000, 1)}) != GENREG_RC_FILE_TOO_LARGE) return 1;
+    return store.add({"g", "small", "x"}) == MD_RC_OK ? 0 : 2;
+  });
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(store_.list().size(), before.size() + 1);
 }
 
 TEST_F(Refusals, WriteNothing) {
