@@ -402,6 +402,8 @@ std::uint32_t Transaction::keepCorruptCopy() {
     const std::string numbered = corrupt + "." + std::to_string(number);
     if (stateAt(directory, numbered.c_str(), state) == MD_RC_OK) continue;
     if (systemCalls.renameAt(directory, corrupt.c_str(), directory, numbered.c_str()) != 0) return codeOfErrno(errno);
+    // The older copy must have its new name before another one takes the old name.
+    if (const std::uint32_t failed = syncDirectory(directory)) return failed;
     break;
   }
   if (systemCalls.linkAt(directory, settings_.paths.file.c_str(), directory, corrupt.c_str(), 0) != 0) {

@@ -340,25 +340,119 @@ TEST_F(DamagedFiles, WithoutTheRepairFeatureAWriterRefuses) {
 
 TEST_F(DamagedFiles, ANewerFormatIsRefusedAndUntouched) {
   makeSmall();
-  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-  auto header = loadAt<format::FileHeader>(*bytes, 0);
-  header.version = format::FORMAT_VERSION + 1;
-  header.crc = headerChecksum(header);
-  storeAt(*bytes, 0, header);
-  storeAt(*bytes, format::HEADER_COPY_OFFSET, header);
-  golden_.files[golden_.names.at("store")] = bytes;
-  disk_.boot(golden_);
+  const auto makeNewer = {
+      +[](format::FileHeader& header) { header.version = format::FORMAT_VERSION + 1; },
+      +[](format::FileHeader& header) { header.headerSize = 2 * format::LOG_START; },
+      +[](format::FileHeader& header) { header.mustUnderstand = 1; },
+      +[](format::FileHeader& header) { header.mustUnderstand = 0x80000000; },
+  };
+  for (const auto& change : makeNewer) {
+    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+    auto header = loadAt<format::FileHeader>(*bytes, 0);
+    change(header);
+    header.crc = headerChecksum(header);
+    storeAt(*bytes, 0, header);
+    storeAt(*bytes, format::HEADER_COPY_OFFSET, header);
+    DiskImage image = golden_;
+    image.files[image.names.at("store")] = bytes;
+    disk_.boot(image);
+    TestStore store(DISK_FOLDER);
+    Value value;
+    std::uint32_t rc = MD_RC_OK;
+    EXPECT_EQ(store.add(PROBE), GENREG_RC_NEWER_FORMAT);
+    EXPECT_EQ(store.get("g1", "a", value), GENREG_RC_NEWER_FORMAT);
+    store.list(0, {}, &rc);
+    EXPECT_EQ(rc, GENREG_RC_NEWER_FORMAT);
+    EXPECT_EQ(store.remove("g1", "a"), GENREG_RC_NEWER_FORMAT);
+    EXPECT_EQ(store.compact(), GENREG_RC_NEWER_FORMAT);
+    EXPECT_EQ(store.repair(), GENREG_RC_NEWER_FORMAT);
+    checkUntouched(bytes);
+  }
+}
+
+// Frames that are intact, of this file and at their place, but follow what is not there.
+TEST_F(DamagedFiles, FramesOfAnotherHistoryDoNotContinueThisOne) {
   TestStore store(DISK_FOLDER);
-  Value value;
-  std::uint32_t rc = MD_RC_OK;
-  EXPECT_EQ(store.add(PROBE), GENREG_RC_NEWER_FORMAT);
-  EXPECT_EQ(store.get("g1", "a", value), GENREG_RC_NEWER_FORMAT);
-  store.list(0, {}, &rc);
-  EXPECT_EQ(rc, GENREG_RC_NEWER_FORMAT);
-  EXPECT_EQ(store.remove("g1", "a"), GENREG_RC_NEWER_FORMAT);
-  EXPECT_EQ(store.compact(), GENREG_RC_NEWER_FORMAT);
-  EXPECT_EQ(store.repair(), GENREG_RC_NEWER_FORMAT);
-  checkUntouched(bytes);
+  note(store.add({"g", "first", "x"}));
+  const DiskImage fork = disk_.image();
+  note(store.add({"g", "here", "x"}));
+  take();
+  const std::uint64_t end = used_;
+  disk_.boot(fork);
+  disk_.setBootNumber(boot_);
+  note(store.add({"g", "else", "x"}));
+  note(store.add({"g", "never here", "x"}));
+  const DiskImage other = disk_.image();
+  const Bytes& from = *other.files.at(other.names.at("store"));
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  const auto at = static_cast<std::ptrdiff_t>(end);
+  std::copy(from.begin() + at, from.begin() + at + 400, bytes->begin() + at);
+  Frame frame;
+  const auto header = loadAt<format::FileHeader>(*bytes, 0);
+  const FrameKey key{.salt = saltOf(header.fileId), .indexCount = 2};
+  ASSERT_EQ(parseHead(std::span(*bytes).subspan(end), end, key, frame), ParseResult::OK);
+  ASSERT_TRUE(frame.last);
+  history_ = truth_;
+  gone_ = {{"g", "never here", ""}};
+  check("another history behind the end", bytes);
+}
+
+// Whatever a power cut does while a file is repaired, the damaged bytes keep a name.
+TEST_F(DamagedFiles, KeepANameThroughAPowerCutInTheirRepair) {
+  makeWithBackup();
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  (*bytes)[used_ - 100] ^= std::byte{1};
+  golden_.files[golden_.names.at("store")] = bytes;
+  const std::uint64_t damaged = golden_.names.at("store");
+  for (const bool hasOlder : {false, true}) {
+    if (hasOlder) {
+      golden_.names["store.cor"] = damaged + 1000;
+      golden_.files[damaged + 1000] = std::make_shared<Bytes>(10, std::byte{7});
+    }
+    disk_.boot(golden_);
+    disk_.isRecording = true;
+    TestStore store(DISK_FOLDER);
+    ASSERT_EQ(store.repair(), MD_RC_OK);
+    disk_.isRecording = false;
+    const std::vector<DiskOp> ops = std::move(disk_.log);
+    disk_.log.clear();
+    ASSERT_EQ(disk_.image().names.at("store.cor"), damaged);
+    PowerCut cut(golden_);
+    std::mt19937_64 random(5);
+    for (const DiskOp& op : ops) {
+      cut.follow(op);
+      const std::uint64_t count = cut.stateCount();
+      for (std::uint64_t number = 0; number < std::min<std::uint64_t>(count, 256); ++number) {
+        const DiskImage image = count <= 256 ? cut.state(number) : cut.randomState(random);
+        EXPECT_TRUE(image.files.contains(damaged));
+        EXPECT_EQ(image.files.contains(damaged + 1000), hasOlder);
+        if (HasFailure()) return;
+      }
+    }
+  }
+}
+
+TEST_F(DamagedFiles, ABackupOfAFormerFileIsMadeAnew) {
+  {
+    TestStore store(DISK_FOLDER);
+    for (unsigned at = 0; at < 4; ++at) note(store.add({"former", "k" + std::to_string(at), noise(1500, at)}));
+    DiskImage image = disk_.image();
+    ASSERT_TRUE(image.has(".store.bkp"));
+    image.files.erase(image.names.at("store"));
+    image.names.erase("store");
+    disk_.boot(image);
+    note(store.beginBatch());
+    for (unsigned at = 0; at < 6; ++at) note(store.add({"g", "k" + std::to_string(at), noise(2000, 50 + at)}));
+    note(store.commitBatch());
+    take();
+    history_ = truth_;
+  }
+  hasBackup_ = true;
+  for (std::size_t at = format::LOG_START; at < used_; at += 512) {
+    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+    std::fill_n(bytes->begin() + static_cast<std::ptrdiff_t>(at), 16, std::byte{0xFF});
+    check("bytes at " + std::to_string(at), bytes);
+  }
 }
 
 TEST_F(DamagedFiles, AForeignFileIsRefusedAndUntouched) {

@@ -471,6 +471,16 @@ TEST_F(Costs, OfListingAGroupDoNotGrowWithItsHistory) {
   EXPECT_LT(most, before.calls * 6);
 }
 
+TEST_F(Costs, OfAFileThatOnlyGrowsKnowNoCompaction) {
+  ASSERT_EQ(store_.add({"g", "first", "x"}), MD_RC_OK);
+  struct stat before;
+  ASSERT_EQ(stat(folder_.file().c_str(), &before), 0);
+  for (int at = 0; at < 5000; ++at) ASSERT_EQ(store_.add({numbered("g", at), numbered("k", at), "x"}), MD_RC_OK);
+  struct stat after;
+  ASSERT_EQ(stat(folder_.file().c_str(), &after), 0);
+  EXPECT_EQ(after.st_ino, before.st_ino);
+}
+
 TEST_F(Costs, OfAChangeAreOneSync) {
   fill(200);
   for (int at = 0; at < 40; ++at) {
@@ -856,17 +866,39 @@ TEST_F(Refusals, ConcernRecordsThatAreLongerThanTheLargest) {
 }
 
 TEST_F(Refusals, OfAFileSizeLimitComeAsAnAnswerAndNotAsASignal) {
-  fill(5);
-  const Values before = store_.list();
-  const int result = inChild([&] {
-    const struct rlimit limit { .rlim_cur = 40000, .rlim_max = 40000 };
-    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 90;
-    TestStore store(folder_.path());
-    if (store.add({"g", "large", noise(60000, 1)}) != GENREG_RC_FILE_TOO_LARGE) return 1;
-    return store.add({"g", "small", "x"}) == MD_RC_OK ? 0 : 2;
-  });
-  EXPECT_EQ(result, 0);
-  EXPECT_EQ(store_.list().size(), before.size() + 1);
+  for (rlim_t most = 30000; most < 60000; most += 2500) {
+    std::filesystem::remove(folder_.file());
+    ASSERT_EQ(store_.add({"g", "first", "x"}), MD_RC_OK);
+    const int result = inChild([&] {
+      const struct rlimit limit { .rlim_cur = most, .rlim_max = most };
+      if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 90;
+      TestStore store(folder_.path());
+      if (store.add({"g", "large", noise(60000, 1)}) != GENREG_RC_FILE_TOO_LARGE) return 1;
+      for (int at = 0; at < 2000; ++at) {
+        const std::uint32_t rc = store.add({numbered("g", at), numbered("k", at), ""});
+        if (rc != MD_RC_OK) return rc == GENREG_RC_FILE_TOO_LARGE && at > 5 ? 0 : 2;
+      }
+      return 3;
+    });
+    EXPECT_EQ(result, 0) << most;
+    std::uint32_t rc = MD_RC_OK;
+    EXPECT_GT(store_.list(0, {}, &rc).size(), 5u);
+    EXPECT_EQ(rc, MD_RC_OK);
+    EXPECT_EQ(store_.add({"g", "later", noise(60000, 1)}), MD_RC_OK);
+  }
+}
+
+TEST_F(Refusals, MeetASecondBatchOfTheSameObject) {
+  store_.setLockWait(0);
+  for (const bool hasFile : {false, true}) {
+    ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
+    EXPECT_EQ(store_.beginBatch(), GENREG_RC_NO_BATCH) << hasFile;
+    ASSERT_EQ(store_.add({"g", numbered("k", hasFile), "x"}), MD_RC_OK);
+    EXPECT_EQ(store_.beginBatch(), GENREG_RC_NO_BATCH) << hasFile;
+    EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
+    EXPECT_EQ(store_.commitBatch(), GENREG_RC_NO_BATCH);
+  }
+  EXPECT_EQ(store_.list().size(), 2u);
 }
 
 TEST_F(Refusals, WriteNothing) {
