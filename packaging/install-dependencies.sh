@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the packages that building, testing and checking need on Debian 12, and only those that are missing.
 #
-# Usage: packaging/install-dependencies.sh SET...      sets: build test lint fuzz bench bootstrap
+# Usage: packaging/install-dependencies.sh SET...      sets: build test lint fuzz bench coverage bootstrap
 #
 # The rule: a machine that has everything is left alone, without root rights and without a network.
 set -euo pipefail
@@ -13,9 +13,10 @@ packages_of() {
     lint) echo clang-14 libclang-rt-14-dev clang-tidy-14 clang-format-14 shellcheck ;;
     fuzz) echo clang-14 libclang-rt-14-dev ;;
     bench) echo libbenchmark-dev ;;
+    coverage) echo gcovr ;;
     bootstrap) echo debootstrap git ;;
     *)
-      echo "install-dependencies: unknown set '$1'; there are: build test lint fuzz bench bootstrap" >&2
+      echo "install-dependencies: unknown set '$1'; there are: build test lint fuzz bench coverage bootstrap" >&2
       return 2
       ;;
   esac
@@ -52,7 +53,7 @@ install_packages() {
 
 main() {
   if [[ $# == 0 ]]; then
-    echo "usage: $0 SET...      sets: build test lint fuzz bench bootstrap" >&2
+    echo "usage: $0 SET...      sets: build test lint fuzz bench coverage bootstrap" >&2
     return 2
   fi
   local set names package wanted=() missing=()
