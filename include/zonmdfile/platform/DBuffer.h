@@ -47,7 +47,7 @@ class ZON_EXPORT DBuffer {
   void append(const char* bytes, std::size_t count) {
     if (count > capacity_ - length_) {
       growAndAppend(bytes, count);
-    } else if (count != 0) {
+    } else if (count != 0 && data_ != nullptr) {  // never null here, which not every compiler sees
       std::memcpy(data_ + length_, bytes, count);
       length_ += count;
       data_[length_] = '\0';
