@@ -55,7 +55,7 @@ std::uint32_t readHeaderCopy(int file, const format::FileHeader& first, format::
 BootId currentBootId() {
   BootId id{};
   Descriptor file;
-  if (openRegular(AT_FDCWD, BOOT_ID_PATH, O_RDONLY, 0, file) != MD_RC_OK) return id;
+  if (openAnything(AT_FDCWD, BOOT_ID_PATH, O_RDONLY, 0, file) != MD_RC_OK) return id;
   std::array<char, 64> text{};
   std::size_t got = 0;
   if (readAt(file.get(), 0, std::as_writable_bytes(std::span(text).first(36)), got) != MD_RC_OK) return id;
