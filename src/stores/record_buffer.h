@@ -32,6 +32,9 @@ class RecordBuffer {
   bool isAllocated() const { return record_ != nullptr; }
   void* get() const { return record_; }
 
+  // Only the first bytes turned out to be written.
+  void setTouched(std::size_t touched) { touched_ = touched; }
+
   // Leaves the record allocated for good, where a store's callers have always seen it outstanding.
   void keepAllocated() { record_ = nullptr; }
 

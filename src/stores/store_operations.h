@@ -134,11 +134,12 @@ std::uint32_t getRecord(GenRegBin& file, const char* source, const Keys<Layout>&
                         DString& version) {
   const auto get = [&]() -> std::uint32_t {
     const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
-    const RecordBuffer result(RECORD_BUFFER_SIZE<Layout>, source);
+    RecordBuffer result(RECORD_BUFFER_SIZE<Layout>, source);
     if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
     putKeys<Layout>(match.get(), keys);
     const std::uint32_t rc = file.Get(Layout::WHOLE_KEY, match.get(), result.get());
     if (rc != MD_RC_OK) return rc;
+    result.setTouched(recordSize<Layout>(result.get()));  // Get writes nothing behind the record
     const RecordView<Layout> record(result.get());
     data.assign(record.data());
     version.assign(record.version());

@@ -1,6 +1,8 @@
 // What every one-key store promises, run over all six of them. In these tests | stands for the list separator.
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstddef>
 #include <string>
 
 #include "support/metadata_test.h"
@@ -45,6 +47,25 @@ TYPED_TEST(OneKeyStores, ListsKeysEachFollowedByTheSeparator) {
   ASSERT_EQ(this->insert("B", "y"), 0U);
   EXPECT_EQ(this->store_.retrieveKeys(this->keys_), 0U);
   EXPECT_EQ(textOf(this->keys_), listOf("A|B|"));
+}
+
+// Record buffers come from the pool of the whole process: none of a record's bytes may reach who gets one next.
+TYPED_TEST(OneKeyStores, RetrieveLeavesNothingInTheBuffersItGivesBack) {
+  const std::size_t sizes[] = {1, 100, 15000, 40000, 1024000};
+  for (const std::size_t size : sizes) {
+    ASSERT_EQ(this->insert("key of " + std::to_string(size), std::string(size, 'x')), 0U);
+  }
+  for (const std::size_t size : sizes) {
+    ASSERT_EQ(this->retrieve("key of " + std::to_string(size)), 0U);
+    void* buffers[3] = {};
+    constexpr std::size_t BUFFER_SIZE = 1024148;
+    for (void*& buffer : buffers) {
+      ASSERT_EQ(_ossMemAlloc(&buffer, 0, BUFFER_SIZE, 1, "test", 0), 0);
+      const auto* bytes = static_cast<const char*>(buffer);
+      EXPECT_EQ(std::count(bytes, bytes + BUFFER_SIZE, 0), static_cast<std::ptrdiff_t>(BUFFER_SIZE)) << size;
+    }
+    for (void*& buffer : buffers) _ossMemFree(&buffer, 0, 0, "test", 0);
+  }
 }
 
 TYPED_TEST(OneKeyStores, NewFileListsNothing) {

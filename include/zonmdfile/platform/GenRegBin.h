@@ -24,7 +24,8 @@ class ZON_EXPORT GenRegBin : public GenRegFile {
 
   /*
    * Copies the first record in scan order that matches `key` to `out`, which must hold the maximum record size. `key`
-   * is a record of which only the fields selected by flags are read. GENREG_RC_NOT_FOUND when none matches.
+   * is a record of which only the fields selected by flags are read. GENREG_RC_NOT_FOUND when none matches. After
+   * success a buffer that held zeros before holds the record and zeros behind it.
    */
   std::uint32_t Get(unsigned long flags, void* key, void* out);
 

@@ -121,14 +121,22 @@ std::uint32_t visitMatches(const LogView& view, unsigned long flags, const void*
       const std::uint32_t rc = scan.next(out, record, size);
       if (rc == GENREG_RC_END_OF_SCAN) return MD_RC_OK;
       if (rc != MD_RC_OK) return rc;
-      if (view.type().matches(flags, key, out) && !take(record, size)) return MD_RC_OK;
+      if (!view.type().matches(flags, key, out)) {
+        view.wipe(out, size);
+      } else if (!take(record, size)) {
+        return MD_RC_OK;
+      }
     }
   }
   std::vector<LiveRecord> candidates;
   if (const std::uint32_t rc = view.gather(index, view.digestOf(index, key), candidates)) return rc;
   for (const LiveRecord& record : candidates) {
     if (const std::uint32_t rc = view.readRecord(record.offset, out, size)) return rc;
-    if (view.type().matches(flags, key, out) && !take(record, size)) return MD_RC_OK;
+    if (!view.type().matches(flags, key, out)) {
+      view.wipe(out, size);
+    } else if (!take(record, size)) {
+      return MD_RC_OK;
+    }
   }
   return MD_RC_OK;
 }

@@ -102,7 +102,8 @@ std::uint32_t LogView::readRecord(const Frame& frame, std::span<const std::byte>
     }
   }
   size = decoder.size();
-  return decoder.finished() && crc == frame.payloadCrc ? MD_RC_OK : GENREG_RC_DAMAGED;
+  if (!decoder.finished() || crc != frame.payloadCrc) return GENREG_RC_DAMAGED;
+  return type_.sizeOf(out) == size ? MD_RC_OK : GENREG_RC_DAMAGED;
 }
 
 std::uint32_t LogView::readRecord(std::uint64_t offset, std::byte* out, std::size_t& size) const {
@@ -240,6 +241,7 @@ std::uint32_t LogView::followWholeKey(std::uint64_t offset, unsigned long flags,
         found = LiveRecord{.place = frame.place, .offset = offset};
         return MD_RC_OK;
       }
+      wipe(out, size);
     }
     if (frame.kind == format::FrameKind::INSERT) {
       offset = frame.previous;

@@ -6,9 +6,12 @@
 #ifndef ZON_PLATFORM_REGISTRY_LOG_VIEW_H
 #define ZON_PLATFORM_REGISTRY_LOG_VIEW_H
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <optional>
 #include <span>
 #include <unordered_map>
 #include <vector>
@@ -64,6 +67,9 @@ class LogView {
   std::uint32_t readRecord(const Frame& frame, std::span<const std::byte> first, std::byte* out,
                            std::size_t& size) const;
   std::uint32_t readRecord(std::uint64_t offset, std::byte* out, std::size_t& size) const;
+
+  // Of a record that was not wanted after all, nothing stays in the caller's buffer.
+  void wipe(std::byte* out, std::size_t size) const { std::memset(out, 0, std::min(size, type_.maxSize)); }
 
   // Reads what follows a frame's head, index blocks included, only to check it.
   std::uint32_t verifyPayload(const Frame& frame, std::span<const std::byte> first) const;
@@ -123,7 +129,10 @@ class LogView {
     std::uint64_t frame = 0;
   };
   void takeEvent(const Frame& frame, const void* record, std::size_t recordSize, const Sizes* old);
-  void takeHead(std::size_t index, std::uint64_t digest, std::uint64_t offset) { newHeads_[index][digest] = offset; }
+  void takeHead(std::size_t index, std::uint64_t digest, std::uint64_t offset) {
+    newHeads_[index][digest] = offset;
+    foundHead_.reset();
+  }
   std::size_t newHeadCount() const;
   // The form of the record that a change or removal frame replaces; `found` false when it starts a chain of its own.
   std::uint32_t findOlder(const Frame& event, FrameBytes& bytes, Frame& older, bool& found) const;

@@ -47,8 +47,9 @@ std::uint32_t Reader::get(unsigned long flags, const void* key, std::byte* out) 
 std::uint32_t Reader::getFromSalvage(unsigned long flags, const void* key, std::byte* out) const {
   std::unique_ptr<Salvage> intact;
   if (const std::uint32_t rc = salvage(intact)) return rc;
-  std::size_t size = 0;
+  std::size_t size = type_.maxSize;
   for (std::size_t number = 0; number < intact->count(); ++number) {
+    std::memset(out, 0, std::min(size, type_.maxSize));
     if (const std::uint32_t rc = intact->readRecord(number, out, size)) return rc;
     if (type_.matches(flags, key, out)) return intact->isNewestForm(number) ? MD_RC_OK : GENREG_RC_DAMAGED;
   }

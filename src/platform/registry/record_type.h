@@ -30,6 +30,12 @@ struct RecordType {
     return match(flags, const_cast<void*>(record), const_cast<void*>(key)) == 1;
   }
 
+  // What the record's own fields tell of its size; 0 when they tell nothing.
+  std::size_t sizeOf(const void* record) const {
+    unsigned long size = 0;
+    return recordSize(const_cast<void*>(record), &size) == 0 ? size : 0;
+  }
+
   // Each index has digests of its own: the same text as a group and as a key must not meet in one chain.
   std::uint64_t digestFor(std::size_t index, const void* record, std::uint64_t seed) const {
     return digest(indexFlags[index], record, seed + index * 0x9E3779B97F4A7C15u);

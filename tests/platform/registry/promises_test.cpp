@@ -92,6 +92,50 @@ TEST_F(Readers, SeeAMissingFileAsAnEmptyOneAndMakeNone) {
   EXPECT_TRUE(filesIn(folder_.path()).empty());
 }
 
+// Callers clear no more of their buffer than the record tells, so that none of its bytes reaches somebody else.
+TEST_F(Readers, LeaveNothingOfOtherRecordsBehindTheOneThatTheyFind) {
+  const auto bytesBehind = [this](unsigned long flags, const Value& wanted) {
+    auto match = encode(wanted, true);
+    std::vector<std::byte> out(match.size());
+    EXPECT_EQ(store_.Get(flags, match.data(), out.data()), MD_RC_OK);
+    EXPECT_EQ(decode(out), wanted);
+    const auto end = out.begin() + static_cast<std::ptrdiff_t>(encode(wanted).size());
+    return std::count_if(end, out.end(), [](std::byte byte) { return byte != std::byte{0}; });
+  };
+  const Value small{"g", "small", "x"};
+  digestsCollide = true;
+  ASSERT_EQ(store_.add(small), MD_RC_OK);
+  ASSERT_EQ(store_.add({"g", "large", noise(5000, 1)}), MD_RC_OK);
+  EXPECT_EQ(bytesBehind(WHOLE_KEY, small), 0);
+  digestsCollide = false;
+  ASSERT_EQ(store_.removeAll("", "", 0), MD_RC_OK);
+  ASSERT_EQ(store_.add({"g", "large", noise(5000, 1)}), MD_RC_OK);
+  ASSERT_EQ(store_.add(small), MD_RC_OK);
+  EXPECT_EQ(bytesBehind(KEY, small), 0);
+  EXPECT_EQ(bytesBehind(GROUP | DATA, small), 0);
+  flipByte(folder_.file(), 5120);
+  flipByte(folder_.file(), 512);
+  flipByte(folder_.file(), 1536);
+  EXPECT_EQ(bytesBehind(WHOLE_KEY, small), 0);
+}
+
+TEST_F(Readers, TakeARecordThatTellsAnotherSizeForDamage) {
+  ASSERT_EQ(store_.add({"g", "k", noise(100, 1)}), MD_RC_OK);
+  class SizesInAnotherWay : public TestStore {
+   public:
+    explicit SizesInAnotherWay(const std::filesystem::path& folder) : TestStore(folder) {
+      callbacks_.recordSize = [](void* record, unsigned long* size) {
+        recordSize(record, size);
+        --*size;
+        return 0;
+      };
+    }
+  };
+  SizesInAnotherWay reader(folder_.path());
+  Value value;
+  EXPECT_EQ(reader.get("g", "k", value), GENREG_RC_DAMAGED);
+}
+
 TEST_F(Readers, KeepTheStateInWhichTheirScanBegan) {
   fill(300);
   const Values before = store_.list();
