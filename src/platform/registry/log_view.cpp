@@ -194,6 +194,10 @@ std::uint32_t LogView::readRemovedDigests(const Frame& frame, std::span<const st
 
 std::uint32_t LogView::headOf(std::size_t index, std::uint64_t digest, std::uint64_t& head) const {
   if (findNewHead(index, digest, head)) return MD_RC_OK;
+  if (index == 0 && foundHead_.has_value() && foundHead_->digest == digest) {
+    head = foundHead_->offset;
+    return MD_RC_OK;
+  }
   head = 0;
   return visitEntries(file_, key_.salt, slot_, index, digest, [&](std::uint64_t candidate, Search& search) {
     bool isOurs = false;
@@ -212,15 +216,21 @@ std::uint32_t LogView::findByWholeKey(unsigned long flags, const void* key, std:
   std::uint64_t head = 0;
   if (findNewHead(0, digest, head)) return followWholeKey(head, flags, key, out, found, size);
   std::uint32_t result = GENREG_RC_NOT_FOUND;
+  bool hasCandidates = false;
   // The chain of another digest is followed in vain, and the search goes on.
   const std::uint32_t rc =
       visitEntries(file_, key_.salt, slot_, 0, digest, [&](std::uint64_t candidate, Search& search) {
+        head = candidate;
+        hasCandidates = true;
         result = followWholeKey(candidate, flags, key, out, found, size);
         if (result == GENREG_RC_NOT_FOUND) return MD_RC_OK;
         search = Search::DONE;
         return result;
       });
-  return rc != MD_RC_OK ? rc : result;
+  if (rc != MD_RC_OK) return rc;
+  const bool isOfDigest = result == MD_RC_OK && digestOf(0, out) == digest;
+  if (isOfDigest || !hasCandidates) foundHead_ = FoundHead{.digest = digest, .offset = head};
+  return result;
 }
 
 std::uint32_t LogView::followWholeKey(std::uint64_t offset, unsigned long flags, const void* key, std::byte* out,

@@ -145,6 +145,13 @@ class LogView {
   std::uint64_t end_ = format::LOG_START;
   // Heads newer than the slot's overlay, by index: digest -> offset.
   std::array<std::unordered_map<std::uint64_t, std::uint64_t>, format::MAX_INDEXES> newHeads_;
+  // What the last search by whole key found out: the newest frame in the chain of its digest, 0 when there is no chain.
+  // A change follows the search for what it changes, and need not search once more. Good until an event is added.
+  struct FoundHead {
+    std::uint64_t digest;
+    std::uint64_t offset;
+  };
+  mutable std::optional<FoundHead> foundHead_;
   // The tail of the log that is not in the file yet.
   std::vector<std::byte> pending_;
   std::uint64_t pendingStart_ = format::MAX_OFFSET;

@@ -534,6 +534,21 @@ TEST_F(Costs, OfAChangeAreOneSync) {
   }
 }
 
+TEST_F(Costs, OfAChangeHoldOneSearchOfTheIndex) {
+  TestStore flat(folder_.path(), false);
+  for (int at = 0; at < 3000; ++at) ASSERT_EQ(flat.add({"", numbered("k", at), "x"}, KEY), MD_RC_OK);
+  Value value;
+  const Cost miss = costOf([&] { ASSERT_EQ(flat.get("", "new", value, KEY), GENREG_RC_NOT_FOUND); });
+  ASSERT_GE(miss.calls, 7u);  // the file opened, header and tail read, and a block of each of the segments
+  Cost least{.calls = 1000};
+  for (int at = 0; at < 10; ++at) {
+    const Cost one = costOf([&] { ASSERT_EQ(flat.add({"", numbered("new", at), "x"}, KEY), MD_RC_OK); });
+    if (one.calls < least.calls) least = one;
+  }
+  // Beside it: the boot id, directory and lock opened, one sync between two writes.
+  EXPECT_LE(least.calls, miss.calls + 7);
+}
+
 TEST_F(Costs, OfReadingKnowNoSync) {
   fill(50);
   Value value;
