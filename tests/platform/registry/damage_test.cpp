@@ -432,6 +432,57 @@ TEST_F(DamagedFiles, KeepANameThroughAPowerCutInTheirRepair) {
   }
 }
 
+// Of a commit that a dying writer left unfinished behind the end, nobody takes anything.
+TEST_F(DamagedFiles, AnUnfinishedCommitIsNotSalvaged) {
+  TestStore store(DISK_FOLDER);
+  note(store.add({"g", "a", noise(50, 1)}));
+  note(store.add({"g", "b", noise(50, 2)}));
+  note(store.add({"other", "c", noise(2000, 3)}));
+  note(store.add({"other", "d", noise(2500, 4)}));
+  take();
+  hasBackup_ = true;
+  const std::uint64_t end = used_;
+  note(store.removeAll("g", "", GROUP));
+  const DiskImage removed = disk_.image();
+  const Bytes& from = *removed.files.at(removed.names.at("store"));
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  Frame frame;
+  const auto header = loadAt<format::FileHeader>(*bytes, 0);
+  const FrameKey key{.salt = saltOf(header.fileId), .indexCount = 2};
+  ASSERT_EQ(parseHead(std::span(from).subspan(end), end, key, frame), ParseResult::OK);
+  ASSERT_FALSE(frame.last);
+  const auto at = static_cast<std::ptrdiff_t>(end);
+  std::copy_n(from.begin() + at, frame.size, bytes->begin() + at);
+  (*bytes)[end - 1000] ^= std::byte{1};
+  history_ = truth_;
+  check("an unfinished commit behind the end", bytes);
+}
+
+// Somebody put an older state of the file back, and went on: its backup holds other frames at the same places.
+TEST_F(DamagedFiles, WhatTheFileHasIntactIsNotTakenFromItsBackup) {
+  TestStore store(DISK_FOLDER);
+  const auto addMany = [&](const char* group, unsigned count, unsigned seed) {
+    for (unsigned at = 0; at < count; ++at) note(store.add({group, "k" + std::to_string(at), noise(3900, seed + at)}));
+  };
+  addMany("first", 2, 1);
+  take();
+  const std::uint64_t parting = used_;
+  DiskImage restored = golden_;
+  addMany("ahead", 6, 20);
+  restored.files[restored.names.at(".store.bkp")] = disk_.image().files.at(restored.names.at(".store.bkp"));
+  disk_.boot(restored);
+  addMany("other", 6, 40);
+  take();
+  history_ = truth_;
+  const Bytes& backup = bytesOf(".store.bkp");
+  ASSERT_GT(backup.size(), parting + 8000);
+  ASSERT_LE(backup.size(), used_);
+  ASSERT_NE(loadAt<std::uint64_t>(backup, parting + 1000), loadAt<std::uint64_t>(bytesOf("store"), parting + 1000));
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  (*bytes)[format::LOG_START + 6000] ^= std::byte{1};
+  check("damage before where they part", bytes);
+}
+
 TEST_F(DamagedFiles, ABackupOfAFormerFileIsMadeAnew) {
   {
     TestStore store(DISK_FOLDER);

@@ -515,6 +515,25 @@ TEST_F(Costs, OfListingAGroupDoNotGrowWithItsHistory) {
   EXPECT_LT(most, before.calls * 6);
 }
 
+TEST_F(Costs, OfAKeyDoNotGrowWithItsHistory) {
+  fill(100, 10);
+  Value value;
+  const auto missing = [&] { ASSERT_EQ(store_.get("g", "comes and goes", value), GENREG_RC_NOT_FOUND); };
+  const auto adding = [&] { ASSERT_EQ(store_.add({"g", "comes and goes", "x"}), MD_RC_OK); };
+  const std::uint64_t missingBefore = costOf(missing).calls;
+  std::uint64_t mostMissing = 0;
+  std::uint64_t leastAdding = ~std::uint64_t{0};
+  for (int at = 0; at < 200; ++at) {
+    const std::uint64_t added = costOf(adding).calls;
+    if (at == 0 || at > 190) leastAdding = at == 0 ? added : std::min(leastAdding, added);
+    ASSERT_EQ(store_.change({"g", "comes and goes", "y"}), MD_RC_OK);
+    ASSERT_EQ(store_.remove("g", "comes and goes"), MD_RC_OK);
+    mostMissing = std::max(mostMissing, costOf(missing).calls);
+  }
+  EXPECT_LT(mostMissing, missingBefore + 10);
+  EXPECT_LT(leastAdding, 40u);
+}
+
 TEST_F(Costs, OfAFileThatOnlyGrowsKnowNoCompaction) {
   ASSERT_EQ(store_.add({"g", "first", "x"}), MD_RC_OK);
   struct stat before;
@@ -527,7 +546,7 @@ TEST_F(Costs, OfAFileThatOnlyGrowsKnowNoCompaction) {
 
 TEST_F(Costs, OfAChangeAreOneSync) {
   fill(200);
-  for (int at = 0; at < 40; ++at) {
+  for (int at = 0; at < 110; ++at) {
     const Cost one = costOf([&] { ASSERT_EQ(store_.add({"g", numbered("single", at), "x"}), MD_RC_OK); });
     EXPECT_EQ(one.syncs, 1u) << at;
     EXPECT_LE(one.written, 26000u) << at;
@@ -844,6 +863,15 @@ TEST_F(ForeignFiles, LinkedToTheNamesOfCompanionsAreNotWrittenThrough) {
   EXPECT_EQ(store_.list().size(), 40u);
   auto files = filesIn(folder_.path());
   for (const char* name : names) EXPECT_EQ(files[std::string("victim") + name], content) << name;
+}
+
+TEST_F(ForeignFiles, LinkedToABackupOfOursAreNotWrittenThrough) {
+  for (int at = 0; at < 4; ++at) ASSERT_EQ(store_.add({"g", numbered("k", at), noise(3000, 1)}), MD_RC_OK);
+  std::filesystem::create_hard_link(folder_.backup(), folder_.path() / "kept");
+  const std::string kept = filesIn(folder_.path())["kept"];
+  for (int at = 4; at < 20; ++at) ASSERT_EQ(store_.add({"g", numbered("k", at), noise(3000, 1)}), MD_RC_OK);
+  EXPECT_EQ(filesIn(folder_.path())["kept"], kept);
+  EXPECT_GT(std::filesystem::file_size(folder_.backup()), kept.size() + 30000);
 }
 
 TEST_F(ForeignFiles, PutAtTheTemporaryNameInTheLastMomentAreNotWrittenThrough) {
