@@ -453,7 +453,9 @@ TEST_F(DamagedFiles, AnUnfinishedCommitIsNotSalvaged) {
   ASSERT_FALSE(frame.last);
   const auto at = static_cast<std::ptrdiff_t>(end);
   std::copy_n(from.begin() + at, frame.size, bytes->begin() + at);
-  (*bytes)[end - 1000] ^= std::byte{1};
+  // The first record, behind the first area, is damaged.
+  ASSERT_EQ(parseHead(std::span(*bytes).subspan(format::LOG_START), format::LOG_START, key, frame), ParseResult::OK);
+  (*bytes)[frame.end() + 60] ^= std::byte{1};
   history_ = truth_;
   check("an unfinished commit behind the end", bytes);
 }

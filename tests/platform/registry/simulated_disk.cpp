@@ -91,6 +91,7 @@ struct SimulatedCalls {
     if (const int error = theDisk->failing(Call::OPEN)) return fail(error);
     SimulatedDisk::Open open;
     if (std::strcmp(path, BOOT_ID_PATH) == 0) {
+      if (!theDisk->tellsBoots) return fail(ENOENT);
       open.isBootId = true;
     } else if ((flags & O_DIRECTORY) == 0) {
       const std::string name = lastName(path);

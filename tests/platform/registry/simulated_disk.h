@@ -93,6 +93,8 @@ class SimulatedDisk {
 
   // Asked before every call; what it answers, if not 0, is the errno of a call that fails without effect.
   std::function<int(Call)> fault;
+  // Whether the system tells its runs apart; without it there is no boot id to read.
+  bool tellsBoots = true;
   // At most so many bytes by one read or write; 0 for no limit.
   std::size_t mostBytes = 0;
 
