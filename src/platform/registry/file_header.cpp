@@ -104,7 +104,8 @@ std::uint32_t readHeaderPage(int file, HeaderPage& page) {
   const std::uint32_t salt = saltOf(page.header.fileId);
   for (std::size_t slot = 0; slot < page.slots.size(); ++slot) {
     std::memcpy(&page.slots[slot], bytes.data() + format::SLOT_OFFSET[slot], sizeof(format::Slot));
-    page.slotValid[slot] = isIntact(page.slots[slot], salt);
+    // A slot that stands in the other one's place was not written there by a writer.
+    page.slotValid[slot] = isIntact(page.slots[slot], salt) && page.slots[slot].sequence % 2 == slot;
   }
   return MD_RC_OK;
 }

@@ -338,6 +338,27 @@ TEST_F(DamagedFiles, WithoutTheRepairFeatureAWriterRefuses) {
   checkUntouched(bytes);
 }
 
+TEST_F(DamagedFiles, ASlotInThePlaceOfTheOtherDoesNotCount) {
+  makeSmall();
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  const auto first = loadAt<format::Slot>(*bytes, format::SLOT_OFFSET[0]);
+  storeAt(*bytes, format::SLOT_OFFSET[0], loadAt<format::Slot>(*bytes, format::SLOT_OFFSET[1]));
+  storeAt(*bytes, format::SLOT_OFFSET[1], first);
+  DiskImage image = golden_;
+  image.files[image.names.at("store")] = bytes;
+  disk_.boot(image);
+  TestStore store(DISK_FOLDER);
+  EXPECT_EQ(store.list(), truth_);
+  GenRegStatus status{};
+  ASSERT_EQ(store.status(status), MD_RC_OK);
+  EXPECT_NE(status.damaged, 0u);
+  ASSERT_EQ(store.add(PROBE), MD_RC_OK);
+  ASSERT_EQ(store.status(status), MD_RC_OK);
+  EXPECT_EQ(status.repairs, 1u);
+  EXPECT_EQ(status.lostBytes, 0u);
+  EXPECT_EQ(store.list().size(), truth_.size() + 1);
+}
+
 TEST_F(DamagedFiles, ANewerFormatIsRefusedAndUntouched) {
   makeSmall();
   const auto makeNewer = {
