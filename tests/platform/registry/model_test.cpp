@@ -140,6 +140,9 @@ void run(std::uint32_t seed, unsigned groups, unsigned keys, int steps, int batc
   GenRegStatus status;
   ASSERT_EQ(store.status(status), MD_RC_OK);
   EXPECT_EQ(status.records, model.list(0, {}).size());
+  std::uint64_t bytes = 0;
+  for (const Value& value : model.list(0, {})) bytes += encode(value).size();
+  EXPECT_EQ(status.recordBytes, bytes);
   EXPECT_EQ(status.damaged, 0u);
   EXPECT_EQ(status.repairs, 0u);
 }
@@ -154,6 +157,58 @@ TEST(EngineModel, DigestsThatAllMeet) {
   digestsCollide = true;
   run(6, 4, 10, 1500, 0);
   digestsCollide = false;
+}
+
+// In the chain that they share, a removed record has older forms below those of others.
+TEST(EngineModel, DigestsThatMeetBringNothingBack) {
+  digestsCollide = true;
+  const TestFolder folder(inMemory());
+  TestStore store(folder.path());
+  Value value;
+  for (const bool changesAgain : {false, true}) {
+    ASSERT_EQ(store.add({"g", "a", "first"}), MD_RC_OK);
+    ASSERT_EQ(store.add({"g", "b", "x"}), MD_RC_OK);
+    ASSERT_EQ(store.change({"g", "a", "second"}), MD_RC_OK);
+    if (changesAgain) {
+      ASSERT_EQ(store.change({"g", "a", "third"}), MD_RC_OK);
+    }
+    ASSERT_EQ(store.remove("g", "a"), MD_RC_OK);
+    ASSERT_EQ(store.add({"g", "c", "x"}), MD_RC_OK);
+    ASSERT_EQ(store.remove("g", "c"), MD_RC_OK);
+    EXPECT_EQ(store.get("g", "a", value), GENREG_RC_NOT_FOUND) << value.data;
+    EXPECT_EQ(store.get("g", "b", value), MD_RC_OK);
+    ASSERT_EQ(store.remove("g", "b"), MD_RC_OK);
+    EXPECT_EQ(store.get("g", "a", value), GENREG_RC_NOT_FOUND) << value.data;
+  }
+  digestsCollide = false;
+}
+
+// A chain that was just cut short, whose digest looks like that of another group.
+TEST(EngineModel, DigestsOfSummariesThatLookAlike) {
+  digestsLookAlike = true;
+  const TestFolder folder(inMemory());
+  TestStore store(folder.path());
+  for (int group = 0; group < 4; ++group) {
+    ASSERT_EQ(store.add({"g" + std::to_string(group), "k", "x"}), MD_RC_OK);
+  }
+  for (int at = 0; at < 50; ++at) {
+    const std::string number = std::to_string(at);
+    ASSERT_EQ(store.change({"g1", "k", number}), MD_RC_OK);
+    ASSERT_EQ(store.change({"g2", "k", number}), MD_RC_OK);
+    // So many others that the slot has no room left for those groups.
+    ASSERT_EQ(store.beginBatch(), MD_RC_OK);
+    for (int other = 0; other < 26; ++other) {
+      store.add({"o" + std::to_string(other), "k" + number, ""});
+    }
+    ASSERT_EQ(store.commitBatch(), MD_RC_OK);
+    for (int group = 0; group < 4; ++group) {
+      const std::string name = "g" + std::to_string(group);
+      const auto listed = store.list(GROUP, {name, "", ""});
+      ASSERT_EQ(listed.size(), 1u) << name << " after " << at;
+      ASSERT_EQ(listed[0].group, name);
+    }
+  }
+  digestsLookAlike = false;
 }
 
 TEST(EngineModel, DigestsThatLookAlike) {

@@ -157,6 +157,88 @@ TEST_F(Readers, KeepTheStateInWhichTheirScanBegan) {
   EXPECT_EQ(seen, before);
 }
 
+// The index is ahead of them: what it leads to behind their end must be passed by.
+TEST_F(Readers, KeepTheirStateInListingsThatTheIndexNarrows) {
+  fill(60, 6);
+  for (const unsigned long flags : {GROUP, WHOLE_KEY}) {
+    const Value match{"g3", "k3", ""};
+    const Values before = store_.list(flags, match);
+    TestStore reader(folder_.path());
+    ASSERT_EQ(reader.OpenScan(), MD_RC_OK);
+    for (int at = 0; at < 80; ++at) {
+      ASSERT_EQ(store_.change({"g3", "k3", noise(20, static_cast<unsigned>(at))}), MD_RC_OK);
+      ASSERT_EQ(store_.add({numbered("more", at), numbered("of", static_cast<int>(flags)), "x"}), MD_RC_OK);
+    }
+    ASSERT_EQ(store_.add({"g3", numbered("new", static_cast<int>(flags)), "x"}), MD_RC_OK);
+    auto key = encode(match, true);
+    std::vector<std::byte> out(key.size());
+    Values seen;
+    while (reader.GetNext(flags, key.data(), out.data()) == MD_RC_OK) seen.push_back(decode(out));
+    EXPECT_EQ(reader.CloseScan(), MD_RC_OK);
+    EXPECT_EQ(seen, before) << flags;
+  }
+}
+
+// A writer that is at work while a Get looks: between the Get's first reading and its next ones.
+TEST_F(Readers, KeepTheStateThatAGetFound) {
+  static TestStore* writer;
+  static bool isDue;
+  fill(60, 6);
+  TestStore other(folder_.path());
+  writer = &other;
+  const Value old = store_.list(WHOLE_KEY, {"g3", "k3", ""}).at(0);
+  systemCalls.pread = [](int file, void* data, std::size_t size, off_t offset) {
+    const ssize_t got = realSystemCalls().pread(file, data, size, offset);
+    if (isDue && offset == 0) {
+      isDue = false;
+      for (int at = 0; at < 60; ++at) {
+        EXPECT_EQ(writer->change({"g3", "k3", numbered("new ", at)}), MD_RC_OK);
+        EXPECT_EQ(writer->add({numbered("more", at), "k", "x"}), MD_RC_OK);
+      }
+      EXPECT_EQ(writer->add({"g3", "late", "x"}), MD_RC_OK);
+    }
+    return got;
+  };
+  Value value;
+  isDue = true;
+  EXPECT_EQ(store_.get("g3", "k3", value), MD_RC_OK);
+  EXPECT_EQ(value, old);
+  for (int at = 0; at < 60; ++at) ASSERT_EQ(store_.remove(numbered("more", at), "k"), MD_RC_OK);
+  ASSERT_EQ(store_.remove("g3", "late"), MD_RC_OK);
+  isDue = true;
+  EXPECT_EQ(store_.get("g3", "late", value), GENREG_RC_NOT_FOUND);
+  systemCalls = realSystemCalls();
+  EXPECT_EQ(store_.get("g3", "late", value), MD_RC_OK);
+}
+
+// What a reader meets half written is whole the next time: nothing of it is taken for damage.
+TEST_F(Readers, LookAgainAtWhatIsJustBeingWritten) {
+  static std::map<off_t, int> torn;
+  static bool sawBackup;
+  fill(300);
+  torn.clear();
+  sawBackup = false;
+  systemCalls.openAt = [](int directory, const char* path, int flags, mode_t mode) {
+    sawBackup = sawBackup || std::string_view(path).ends_with(".bkp");
+    return realSystemCalls().openAt(directory, path, flags, mode);
+  };
+  systemCalls.pread = [](int file, void* data, std::size_t size, off_t offset) {
+    const ssize_t got = realSystemCalls().pread(file, data, size, offset);
+    const bool isPage = offset == 0 && size > 2000;
+    const bool isBlock = offset >= 4096 && size == 512;
+    if ((isPage || isBlock) && torn[offset]++ < 3) static_cast<char*>(data)[isPage ? 600 : 4] ^= 1;
+    return got;
+  };
+  Value value;
+  for (int at = 0; at < 300; at += 7) {
+    EXPECT_EQ(store_.get(numbered("g", at % 10), numbered("k", at), value), MD_RC_OK);
+  }
+  EXPECT_EQ(store_.list(GROUP, {"g1", "", ""}).size(), 30u);
+  systemCalls = realSystemCalls();
+  EXPECT_GT(torn.size(), 3u);
+  EXPECT_FALSE(sawBackup);
+}
+
 TEST_F(Readers, NeedNoRightToWriteAndLeaveNoTrace) {
   if (geteuid() != 0) GTEST_SKIP() << "needs to be root to become somebody else";
   fill(20);
@@ -397,6 +479,7 @@ struct Cost {
   std::uint64_t read = 0;
   std::uint64_t written = 0;
   std::uint64_t syncs = 0;
+  std::uint64_t reserves = 0;
 };
 Cost cost;
 
@@ -407,7 +490,8 @@ class Costs : public EnginePromises {
     systemCalls.openAt = [](int directory, const char* path, int flags, mode_t mode) {
       ++cost.calls;
       EXPECT_NE(flags & O_CLOEXEC, 0) << path;
-      EXPECT_TRUE((flags & O_NOFOLLOW) != 0 || (flags & O_DIRECTORY) != 0) << path;
+      const int careful = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
+      EXPECT_TRUE((flags & careful) == careful || (flags & O_DIRECTORY) != 0) << path;
       return REAL.openAt(directory, path, flags, mode);
     };
     systemCalls.pread = [](int file, void* data, std::size_t size, off_t offset) {
@@ -420,6 +504,11 @@ class Costs : public EnginePromises {
       ++cost.calls;
       cost.written += size;
       return REAL.pwrite(file, data, size, offset);
+    };
+    systemCalls.fallocate = [](int file, int mode, off_t offset, off_t size) {
+      ++cost.calls;
+      ++cost.reserves;
+      return REAL.fallocate(file, mode, offset, size);
     };
     systemCalls.fdatasync = [](int file) {
       ++cost.calls;
@@ -568,6 +657,15 @@ TEST_F(Costs, OfAChangeHoldOneSearchOfTheIndex) {
   EXPECT_LE(least.calls, miss.calls + 7);
 }
 
+TEST_F(Costs, OfReservingSpaceAreSharedByManyChanges) {
+  store_.unsetFeature(GenRegBin::FEATURE_BACKUP);
+  fill(200);
+  const Cost many = costOf([&] {
+    for (int at = 0; at < 400; ++at) ASSERT_EQ(store_.add({"g", numbered("single", at), "x"}), MD_RC_OK);
+  });
+  EXPECT_LT(many.reserves, 9u);
+}
+
 TEST_F(Costs, OfReadingKnowNoSync) {
   fill(50);
   Value value;
@@ -638,7 +736,13 @@ TEST_F(BetweenCalls, ClosedStandardStreamsDoNoHarm) {
     if (store.add({"g", "without streams", noise(9000, 5)}) != MD_RC_OK) return 1;
     Value value;
     if (store.get("g", "without streams", value) != MD_RC_OK) return 2;
+    std::vector<bool> before;
+    for (int file = 0; file < 64; ++file) before.push_back(fcntl(file, F_GETFD) != -1);
     if (store.OpenScan() != MD_RC_OK) return 3;
+    for (int file = 0; file < 64; ++file) {
+      const int flags = fcntl(file, F_GETFD);
+      if (!before[static_cast<std::size_t>(file)] && flags != -1 && (flags & FD_CLOEXEC) == 0) return 6;
+    }
     if (fcntl(0, F_GETFD) != -1 || fcntl(1, F_GETFD) != -1 || fcntl(2, F_GETFD) != -1) return 4;
     return store.CloseScan() == MD_RC_OK ? 0 : 5;
   });
@@ -681,6 +785,45 @@ TEST_F(BetweenCalls, ABatchEndsAScanOfItsOwnState) {
   EXPECT_EQ(store_.GetNext(0, key.data(), out.data()), GENREG_RC_NO_SCAN);
   EXPECT_EQ(store_.CloseScan(), GENREG_RC_NO_SCAN);
   EXPECT_EQ(store_.list().size(), 6u);
+}
+
+TEST_F(BetweenCalls, ABatchThatGrowsLargeIsSyncedInBetween) {
+  ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
+  for (int at = 0; at < 30; ++at) {
+    ASSERT_EQ(store_.add({"g", numbered("k", at), noise(100000, static_cast<unsigned>(at))}), MD_RC_OK);
+  }
+  TestStore reader(folder_.path());
+  const Values prefix = reader.list();
+  EXPECT_GT(prefix.size(), 10u);
+  EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
+  const Values all = reader.list();
+  EXPECT_EQ(all.size(), 30u);
+  EXPECT_TRUE(std::equal(prefix.begin(), prefix.end(), all.begin()));
+}
+
+// ---- What status tells
+
+using Status = EnginePromises;
+
+TEST_F(Status, CountsWhatWasCommittedAndWhatLives) {
+  GenRegStatus status;
+  for (std::uint64_t at = 1; at < 8; ++at) {
+    ASSERT_EQ(store_.add({"g", numbered("k", static_cast<int>(at)), std::string(at, 'x')}), MD_RC_OK);
+    ASSERT_EQ(store_.status(status), MD_RC_OK);
+    EXPECT_EQ(status.changes, at);
+    EXPECT_EQ(status.records, at);
+  }
+  ASSERT_EQ(store_.change({"g", "k1", noise(50, 1)}), MD_RC_OK);
+  ASSERT_EQ(store_.remove("g", "k2"), MD_RC_OK);
+  ASSERT_EQ(store_.changeTo({"g", "k3", ""}, {"other", "moved", "y"}), MD_RC_OK);
+  std::uint64_t bytes = 0;
+  for (const Value& value : store_.list()) bytes += encode(value).size();
+  ASSERT_EQ(store_.status(status), MD_RC_OK);
+  EXPECT_EQ(status.changes, 10u);
+  EXPECT_EQ(status.records, 6u);
+  EXPECT_EQ(status.recordBytes, bytes);
+  EXPECT_EQ(status.fileBytes, std::filesystem::file_size(folder_.file()));
+  EXPECT_EQ(status.backupBytes, 0u);
 }
 
 // ---- The match callback decides
@@ -973,6 +1116,16 @@ TEST_F(Refusals, OfAFileSizeLimitComeAsAnAnswerAndNotAsASignal) {
     EXPECT_EQ(rc, MD_RC_OK);
     EXPECT_EQ(store_.add({"g", "later", noise(60000, 1)}), MD_RC_OK);
   }
+}
+
+TEST_F(Refusals, OfADiskThatTakesNothingComeToAnEnd) {
+  fill(5);
+  systemCalls.pwrite = [](int, const void*, std::size_t, off_t) { return ssize_t{0}; };
+  alarm(20);
+  EXPECT_EQ(store_.add({"g", "k", "x"}), GENREG_RC_DURABILITY_UNKNOWN);
+  alarm(0);
+  systemCalls = realSystemCalls();
+  EXPECT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
 }
 
 TEST_F(Refusals, MeetASecondBatchOfTheSameObject) {
