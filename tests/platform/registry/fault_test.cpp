@@ -365,6 +365,7 @@ class FaultyCalls : public ::testing::TestWithParam<std::size_t> {
     expected_ = attempt(operation);
     disk_.fault = nullptr;
     valuesAfter_ = listNow();
+    isMended_ = disk_.image().has("store.cor");
     for (std::size_t at = 0; at < calls.size(); ++at) {
       for (const int error : errorsOf(calls[at])) {
         for (const bool sticky : {false, true}) breakOne(operation, at, calls[at], error, sticky);
@@ -401,11 +402,11 @@ class FaultyCalls : public ::testing::TestWithParam<std::size_t> {
     if (disk_.openDescriptors() != 0) fail("leaves descriptors open");
     const bool mayUnlink = which != Call::UNLINK && !sticky;
     if (mayUnlink && disk_.image().has("store.tmp") && !before_.has("store.tmp")) fail("leaves a temporary file");
-    checkState(rc);
+    checkState(operation, rc, sticky);
     if (which == Call::WRITE || which == Call::SYNC_DATA || which == Call::SYNC) checkPowerCuts(ops, rc, sticky);
   }
 
-  void checkState(std::uint32_t rc) {
+  void checkState(const Operation& operation, std::uint32_t rc, bool sticky) {
     const Values values = listNow();
     const bool mayBeBefore = rc != expected_ || valuesBefore_ == valuesAfter_;
     const bool mayBeAfter = rc == expected_ || rc == GENREG_RC_DURABILITY_UNKNOWN;
@@ -431,6 +432,10 @@ class FaultyCalls : public ::testing::TestWithParam<std::size_t> {
         fail("afterwards Get does not find " + after[number].key);
       }
     }
+    // What was refused is done the next time, as if nothing had happened.
+    if (rc == expected_ || rc == GENREG_RC_DURABILITY_UNKNOWN || sticky) return;
+    if (attempt(operation) != expected_) fail("it is refused again");
+    if (disk_.image().has("store.cor") && !isMended_) fail("what it left is taken for damage");
   }
 
   void checkPowerCuts(const std::vector<DiskOp>& ops, std::uint32_t rc, bool sticky) {
@@ -457,6 +462,7 @@ class FaultyCalls : public ::testing::TestWithParam<std::size_t> {
   Values valuesAfter_;
   Values valuesSettled_;  // with what a writer takes in that was left behind the end
   std::uint32_t expected_ = MD_RC_OK;
+  bool isMended_ = false;  // the operation repairs the file, and keeps the damaged one
   std::string where_;
   std::uint64_t faults_ = 0;
   std::uint64_t cuts_ = 0;
@@ -660,6 +666,9 @@ TEST_F(FaultyMemory, InABatchThatGoesOn) {
       isArmed = false;
       added = store.Add(WHOLE_KEY, NEW_RECORD.data());
       committed = store.commitBatch();
+    }
+    if (committed != MD_RC_OK) {
+      ASSERT_EQ(added, committed) << "allocation " << number;
     }
     Values values = listOf(work.path());
     const bool isAdded = added == MD_RC_OK && committed == MD_RC_OK;
