@@ -315,6 +315,14 @@ std::uint32_t LogView::gatherChain(std::size_t index, std::uint64_t head, std::v
   return MD_RC_OK;
 }
 
+std::uint32_t LogView::startsChain(std::size_t index, std::uint64_t offset, bool& result) const {
+  FrameBytes bytes;
+  Frame frame;
+  if (const std::uint32_t rc = readHead(offset, bytes, frame)) return rc;
+  result = frame.previousIn(index) == 0;
+  return MD_RC_OK;
+}
+
 std::uint32_t LogView::chainReaches(std::size_t index, std::uint64_t from, std::uint64_t target, bool& reaches) const {
   FrameBytes bytes;
   Frame frame;

@@ -93,6 +93,9 @@ class LogView {
   // The newest frame in the chain of a digest; 0 without one.
   std::uint32_t headOf(std::size_t index, std::uint64_t digest, std::uint64_t& head) const;
 
+  // Whether the frame at offset has none before it in its chain.
+  std::uint32_t startsChain(std::size_t index, std::uint64_t offset, bool& result) const;
+
   // Whether the chain that starts at `from` runs through the frame at `target`.
   std::uint32_t chainReaches(std::size_t index, std::uint64_t from, std::uint64_t target, bool& reaches) const;
 

@@ -437,7 +437,16 @@ class EntryPlacer {
   std::uint32_t place(const format::OverlayEntry& entry, bool& isNew) {
     const std::size_t segments = segmentCount(view_.slot());
     isNew = false;
-    for (std::size_t segment = segments; segment-- > 0;) {
+    // A chain that starts with this frame has no entry in the older segments; in the newest one it may have, by a
+    // writer that died.
+    std::size_t oldest = 0;
+    if (segments > 1) {
+      bool isFirst = false;
+      const std::size_t index = entry.offsetAndIndex & INDEX_MASK;
+      if (const std::uint32_t rc = view_.startsChain(index, offsetOf(entry), isFirst)) return rc;
+      if (isFirst) oldest = segments - 1;
+    }
+    for (std::size_t segment = segments; segment-- > oldest;) {
       bool done = false;
       if (const std::uint32_t rc = replaceIn(unpackSegment(view_.slot().segments[segment]), entry, done)) return rc;
       if (done) return MD_RC_OK;

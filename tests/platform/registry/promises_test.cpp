@@ -16,6 +16,7 @@
 #include <map>
 #include <thread>
 
+#include "platform/registry/format.h"
 #include "platform/registry/system_calls.h"
 #include "test_records.h"
 
@@ -683,6 +684,22 @@ TEST_F(Costs, OfReservingSpaceAreSharedByManyChanges) {
     for (int at = 0; at < 400; ++at) ASSERT_EQ(store_.add({"g", numbered("single", at), "x"}), MD_RC_OK);
   });
   EXPECT_LT(many.reserves, 6u);
+}
+
+// Once in some forty changes the index blocks take over what the slot held: for each a frame looked at, and a block
+// read and written, whatever the number of segments.
+TEST_F(Costs, OfTheDearestChangeKnowNoSegmentsButTheNewest) {
+  TestStore flat(folder_.path(), false);
+  for (int at = 0; at < 12000; ++at) ASSERT_EQ(flat.add({"", numbered("k", at), "x"}, KEY), MD_RC_OK);
+  Value value;
+  const Cost miss = costOf([&] { ASSERT_EQ(flat.get("", "new", value, KEY), GENREG_RC_NOT_FOUND); });
+  ASSERT_GE(miss.calls, 9u);  // six segments
+  std::uint64_t most = 0;
+  for (int at = 0; at < 100; ++at) {
+    const Cost one = costOf([&] { ASSERT_EQ(flat.add({"", numbered("new", at), "x"}, KEY), MD_RC_OK); });
+    most = std::max(most, one.calls);
+  }
+  EXPECT_LE(most, miss.calls + 7 + 3 * format::OVERLAY_CAPACITY);
 }
 
 TEST_F(Costs, OfReadingKnowNoSync) {
