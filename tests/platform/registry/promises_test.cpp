@@ -453,6 +453,17 @@ TEST_F(Space, StaysBoundedWhileLargeRecordsChange) {
   }
 }
 
+TEST_F(Space, IsTakenByABackupOnlyWhenAskedTo) {
+  store_.unsetFeature(GenRegBin::FEATURE_BACKUP);
+  fill(300);
+  ASSERT_EQ(store_.compact(), MD_RC_OK);
+  ASSERT_EQ(store_.add({"g", "k", noise(30000, 1)}), MD_RC_OK);
+  EXPECT_FALSE(std::filesystem::exists(folder_.backup()));
+  store_.setFeature(GenRegBin::FEATURE_BACKUP);
+  ASSERT_EQ(store_.add({"g", "k2", noise(30000, 1)}), MD_RC_OK);
+  EXPECT_TRUE(std::filesystem::exists(folder_.backup()));
+}
+
 TEST_F(Space, ShrinksWithWhatLives) {
   fill(3000, 30);
   ASSERT_NO_FATAL_FAILURE(check());
