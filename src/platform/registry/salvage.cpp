@@ -45,7 +45,12 @@ bool RawLog::hasFrame(std::uint64_t offset, Frame& frame) const {
   if (offset + sizeof(format::FrameHeader) > end_) return false;
   FrameBytes bytes;
   if (noteFailure(readHead(offset, bytes, frame)) || frame.end() > end_) return false;
-  return frame.kind == format::FrameKind::AREA || !noteFailure(verifyPayload(frame, bytes.all()));
+  if (frame.kind == format::FrameKind::AREA) return true;
+  if (!frame.isRecord()) return !noteFailure(verifyPayload(frame, bytes.all()));
+  // Whatever its checksum says, a record that cannot be read is none.
+  record_.resize(type().maxSize);
+  std::size_t size = 0;
+  return !noteFailure(readRecord(frame, bytes.all(), record_.data(), size));
 }
 
 bool RawLog::noteFailure(std::uint32_t rc) const {

@@ -20,7 +20,7 @@ class RawLog : public LogView {
  public:
   RawLog(const RecordType& type, int file, const format::FileHeader& header, std::uint64_t size);
 
-  // The head and the checked payload of the frame at offset.
+  // The head of the frame at offset, whose payload has been checked, its record decoded.
   bool hasFrame(std::uint64_t offset, Frame& frame) const;
 
   // The first offset in [from, limit) where the head of a frame seems to lie; limit when there is none. For rising
@@ -34,6 +34,7 @@ class RawLog : public LogView {
   bool noteFailure(std::uint32_t rc) const;
 
   mutable std::uint32_t failure_ = MD_RC_OK;
+  mutable std::vector<std::byte> record_;
   std::vector<std::byte> window_;
   std::uint64_t windowStart_ = 0;
   std::size_t windowSize_ = 0;
