@@ -315,6 +315,13 @@ std::uint32_t LogView::gatherChain(std::size_t index, std::uint64_t head, std::v
   return MD_RC_OK;
 }
 
+std::uint32_t LogView::chainAt(std::uint64_t offset) const {
+  if (offset == end_) return slot_.chain;
+  FrameBytes bytes;
+  Frame next;
+  return readHead(offset, bytes, next) == MD_RC_OK ? next.chain : 0;
+}
+
 std::uint32_t LogView::startsChain(std::size_t index, std::uint64_t offset, bool& result) const {
   FrameBytes bytes;
   Frame frame;

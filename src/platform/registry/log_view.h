@@ -93,6 +93,9 @@ class LogView {
   // The newest frame in the chain of a digest; 0 without one.
   std::uint32_t headOf(std::size_t index, std::uint64_t digest, std::uint64_t& head) const;
 
+  // The checksum of the frame that ends at offset, as the frame behind it tells; 0 when there is no frame behind it.
+  std::uint32_t chainAt(std::uint64_t offset) const;
+
   // Whether the frame at offset has none before it in its chain.
   std::uint32_t startsChain(std::size_t index, std::uint64_t offset, bool& result) const;
 

@@ -108,6 +108,7 @@ std::uint32_t Salvage::identify(int file, int backup) {
     if (!sameGeneration) file_.reset();
     backup_ = std::make_unique<RawLog>(type_, backup, header_, backupState.size);
   }
+  if (sameGeneration && tellsOtherHistory(filePage, backupPage)) backup_.reset();
   for (const HeaderPage* page : {&filePage, &backupPage}) {
     const bool counts = page == &filePage ? fileHasHeader && file_ != nullptr : backup_ != nullptr;
     if (!counts || !page->hasSlot()) continue;
@@ -117,6 +118,20 @@ std::uint32_t Salvage::identify(int file, int backup) {
     hasSlot_ = true;
   }
   return MD_RC_OK;
+}
+
+// A copy of the file that somebody put back goes its own way from where it was taken, and the backup may know another
+// one. Where the shorter of the two ends, the longer one has a frame that follows the same frame, unless that is
+// damaged.
+bool Salvage::tellsOtherHistory(const HeaderPage& filePage, const HeaderPage& backupPage) const {
+  if (!filePage.hasSlot() || !backupPage.hasSlot()) return false;
+  const format::Slot& ofFile = filePage.slots[filePage.newest()];
+  const format::Slot& ofBackup = backupPage.slots[backupPage.newest()];
+  if (ofFile.end == ofBackup.end) return ofFile.chain != ofBackup.chain;
+  Frame frame;
+  if (ofBackup.end < ofFile.end) return file_->hasFrame(ofBackup.end, frame) && frame.chain != ofBackup.chain;
+  // No backup is ahead of its file, but of one that lost its newest slot.
+  return backup_->hasFrame(ofFile.end, frame) ? frame.chain != ofFile.chain : filePage.bothSlots();
 }
 
 std::uint32_t Salvage::failure() const {

@@ -76,6 +76,7 @@ class Salvage {
   };
 
   std::uint32_t identify(int file, int backup);
+  bool tellsOtherHistory(const HeaderPage& filePage, const HeaderPage& backupPage) const;
   std::uint32_t failure() const;
   std::uint32_t walk();
   void takeFrame(const Frame& frame, bool inBackup);

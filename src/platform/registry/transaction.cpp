@@ -452,7 +452,7 @@ std::uint32_t Transaction::extendBackup(int backup) {
       rc == MD_RC_OK && state.links == 1 && page.header.fileId == log_->header().fileId && page.hasSlot();
   if (!isOurs) return GENREG_RC_NOT_FOUND;
   const format::Slot& slot = page.slots[page.newest()];
-  if (slot.end > log_->end()) return GENREG_RC_NOT_FOUND;
+  if (slot.end > log_->end() || log_->chainAt(slot.end) != slot.chain) return GENREG_RC_NOT_FOUND;
   if (const std::uint32_t failed = reserve(backup, state.size, log_->end())) return failed;
   if (const std::uint32_t failed = copyLog(backup, slot.end)) return failed;
   if (const std::uint32_t failed = syncData(backup)) return failed;

@@ -568,6 +568,7 @@ TEST_F(DamagedFiles, WhatTheFileHasIntactIsNotTakenFromItsBackup) {
   addMany("ahead", 6, 20);
   restored.files[restored.names.at(".store.bkp")] = disk_.image().files.at(restored.names.at(".store.bkp"));
   disk_.boot(restored);
+  store.unsetFeature(GenRegBase::FEATURE_BACKUP);
   addMany("other", 6, 40);
   take();
   history_ = truth_;
@@ -578,6 +579,74 @@ TEST_F(DamagedFiles, WhatTheFileHasIntactIsNotTakenFromItsBackup) {
   const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
   (*bytes)[format::LOG_START + 6000] ^= std::byte{1};
   check("damage before where they part", bytes);
+}
+
+// Somebody put an older copy of the file back, which then went its own way: nothing of what the backup knows belongs to
+// it, though both are of one generation.
+class CopiesPutBack : public DamagedFiles {
+ protected:
+  // A file of three records and a backup that knows six more, called gone.
+  void putBack() {
+    TestStore store(DISK_FOLDER);
+    for (unsigned at = 0; at < 3; ++at) note(store.add({"g", "k" + std::to_string(at), noise(1500, at)}));
+    DiskImage image = disk_.image();
+    const Content old = image.files.at(image.names.at("store"));
+    GenRegStatus status;
+    note(store.status(status));
+    const std::uint64_t used = status.usedBytes;
+    for (unsigned at = 0; at < 6; ++at) note(store.add({"gone", "g" + std::to_string(at), noise(3500, 20 + at)}));
+    image = disk_.image();
+    note(store.status(status));
+    ASSERT_GT(status.backupBytes, used + 3500);
+    image.files[image.names.at("store")] = old;
+    disk_.boot(image);
+  }
+  void addNew(TestStore& store, unsigned count) {
+    for (unsigned at = 0; at < count; ++at) note(store.add({"new", "n" + std::to_string(at), noise(3500, 40 + at)}));
+  }
+};
+
+TEST_F(CopiesPutBack, AreNotMixedWithABackupOfAnotherHistory) {
+  for (const unsigned others : {1u, 5u, 6u, 8u}) {
+    disk_.boot({});
+    ASSERT_NO_FATAL_FAILURE(putBack());
+    {
+      TestStore store(DISK_FOLDER);
+      store.unsetFeature(GenRegBase::FEATURE_BACKUP);
+      addNew(store, others);
+    }
+    take();
+    for (const std::size_t at : {std::size_t{8192}, used_ - 4000, used_ - 40}) {
+      const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+      std::fill_n(bytes->begin() + static_cast<std::ptrdiff_t>(at), 16, std::byte{0xFF});
+      DiskImage image = golden_;
+      image.files[image.names.at("store")] = bytes;
+      disk_.boot(image);
+      TestStore store(DISK_FOLDER);
+      for (const Value& value : store.list()) EXPECT_NE(value.group, "gone") << others << " at " << at;
+      EXPECT_EQ(store.repair(), MD_RC_OK);
+      for (const Value& value : store.list()) EXPECT_NE(value.group, "gone") << others << " repaired, at " << at;
+    }
+  }
+}
+
+TEST_F(CopiesPutBack, GetABackupOfTheirOwn) {
+  ASSERT_NO_FATAL_FAILURE(putBack());
+  TestStore store(DISK_FOLDER);
+  addNew(store, 12);
+  GenRegStatus status;
+  note(store.status(status));
+  const std::uint64_t reach = status.backupBytes;
+  take();
+  for (std::size_t at = format::LOG_START; at + 16 < reach; at += 512) {
+    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+    std::fill_n(bytes->begin() + static_cast<std::ptrdiff_t>(at), 16, std::byte{0xFF});
+    DiskImage image = golden_;
+    image.files[image.names.at("store")] = bytes;
+    disk_.boot(image);
+    EXPECT_EQ(store.repair(), MD_RC_OK);
+    EXPECT_EQ(store.list(), truth_) << "damage at " << at;
+  }
 }
 
 TEST_F(DamagedFiles, ABackupOfAFormerFileIsMadeAnew) {
