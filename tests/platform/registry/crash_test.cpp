@@ -119,6 +119,32 @@ class PowerCuts : public ::testing::Test {
     quietly([&](TestStore& store) { return store.add(value); }, with(now(), value));
   }
 
+  void addInOneBatch(const Values& values) {
+    const Work work = [&](TestStore& store) {
+      std::uint32_t rc = store.beginBatch();
+      for (const Value& value : values) rc |= store.add(value);
+      return rc | store.commitBatch();
+    };
+    Values after = now();
+    after.insert(after.end(), values.begin(), values.end());
+    quietly(work, after);
+  }
+
+  // The next sync fails, the ones after it do not.
+  static std::function<int(Call)> failedSync() {
+    return [failed = false](Call call) mutable {
+      const bool fails = call == Call::SYNC_DATA && !failed;
+      failed = failed || fails;
+      return fails ? EIO : 0;
+    };
+  }
+  std::uint32_t addWithFailedSync(TestStore& store, const Value& value) {
+    disk_.fault = failedSync();
+    const std::uint32_t rc = store.add(value);
+    disk_.fault = nullptr;
+    return rc;
+  }
+
   // Time goes by, and what waits to be written reaches the disk; what a failed sync took for clean does not wait.
   void writeBack() {
     for (const auto& [name, inode] : disk_.image().names) {
@@ -513,13 +539,7 @@ TEST_F(PowerCuts, TheIndexGetsANewArea) {
   secondEvery_ = 100;
   Values values;
   for (int at = 0; at < 180; ++at) values.push_back({"g" + std::to_string(at), "k" + std::to_string(at), "d"});
-  quietly(
-      [&](TestStore& store) {
-        std::uint32_t rc = store.beginBatch();
-        for (const Value& value : values) rc |= store.add(value);
-        return rc | store.commitBatch();
-      },
-      values);
+  addInOneBatch(values);
   for (int at = 180; at < 215; ++at) {
     const std::string name = std::to_string(at);
     add({"g" + name, "k" + name, name});
@@ -575,21 +595,9 @@ TEST_F(PowerCuts, AfterAFailedSync) {
   for (int at = 0; at < 21; ++at) addQuietly({"g" + std::to_string(at), "k" + std::to_string(at), "d"});
   for (int round = 0; round < 6; ++round) {
     const Value value{"failing" + std::to_string(round), "key", noise(900, static_cast<unsigned>(round))};
-    bool failed = false;
     std::vector<Values> after{with(now(), value), now()};
     step(
-        "failing add",
-        [&](TestStore& store) {
-          disk_.fault = [&failed](Call call) {
-            const bool fails = call == Call::SYNC_DATA && !failed;
-            failed = failed || fails;
-            return fails ? EIO : 0;
-          };
-          const std::uint32_t rc = store.add(value);
-          disk_.fault = nullptr;
-          return rc;
-        },
-        after, GENREG_RC_IO_ERROR);
+        "failing add", [&](TestStore& store) { return addWithFailedSync(store, value); }, after, GENREG_RC_IO_ERROR);
     add({"next" + std::to_string(round), "key", noise(100, static_cast<unsigned>(round))});
   }
 }
@@ -599,25 +607,12 @@ TEST_F(PowerCuts, AfterAFailedSyncOfManyBlocks) {
   statesPerPoint_ = 8;
   Values values;
   for (int at = 0; at < 500; ++at) values.push_back({"g" + std::to_string(at), "k" + std::to_string(at), ""});
-  quietly(
-      [&](TestStore& store) {
-        std::uint32_t rc = store.beginBatch();
-        for (const Value& value : values) rc |= store.add(value);
-        return rc | store.commitBatch();
-      },
-      values);
+  addInOneBatch(values);
   for (int at = 0; at < 25; ++at) {
     const std::string name = std::to_string(at);
-    bool failed = false;
     if (at == 21) {
       const Work failing = [&](TestStore& store) {
-        disk_.fault = [&failed](Call call) {
-          const bool fails = call == Call::SYNC_DATA && !failed;
-          failed = failed || fails;
-          return fails ? EIO : 0;
-        };
-        const std::uint32_t rc = store.add({"failing", "failing", ""});
-        disk_.fault = nullptr;
+        const std::uint32_t rc = addWithFailedSync(store, {"failing", "failing", ""});
         return rc == GENREG_RC_IO_ERROR ? MD_RC_OK : rc + 1;
       };
       quietly(failing, now());
@@ -667,14 +662,6 @@ class RefusedBatches : public PowerCuts {
     ASSERT_EQ((publishedEnd() - reach) % UNIT, 0u);
   }
 
-  static std::function<int(Call)> failedSync() {
-    return [failed = false](Call call) mutable {
-      const bool fails = call == Call::SYNC_DATA && !failed;
-      failed = failed || fails;
-      return fails ? EIO : 0;
-    };
-  }
-
   // Of the taking back only the mark reaches the file.
   static std::function<int(Call)> failedSyncAndSlot() {
     return [sync = failedSync(), failed = false, writes = 0](Call call) mutable {
@@ -690,7 +677,7 @@ class RefusedBatches : public PowerCuts {
 };
 
 TEST_F(RefusedBatches, AreTakenBackBeforeOnePartIsDoneAgain) {
-  for (const std::uint64_t reach : {0, 8, 16, 504}) refuseAndRedo(400, reach, failedSync);
+  for (const std::uint64_t reach : {0u, 8u, 16u, 504u}) refuseAndRedo(400, reach, failedSync);
 }
 
 // The whole batch is durable when its publishing fails, and its second part lies far behind its start.
@@ -704,11 +691,11 @@ TEST_F(RefusedBatches, AreTakenBackWholeWhateverTheirLength) {
     };
   };
   largestData = 2 * SMALL_RECORDS;
-  for (const std::uint64_t reach : {0, 504}) refuseAndRedo(9000, reach, failedSlot);
+  for (const std::uint64_t reach : {0u, 504u}) refuseAndRedo(9000, reach, failedSlot);
 }
 
 TEST_F(RefusedBatches, AreClearedAwayByTheNextWriter) {
-  for (const std::uint64_t reach : {0, 8, 16, 504}) refuseAndRedo(400, reach, failedSyncAndSlot);
+  for (const std::uint64_t reach : {0u, 8u, 16u, 504u}) refuseAndRedo(400, reach, failedSyncAndSlot);
 }
 
 // A power cut takes the first part of a batch under way and leaves the second, out of sight.
@@ -719,7 +706,7 @@ TEST_F(RefusedBatches, AreClearedAwayWhenAPowerCutHidThem) {
       return dead ? EINTR : 0;
     };
   };
-  for (const std::uint64_t reach : {0, 8, 16, 504}) {
+  for (const std::uint64_t reach : {0u, 8u, 16u, 504u}) {
     const auto cutFirstPart = [&] {
       const std::uint64_t end = publishedEnd();
       DiskImage image = disk_.image();
