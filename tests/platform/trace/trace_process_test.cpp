@@ -285,6 +285,7 @@ TEST_F(TraceProcess, AForkedChildRecordsIntoARingOfItsOwn) {
 
 TEST_F(TraceProcess, AChildForkedWhileThreadsRecordDoesNotTouchTheParentsRing) {
   TracedProcess process(ring());
+  process.tell("call 1");  // makes the ring; else it would be of whoever records first, and that may be a child
   process.tell("spin 3");
   std::set<std::string> children;
   for (int i = 0; i < 30; ++i) children.insert(process.tell("fork 50"));
