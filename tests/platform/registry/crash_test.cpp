@@ -405,6 +405,9 @@ class PowerCuts : public ::testing::Test {
     if (store.status(status) != MD_RC_OK || status.damaged != 0) return fail("the full check meets damage");
     if (status.repairs != 0) return fail("something was repaired");
     if (status.records != listed.size() + 1) return fail("the count of records is wrong");
+    std::uint64_t bytes = encode(probe).size();
+    for (const Value& value : listed) bytes += encode(value).size();
+    if (status.recordBytes != bytes) return fail("the sum of the records' sizes is wrong");
     if (disk_.image().has("store.cor")) return fail("a corrupt copy was made");
     disk_.isRecording = recording;
     return true;

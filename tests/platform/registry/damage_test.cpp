@@ -108,6 +108,29 @@ class DamagedFiles : public ::testing::Test {
 
   const Bytes& bytesOf(const std::string& name) const { return *golden_.files.at(golden_.names.at(name)); }
 
+  // The last frame of a kind in the file that was taken.
+  Frame lastFrame(format::FrameKind kind) const {
+    const Bytes& bytes = bytesOf("store");
+    const FrameKey key{.salt = saltOf(loadAt<format::FileHeader>(bytes, 0).fileId), .indexCount = 2};
+    Frame last;
+    Frame frame;
+    for (std::uint64_t at = format::LOG_START; at < used_; at = frame.end()) {
+      if (parseHead(std::span(bytes).subspan(at), at, key, frame) != ParseResult::OK) break;
+      if (frame.kind == kind) last = frame;
+    }
+    EXPECT_EQ(last.kind, kind);
+    return last;
+  }
+
+  // The file that was taken, with one byte changed.
+  void bootWithFlipped(std::uint64_t offset) {
+    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+    (*bytes)[offset] ^= std::byte{1};
+    DiskImage image = golden_;
+    image.files[image.names.at("store")] = bytes;
+    disk_.boot(image);
+  }
+
   void fail(const std::string& what) {
     if (++failures_ <= MOST_FAILURES) ADD_FAILURE() << where_ << ": " << what;
   }
@@ -647,6 +670,47 @@ TEST_F(CopiesPutBack, GetABackupOfTheirOwn) {
     EXPECT_EQ(store.repair(), MD_RC_OK);
     EXPECT_EQ(store.list(), truth_) << "damage at " << at;
   }
+}
+
+TEST_F(DamagedFiles, ASummaryIsNotBelievedWithoutItsChecksum) {
+  TestStore store(DISK_FOLDER);
+  store.unsetFeature(GenRegBase::FEATURE_BACKUP);
+  for (const char* key : {"a", "b", "c"}) note(store.add({"g", key, "x"}));
+  for (int at = 0; at < 60; ++at) note(store.change({"g", "a", std::to_string(at)}));
+  take();
+  const Frame summary = lastFrame(format::FrameKind::SUMMARY);
+  // The place of the first of its records, which would then come last.
+  bootWithFlipped(summary.offset + summary.headSize + 5);
+  EXPECT_EQ(store.list(GROUP, {"g", "", ""}), truth_);
+}
+
+TEST_F(DamagedFiles, ARemovalThatWasLostLeavesOneRecordOfItsKey) {
+  TestStore store(DISK_FOLDER);
+  store.unsetFeature(GenRegBase::FEATURE_BACKUP);
+  for (const char* key : {"before", "twice", "behind"}) note(store.add({"g", key, "first"}));
+  note(store.remove("g", "twice"));
+  note(store.add({"g", "twice", "second"}));
+  take();
+  bootWithFlipped(lastFrame(format::FrameKind::REMOVE).offset + 9);
+  ASSERT_EQ(store.repair(), MD_RC_OK);
+  EXPECT_EQ(store.list(), (Values{{"g", "before", "first"}, {"g", "twice", "second"}, {"g", "behind", "first"}}));
+  GenRegStatus status;
+  ASSERT_EQ(store.status(status), MD_RC_OK);
+  EXPECT_GT(status.lostBytes, 0u);
+}
+
+TEST_F(DamagedFiles, AnEmptyFileIsMadeARecordFileByRepair) {
+  makeSmall();
+  DiskImage image = golden_;
+  image.files[image.names.at("store")] = std::make_shared<Bytes>();
+  image.names.erase(".store.bkp");
+  disk_.boot(image);
+  TestStore store(DISK_FOLDER);
+  ASSERT_EQ(store.repair(), MD_RC_OK);
+  EXPECT_GE(disk_.image().files.at(disk_.image().names.at("store"))->size(), format::LOG_START);
+  EXPECT_EQ(store.add(PROBE), MD_RC_OK);
+  EXPECT_EQ(store.list(), Values{PROBE});
+  EXPECT_FALSE(disk_.image().has("store.cor"));
 }
 
 TEST_F(DamagedFiles, ABackupOfAFormerFileIsMadeAnew) {
