@@ -42,13 +42,6 @@ unsigned scale() {
   return told < 1 ? 1 : static_cast<unsigned>(told);
 }
 
-std::string noise(std::size_t size, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string text(size, ' ');
-  for (char& letter : text) letter = static_cast<char>('a' + random() % 26);
-  return text;
-}
-
 Values with(Values values, const Value& value) {
   values.push_back(value);
   return values;

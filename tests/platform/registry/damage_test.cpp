@@ -28,15 +28,6 @@ constexpr std::size_t SMALL_RECORDS = 4096;
 constexpr int MOST_FAILURES = 5;
 const Value PROBE{"probe", "probe", "p"};
 
-std::string noise(std::size_t size, unsigned seed) {
-  std::string out(size, ' ');
-  for (char& letter : out) {
-    seed = seed * 1103515245 + 12345;
-    letter = static_cast<char>('a' + (seed >> 16) % 26);
-  }
-  return out;
-}
-
 template <class T>
 T loadAt(const Bytes& bytes, std::size_t at) {
   T value;

@@ -65,15 +65,6 @@ constexpr int MOST_FAILURES = 5;
 
 std::string text(std::size_t size, char letter) { return std::string(size, letter); }
 
-std::string noise(std::size_t size, unsigned seed) {
-  std::string out(size, ' ');
-  for (char& letter : out) {
-    seed = seed * 1103515245 + 12345;
-    letter = static_cast<char>('a' + (seed >> 16) % 26);
-  }
-  return out;
-}
-
 // What an operation does, with its records made beforehand.
 struct Operation {
   const char* name;

@@ -27,15 +27,6 @@ using Values = std::vector<Value>;
 
 std::string numbered(const char* prefix, int number) { return prefix + std::to_string(number); }
 
-std::string noise(std::size_t size, unsigned seed) {
-  std::string out(size, ' ');
-  for (char& letter : out) {
-    seed = seed * 1103515245 + 12345;
-    letter = static_cast<char>('a' + (seed >> 16) % 26);
-  }
-  return out;
-}
-
 // Runs work in a child; the child's exit status, -1 when it did not end by itself within half a minute.
 int inChild(const std::function<int()>& work) {
   const pid_t child = fork();

@@ -175,6 +175,16 @@ class TestStore : public GenRegBin {
   }
 };
 
+// Letters without a pattern, the same for the same seed.
+inline std::string noise(std::size_t size, unsigned seed) {
+  std::string out(size, ' ');
+  for (char& letter : out) {
+    seed = seed * 1103515245 + 12345;
+    letter = static_cast<char>('a' + (seed >> 16) % 26);
+  }
+  return out;
+}
+
 // Damages one byte, whatever it was: what a file holds is random in part.
 inline void flipByte(const std::filesystem::path& path, std::streamoff offset) {
   std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
