@@ -130,7 +130,8 @@ bool Salvage::tellsOtherHistory(const HeaderPage& filePage, const HeaderPage& ba
   if (ofFile.end == ofBackup.end) return ofFile.chain != ofBackup.chain;
   Frame frame;
   if (ofBackup.end < ofFile.end) return file_->hasFrame(ofBackup.end, frame) && frame.chain != ofBackup.chain;
-  // No backup is ahead of its file, but of one that lost its newest slot.
+  // A backup is ahead of the slots only after a power cut, or when the newest one is lost. In the first case the file
+  // has all of its frames too, so that a backup that cannot be placed is no loss.
   return backup_->hasFrame(ofFile.end, frame) ? frame.chain != ofFile.chain : filePage.bothSlots();
 }
 

@@ -113,13 +113,22 @@ class DamagedFiles : public ::testing::Test {
     return last;
   }
 
-  // The file that was taken, with one byte changed.
-  void bootWithFlipped(std::uint64_t offset) {
-    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-    (*bytes)[offset] ^= std::byte{1};
+  // What was taken, with these bytes in the place of the file.
+  void bootWith(const Content& bytes) {
     DiskImage image = golden_;
     image.files[image.names.at("store")] = bytes;
     disk_.boot(image);
+  }
+  void bootWithFlipped(std::uint64_t offset) {
+    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+    (*bytes)[offset] ^= std::byte{1};
+    bootWith(bytes);
+  }
+  // The file that was taken, with 16 bytes overwritten.
+  std::shared_ptr<Bytes> spoiltAt(std::size_t offset) const {
+    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+    std::fill_n(bytes->begin() + static_cast<std::ptrdiff_t>(offset), 16, std::byte{0xFF});
+    return bytes;
   }
 
   void fail(const std::string& what) {
@@ -430,9 +439,7 @@ TEST_F(DamagedFiles, ASlotInThePlaceOfTheOtherDoesNotCount) {
   const auto first = loadAt<format::Slot>(*bytes, format::SLOT_OFFSET[0]);
   storeAt(*bytes, format::SLOT_OFFSET[0], loadAt<format::Slot>(*bytes, format::SLOT_OFFSET[1]));
   storeAt(*bytes, format::SLOT_OFFSET[1], first);
-  DiskImage image = golden_;
-  image.files[image.names.at("store")] = bytes;
-  disk_.boot(image);
+  bootWith(bytes);
   TestStore store(DISK_FOLDER);
   EXPECT_EQ(store.list(), truth_);
   GenRegStatus status{};
@@ -462,9 +469,7 @@ TEST_F(DamagedFiles, ANewerFormatIsRefusedAndUntouched) {
     header.crc = headerChecksum(header) + (header.version == format::FORMAT_VERSION + 2 ? 1 : 0);
     storeAt(*bytes, 0, header);
     storeAt(*bytes, format::HEADER_COPY_OFFSET, header);
-    DiskImage image = golden_;
-    image.files[image.names.at("store")] = bytes;
-    disk_.boot(image);
+    bootWith(bytes);
     TestStore store(DISK_FOLDER);
     Value value;
     std::uint32_t rc = MD_RC_OK;
@@ -631,11 +636,7 @@ TEST_F(CopiesPutBack, AreNotMixedWithABackupOfAnotherHistory) {
     }
     take();
     for (const std::size_t at : {std::size_t{8192}, used_ - 4000, used_ - 40}) {
-      const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-      std::fill_n(bytes->begin() + static_cast<std::ptrdiff_t>(at), 16, std::byte{0xFF});
-      DiskImage image = golden_;
-      image.files[image.names.at("store")] = bytes;
-      disk_.boot(image);
+      bootWith(spoiltAt(at));
       TestStore store(DISK_FOLDER);
       for (const Value& value : store.list()) EXPECT_NE(value.group, "gone") << others << " at " << at;
       EXPECT_EQ(store.repair(), MD_RC_OK);
@@ -653,11 +654,7 @@ TEST_F(CopiesPutBack, GetABackupOfTheirOwn) {
   const std::uint64_t reach = status.backupBytes;
   take();
   for (std::size_t at = format::LOG_START; at + 16 < reach; at += 512) {
-    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-    std::fill_n(bytes->begin() + static_cast<std::ptrdiff_t>(at), 16, std::byte{0xFF});
-    DiskImage image = golden_;
-    image.files[image.names.at("store")] = bytes;
-    disk_.boot(image);
+    bootWith(spoiltAt(at));
     EXPECT_EQ(store.repair(), MD_RC_OK);
     EXPECT_EQ(store.list(), truth_) << "damage at " << at;
   }
@@ -721,9 +718,7 @@ TEST_F(DamagedFiles, ABackupOfAFormerFileIsMadeAnew) {
   }
   hasBackup_ = true;
   for (std::size_t at = format::LOG_START; at < used_; at += 512) {
-    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-    std::fill_n(bytes->begin() + static_cast<std::ptrdiff_t>(at), 16, std::byte{0xFF});
-    check("bytes at " + std::to_string(at), bytes);
+    check("bytes at " + std::to_string(at), spoiltAt(at));
   }
 }
 
