@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "api/cells.h"
+#include "platform/guarded.h"
 #include "platform/trace_scope.h"
 #include "stores/store_scopes.h"
 #include "zonmdfile/MDContact.h"
@@ -82,7 +83,7 @@ template <class Store, class Body>
 std::uint32_t withStore(Body&& body) {
   const std::unique_ptr<Store> store(new (std::nothrow) Store);
   if (store == nullptr) return MD_RC_NO_DATA;
-  return returnCodeOf([&] { return std::forward<Body>(body)(*store); });
+  return guarded([&] { return std::forward<Body>(body)(*store); });
 }
 
 // Hands all results out, or none: the first empty one, or a lack of memory, keeps every cell as it was.

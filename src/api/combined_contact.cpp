@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "api/MDRegFactory.h"
+#include "platform/guarded.h"
 #include "record/tokenized_text.h"
 #include "stores/contact_fields.h"
 #include "zonmdfile/MDContact.h"
@@ -98,7 +99,7 @@ void writeContact(std::uint32_t tracePoint, WriteOperation operation, const void
   DString name;
   DString data;
   DString version;
-  std::uint32_t rc = returnCodeOf([&] {
+  std::uint32_t rc = guarded([&] {
     const auto* number = static_cast<const std::uint32_t*>(reserved);
     name = block.input(NAME_SLOT);
     data = joinFields(block);

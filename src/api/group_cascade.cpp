@@ -12,6 +12,7 @@
 #include <unordered_map>
 
 #include "api/MDRegFactory.h"
+#include "platform/guarded.h"
 #include "record/tokenized_text.h"
 #include "stores/contact_group_lists.h"
 
@@ -128,7 +129,7 @@ std::uint32_t Withdrawal::findRest(DString& parent, bool hasRemoved) {
 }  // namespace
 
 std::uint32_t withdrawMember(const char* member, char kind) noexcept {
-  return returnCodeOf([&] {
+  return guarded([&] {
     DString name(member);
     return removeMemberFromGroups(name, DString(kind));
   });

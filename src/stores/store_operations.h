@@ -11,6 +11,7 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/guarded.h"
 #include "record/record_callbacks.h"
 #include "record/record_layout.h"
 #include "record/tokenized_text.h"
@@ -145,7 +146,7 @@ std::uint32_t getRecord(GenRegBin& file, const char* source, const Keys<Layout>&
     version.assign(record.version());
     return MD_RC_OK;
   };
-  const std::uint32_t rc = returnCodeOf(get);
+  const std::uint32_t rc = guarded(get);
   if (rc != MD_RC_OK) {
     data.clear();
     version.clear();

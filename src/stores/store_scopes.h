@@ -6,9 +6,9 @@
 
 #include <cstdint>
 #include <initializer_list>
-#include <new>
 #include <utility>
 
+#include "platform/guarded.h"
 #include "platform/trace_scope.h"
 #include "zonmdfile/platform/DString.h"
 #include "zonmdfile/platform/GenRegBin.h"
@@ -16,25 +16,13 @@
 
 namespace zon {
 
-// What body returns, or the code for the exception that ends it: no exception crosses an exported function.
-template <class Body>
-std::uint32_t returnCodeOf(Body&& body) noexcept {
-  try {
-    return std::forward<Body>(body)();
-  } catch (const std::bad_alloc&) {
-    return GENREG_RC_NO_MEMORY;
-  } catch (...) {
-    return GENREG_RC_INTERNAL;
-  }
-}
-
 // One traced operation of a store: entry, its arguments, exit with the code; exceptions become codes.
 template <class Body>
 std::uint32_t tracedOperation(std::uint32_t point, std::initializer_list<const DString*> arguments,
                               Body&& body) noexcept {
   TraceScope trace(point);
   for (const DString* argument : arguments) trace.variable(argument->c_str(), argument->length());
-  return trace.exit(returnCodeOf(std::forward<Body>(body)));
+  return trace.exit(guarded(std::forward<Body>(body)));
 }
 
 // A scan that OpenScan has begun.

@@ -1,7 +1,7 @@
 // The record operations: each is a reader's question or a transaction of its own, unless a batch is under way.
 #include "zonmdfile/platform/GenRegBin.h"
 
-#include "platform/registry/engine_access.h"
+#include "platform/guarded.h"
 #include "platform/registry/reader.h"
 #include "platform/registry/transaction.h"
 

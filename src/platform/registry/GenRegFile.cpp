@@ -5,7 +5,7 @@
 #include <memory>
 #include <string_view>
 
-#include "platform/registry/engine_access.h"
+#include "platform/guarded.h"
 #include "platform/registry/reader.h"
 #include "platform/registry/transaction.h"
 

@@ -5,7 +5,7 @@
 #include <bit>
 #include <cstring>
 
-#include "platform/registry/engine_access.h"
+#include "platform/guarded.h"
 #include "platform/registry/log_scan.h"
 #include "platform/registry/zero_runs.h"
 

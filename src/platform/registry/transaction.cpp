@@ -9,7 +9,7 @@
 #include <cstring>
 #include <utility>
 
-#include "platform/registry/engine_access.h"
+#include "platform/guarded.h"
 #include "platform/registry/log_scan.h"
 #include "platform/registry/salvage.h"
 #include "platform/registry/system_calls.h"
