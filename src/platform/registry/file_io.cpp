@@ -179,11 +179,15 @@ std::uint32_t writeAt(int file, std::uint64_t offset, std::span<const std::byte>
   return MD_RC_OK;
 }
 
+std::uint32_t requireAllowedSize(std::uint64_t size) {
+  struct rlimit limit;
+  if (systemCalls.getResourceLimit(RLIMIT_FSIZE, &limit) != 0) return MD_RC_OK;
+  return size > limit.rlim_cur ? GENREG_RC_FILE_TOO_LARGE : MD_RC_OK;
+}
+
 std::uint32_t reserve(int file, std::uint64_t oldSize, std::uint64_t size) {
   if (size <= oldSize) return MD_RC_OK;
-  // Asked beforehand, as passing the limit would send the process a signal that ends it.
-  struct rlimit limit;
-  if (systemCalls.getResourceLimit(RLIMIT_FSIZE, &limit) == 0 && size > limit.rlim_cur) return GENREG_RC_FILE_TOO_LARGE;
+  if (const std::uint32_t rc = requireAllowedSize(size)) return rc;
   const auto from = static_cast<off_t>(oldSize);
   const auto count = static_cast<off_t>(size - oldSize);
   if (uninterrupted([&] { return systemCalls.fallocate(file, 0, from, count); }) == 0) return MD_RC_OK;

@@ -82,6 +82,11 @@ std::uint64_t skipHole(int file, std::uint64_t offset, std::uint64_t end);
 // Writes the whole range or fails.
 std::uint32_t writeAt(int file, std::uint64_t offset, std::span<const std::byte> range);
 
+// GENREG_RC_FILE_TOO_LARGE when this process may not write up to `size`: a write, an allocation or a growing cut beyond
+// its limit would send it a signal that ends it. To be asked before the first of several writes below `size`. That the
+// limit is lowered between the question and the writes, microseconds later, is left to whoever lowers it.
+std::uint32_t requireAllowedSize(std::uint64_t size);
+
 // Makes [0, size) exist, with room on the disk where the file system can promise it; never shrinks.
 std::uint32_t reserve(int file, std::uint64_t oldSize, std::uint64_t size);
 

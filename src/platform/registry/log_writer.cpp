@@ -90,6 +90,7 @@ std::uint32_t LogWriter::open(int file, std::uint64_t fileSize) {
 // the blocks that the slot takes for applied are applied again, and the slot itself is written again. The bytes at the
 // end go last: should this writer die too, the next one sees by them that something is to be settled.
 std::uint32_t LogWriter::settle() {
+  if (const std::uint32_t rc = requireAllowedSize(touchedSize())) return rc;
   slot_.overlayApplied = 0;
   published_.overlayApplied = 0;
   if (const std::uint32_t rc = adoptCommits()) return rc;
@@ -333,6 +334,10 @@ std::uint32_t LogWriter::appendArea(std::uint64_t blockCount) {
 
 bool LogWriter::isHeavy() const { return pending_.size() > HEAVY_PENDING || newHeadCount() > HEAVY_HEADS; }
 
+// Whatever is written without growing the file lies below this: slots, blocks, frames, and the mark and zeros that take
+// a commit back.
+std::uint64_t LogWriter::touchedSize() const { return std::max(fileSize_, published_.end + format::TERMINATOR_SIZE); }
+
 std::uint32_t LogWriter::ensureFileSize(std::uint64_t size) {
   if (size <= fileSize_) return MD_RC_OK;
   const std::uint64_t step = std::clamp(size / 32, LEAST_RESERVE, MOST_RESERVE);
@@ -569,6 +574,8 @@ std::size_t LogWriter::mergedOverlaySize() const { return mergedOverlay().size()
 
 std::uint32_t LogWriter::commit() {
   if (!isDirty()) return MD_RC_OK;
+  // Before the first byte is written: what would have to be taken back could not be written either.
+  if (const std::uint32_t rc = requireAllowedSize(touchedSize())) return rc;
   const std::uint32_t rc = guarded([this] { return commitAppended(); });
   if (rc != MD_RC_OK) return takeBack() ? rc : GENREG_RC_DURABILITY_UNKNOWN;
   // What fails here is tried again by a later commit.

@@ -104,6 +104,7 @@ class LogWriter : public LogView {
   std::vector<format::OverlayEntry> mergedOverlay() const;
   std::uint32_t applyToBlocks(std::vector<format::OverlayEntry> entries);
   std::uint32_t flushPending();
+  std::uint64_t touchedSize() const;
   std::uint32_t ensureFileSize(std::uint64_t size);
   std::uint32_t publish(const std::vector<format::OverlayEntry>& overlay, std::size_t applied);
   std::uint32_t writeSlot(format::Slot& slot);

@@ -149,6 +149,7 @@ struct SimulatedCalls {
     if (open == nullptr || open->inode == nullptr) return fail(EBADF);
     const std::size_t count = theDisk->mostBytes != 0 ? std::min(size, theDisk->mostBytes) : size;
     const auto from = static_cast<std::size_t>(offset);
+    if (theDisk->passesLimit(from + count)) return fail(EFBIG);
     resize(*open->inode, std::max(open->inode->bytes->size(), from + count));
     const auto* bytes = static_cast<const std::byte*>(data);
     std::copy(bytes, bytes + count, theDisk->writable(*open->inode).begin() + static_cast<std::ptrdiff_t>(from));
@@ -184,7 +185,9 @@ struct SimulatedCalls {
     if (const int error = theDisk->failing(Call::ALLOCATE)) return fail(error);
     SimulatedDisk::Open* open = theDisk->find(descriptor);
     if (open == nullptr || open->inode == nullptr) return fail(EBADF);
-    resize(*open->inode, std::max(open->inode->bytes->size(), static_cast<std::size_t>(offset + size)));
+    const std::size_t end = std::max(open->inode->bytes->size(), static_cast<std::size_t>(offset + size));
+    if (end > open->inode->bytes->size() && theDisk->passesLimit(end)) return fail(EFBIG);
+    resize(*open->inode, end);
     return 0;
   }
 
@@ -192,6 +195,8 @@ struct SimulatedCalls {
     if (const int error = theDisk->failing(Call::TRUNCATE)) return fail(error);
     SimulatedDisk::Open* open = theDisk->find(descriptor);
     if (open == nullptr || open->inode == nullptr) return fail(EBADF);
+    const bool grows = static_cast<std::size_t>(size) > open->inode->bytes->size();
+    if (grows && theDisk->passesLimit(static_cast<std::uint64_t>(size))) return fail(EFBIG);
     resize(*open->inode, static_cast<std::size_t>(size));
     return 0;
   }
@@ -298,7 +303,7 @@ struct SimulatedCalls {
   }
 
   static int getResourceLimit(int, struct rlimit* limit) {
-    limit->rlim_cur = limit->rlim_max = RLIM_INFINITY;
+    limit->rlim_cur = limit->rlim_max = theDisk->mostFileSize == 0 ? RLIM_INFINITY : theDisk->mostFileSize - 1;
     return 0;
   }
 
@@ -357,6 +362,12 @@ SimulatedDisk::~SimulatedDisk() {
 int SimulatedDisk::failing(Call call) {
   ++calls_;
   return fault ? fault(call) : 0;
+}
+
+bool SimulatedDisk::passesLimit(std::uint64_t size) {
+  const bool passes = mostFileSize != 0 && size > mostFileSize - 1;
+  isLimitPassed = isLimitPassed || passes;
+  return passes;
 }
 
 void SimulatedDisk::record(DiskOp op) {

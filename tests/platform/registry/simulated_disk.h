@@ -98,6 +98,10 @@ class SimulatedDisk {
   // At most so many bytes by one read or write; 0 for no limit.
   std::size_t mostBytes = 0;
 
+  // One more than the process's limit of a file's size; 0 for no limit. Whoever passes it would be killed.
+  std::uint64_t mostFileSize = 0;
+  bool isLimitPassed = false;
+
   std::size_t openDescriptors() const { return descriptors_.size(); }
   std::size_t callCount() const { return calls_; }
 
@@ -116,6 +120,7 @@ class SimulatedDisk {
   };
 
   int failing(Call call);
+  bool passesLimit(std::uint64_t size);
   void record(DiskOp op);
   Open* find(int descriptor);
   Bytes& writable(Inode& inode);
