@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/admin/return_code_table.h"
 #include "platform/trace_scope.h"
 #include "record/record_layout.h"
 #include "zonmdfile/platform/admin.h"
@@ -12,10 +13,10 @@
 
 namespace {
 
-constexpr std::int32_t SQLCODE_CONTACT_EXISTS = -22270;
-constexpr std::int32_t SQLCODE_CONTACT_MISSING = -22271;
-constexpr std::int32_t SQLCODE_RECORD_EXISTS = -22272;
-constexpr std::int32_t SQLCODE_RECORD_MISSING = -22273;
+using zon::SQLCODE_CONTACT_EXISTS;
+using zon::SQLCODE_CONTACT_MISSING;
+using zon::SQLCODE_RECORD_EXISTS;
+using zon::SQLCODE_RECORD_MISSING;
 
 constexpr bool hasMessage(std::int32_t sqlcode) {
   return sqlcode <= SQLCODE_CONTACT_EXISTS && sqlcode >= SQLCODE_RECORD_MISSING;

@@ -48,9 +48,9 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
    * and this object sees them all. A crash leaves a prefix of them. beginBatch takes the lock; a batch that grows large
    * is synced in between. Destroying the object without commitBatch takes back what was not synced yet. While a scan is
    * open within a batch, changes are refused with GENREG_RC_SCAN_OPEN. commitBatch ends the batch, whatever it answers,
-   * and a scan that was opened in it; GENREG_RC_NO_BATCH without one, or when beginBatch finds one under way. After a
-   * change that failed half way (no memory, a failed sync in between) all further ones of the batch, and commitBatch,
-   * answer that failure, and what was not synced is taken back.
+   * and a scan that was opened in it; GENREG_RC_NO_BATCH without one; while one is under way, beginBatch, repair and
+   * compact answer GENREG_RC_BATCH_OPEN. After a change that failed half way (no memory, a failed sync in between) all
+   * further ones of the batch, and commitBatch, answer that failure, and what was not synced is taken back.
    */
   std::uint32_t beginBatch();
   std::uint32_t commitBatch();

@@ -42,11 +42,12 @@
 #define GENREG_RC_NAME_TOO_LONG UINT32_C(0x9000020F) /* a path beyond the system's limits */
 #define GENREG_RC_NO_SCAN UINT32_C(0x90000210)       /* GetNext or CloseScan without an open scan */
 #define GENREG_RC_BAD_RECORD UINT32_C(0x90000211)    /* the record type's callbacks refuse the record or give no size */
-#define GENREG_RC_DURABILITY_UNKNOWN UINT32_C(0x90000212) /* a file is in place, its directory could not be synced */
+#define GENREG_RC_DURABILITY_UNKNOWN UINT32_C(0x90000212) /* made, but not confirmed to outlast a power cut */
 #define GENREG_RC_LOCK_UNSUPPORTED UINT32_C(0x90000213)   /* the file system has no locks */
 #define GENREG_RC_SYSTEM_ERROR UINT32_C(0x90000214)       /* any other failure of a system call */
 #define GENREG_RC_INTERNAL UINT32_C(0x90000215)           /* a state that must not occur; please report it */
 #define GENREG_RC_SCAN_OPEN UINT32_C(0x90000216)          /* not possible while a scan of this object is open */
-#define GENREG_RC_NO_BATCH UINT32_C(0x90000217)           /* commitBatch without a batch, or beginBatch within one */
+#define GENREG_RC_NO_BATCH UINT32_C(0x90000217)           /* commitBatch without a batch */
+#define GENREG_RC_BATCH_OPEN UINT32_C(0x90000218)         /* not possible while a batch of this object is under way */
 
 #endif

@@ -12,8 +12,8 @@ namespace zon {
 namespace {
 
 // SQLSTATE classes: 02 no data, 08 outcome of a change unknown, 0A not supported, 22 bad data, 23 constraint, 24 scan
-// state, 25 read-only, 42 wrong object or no right to it, 54 limit of the system, 57 resource not available, 58 system
-// error.
+// state, 25 read-only or state of a batch, 42 wrong object or no right to it, 54 limit of the system, 57 resource not
+// available, 58 system error.
 constexpr std::array RETURN_CODES{
     ReturnCode{MD_RC_OK, "MD_RC_OK", 0, "00000", "Success. Nothing needs to be done."},
 
@@ -46,8 +46,7 @@ constexpr std::array RETURN_CODES{
 
     ReturnCode{GENREG_RC_LOCK_TIMEOUT, "GENREG_RC_LOCK_TIMEOUT", -22320, "57033",
                "Another process kept the record file locked for longer than the lock wait; nothing was changed. Try "
-               "again, and "
-               "look for a process that is stopped or hangs if it happens again."},
+               "again, and look for a process that is stopped or hangs if it happens again."},
     ReturnCode{
         GENREG_RC_DAMAGED, "GENREG_RC_DAMAGED", -22321, "58004",
         "Part of the record file that is needed for the answer is damaged. Keep a copy of the file, then let a change "
@@ -86,8 +85,7 @@ constexpr std::array RETURN_CODES{
         "records that are no longer needed."},
     ReturnCode{GENREG_RC_NOT_REGULAR, "GENREG_RC_NOT_REGULAR", -22332, "42809",
                "Something that is no regular file (a link, directory, pipe or device) stands at the name of the record "
-               "file or a "
-               "companion. Remove it and find out who put it there."},
+               "file or a companion. Remove it and find out who put it there."},
     ReturnCode{GENREG_RC_NO_DIRECTORY, "GENREG_RC_NO_DIRECTORY", -22333, "42704",
                "The metadata directory does not exist. Create it, or set another one."},
     ReturnCode{GENREG_RC_NAME_TOO_LONG, "GENREG_RC_NAME_TOO_LONG", -22334, "42622",
@@ -99,12 +97,10 @@ constexpr std::array RETURN_CODES{
                "The record was refused by the checks of its record type. Correct its lengths and fields."},
     ReturnCode{GENREG_RC_DURABILITY_UNKNOWN, "GENREG_RC_DURABILITY_UNKNOWN", -22337, "08007",
                "The change was made, but the system did not confirm that it would outlast a loss of power. Check the "
-               "disk, then "
-               "read the record and repeat the change if it is missing."},
+               "disk, then read the record and repeat the change if it is missing."},
     ReturnCode{GENREG_RC_LOCK_UNSUPPORTED, "GENREG_RC_LOCK_UNSUPPORTED", -22338, "0A000",
                "The file system of the metadata directory has no file locks, without which nothing is changed. Use a "
-               "directory "
-               "on another file system."},
+               "directory on another file system."},
     ReturnCode{GENREG_RC_SYSTEM_ERROR, "GENREG_RC_SYSTEM_ERROR", -22339, "58000",
                "A call to the operating system failed for an unusual reason. Look at the trace and the system log."},
     ReturnCode{
@@ -112,16 +108,17 @@ constexpr std::array RETURN_CODES{
         "The software met a state that must not occur. Keep the record file and a trace of the call, and report it."},
     ReturnCode{GENREG_RC_SCAN_OPEN, "GENREG_RC_SCAN_OPEN", -22341, "24502",
                "A scan is open on this object already. Close it first, or use a second object."},
-    ReturnCode{
-        GENREG_RC_NO_BATCH, "GENREG_RC_NO_BATCH", -22342, "25000",
-        "No batch of changes is under way on this object, or one is already. Begin and commit a batch in pairs."},
+    ReturnCode{GENREG_RC_NO_BATCH, "GENREG_RC_NO_BATCH", -22342, "25000",
+               "No batch of changes is under way on this object. Begin one before committing it."},
+    ReturnCode{GENREG_RC_BATCH_OPEN, "GENREG_RC_BATCH_OPEN", -22343, "25001",
+               "A batch of changes is under way on this object. Commit it first, or use a second object."},
 };
 
 constexpr std::array BOUNDARY_SQL_STATES{
-    SqlState{-22270, "23505"},  // a contact or contact group exists already
-    SqlState{-22271, "02000"},  // no such contact or contact group
-    SqlState{-22272, "23505"},  // any other record exists already
-    SqlState{-22273, "02000"},  // no such other record
+    SqlState{SQLCODE_CONTACT_EXISTS, "23505"},   // a contact or contact group exists already
+    SqlState{SQLCODE_CONTACT_MISSING, "02000"},  // no such contact or contact group
+    SqlState{SQLCODE_RECORD_EXISTS, "23505"},    // any other record exists already
+    SqlState{SQLCODE_RECORD_MISSING, "02000"},   // no such other record
     SqlState{UNKNOWN_CODE_SQLCODE, UNKNOWN_SQLCODE_SQLSTATE},
 };
 

@@ -21,6 +21,13 @@ struct SqlState {
   const char* sqlstate;
 };
 
+// What the boundary reports for a record that is there already, or missing, instead of the return code's own SQLCODE.
+// From the first to the last they are those that carry a message.
+inline constexpr std::int32_t SQLCODE_CONTACT_EXISTS = -22270;  // a contact or contact group
+inline constexpr std::int32_t SQLCODE_CONTACT_MISSING = -22271;
+inline constexpr std::int32_t SQLCODE_RECORD_EXISTS = -22272;  // any other record
+inline constexpr std::int32_t SQLCODE_RECORD_MISSING = -22273;
+
 inline constexpr std::int32_t UNKNOWN_CODE_SQLCODE = -22399;
 inline constexpr const char* UNKNOWN_SQLCODE_SQLSTATE = "58000";  // system error
 

@@ -136,7 +136,7 @@ std::uint32_t GenRegFile::CloseScan() {
 
 std::uint32_t GenRegFile::beginBatch() {
   return zon::guarded([&] {
-    if (batch_ != nullptr) return GENREG_RC_NO_BATCH;
+    if (batch_ != nullptr) return GENREG_RC_BATCH_OPEN;
     auto batch = std::make_unique<zon::Transaction>(recordType(), writerSettings());
     // Without a file there is nothing to change or remove yet; the first record added makes it.
     const std::uint32_t rc = batch->begin(false);
@@ -163,7 +163,8 @@ std::uint32_t GenRegFile::status(GenRegStatus& status) {
 
 std::uint32_t GenRegFile::repair() {
   return zon::guarded([&] {
-    if (scan_ != nullptr || batch_ != nullptr) return GENREG_RC_SCAN_OPEN;
+    if (batch_ != nullptr) return GENREG_RC_BATCH_OPEN;
+    if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     zon::WriterSettings settings = writerSettings();
     settings.repairs = true;
     zon::Transaction transaction(recordType(), settings);
@@ -179,7 +180,8 @@ std::uint32_t GenRegFile::repair() {
 
 std::uint32_t GenRegFile::compact() {
   return zon::guarded([&] {
-    if (scan_ != nullptr || batch_ != nullptr) return GENREG_RC_SCAN_OPEN;
+    if (batch_ != nullptr) return GENREG_RC_BATCH_OPEN;
+    if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     zon::Transaction transaction(recordType(), writerSettings());
     const std::uint32_t rc = transaction.begin(false);
     if (rc != MD_RC_OK) return rc == GENREG_RC_NOT_FOUND ? MD_RC_OK : rc;

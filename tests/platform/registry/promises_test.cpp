@@ -1230,13 +1230,34 @@ TEST_F(Refusals, MeetASecondBatchOfTheSameObject) {
   store_.setLockWait(0);
   for (const bool hasFile : {false, true}) {
     ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
-    EXPECT_EQ(store_.beginBatch(), GENREG_RC_NO_BATCH) << hasFile;
+    EXPECT_EQ(store_.beginBatch(), GENREG_RC_BATCH_OPEN) << hasFile;
     ASSERT_EQ(store_.add({"g", numbered("k", hasFile), "x"}), MD_RC_OK);
-    EXPECT_EQ(store_.beginBatch(), GENREG_RC_NO_BATCH) << hasFile;
+    EXPECT_EQ(store_.beginBatch(), GENREG_RC_BATCH_OPEN) << hasFile;
     EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
     EXPECT_EQ(store_.commitBatch(), GENREG_RC_NO_BATCH);
   }
   EXPECT_EQ(store_.list().size(), 2u);
+}
+
+TEST_F(Refusals, MeetCareOfTheFileWithinABatch) {
+  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
+  ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
+  EXPECT_EQ(store_.compact(), GENREG_RC_BATCH_OPEN);
+  EXPECT_EQ(store_.repair(), GENREG_RC_BATCH_OPEN);
+  ASSERT_EQ(store_.add({"g", "l", "x"}), MD_RC_OK);
+  EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
+  EXPECT_EQ(store_.compact(), MD_RC_OK);
+  EXPECT_EQ(store_.repair(), MD_RC_OK);
+  EXPECT_EQ(store_.list().size(), 2u);
+}
+
+TEST_F(Refusals, MeetCareOfTheFileWithinAScan) {
+  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
+  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
+  EXPECT_EQ(store_.compact(), GENREG_RC_SCAN_OPEN);
+  EXPECT_EQ(store_.repair(), GENREG_RC_SCAN_OPEN);
+  EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
+  EXPECT_EQ(store_.compact(), MD_RC_OK);
 }
 
 TEST_F(Refusals, WriteNothing) {
