@@ -9,6 +9,7 @@
 #include "platform/registry/crc32c.h"
 #include "platform/registry/file_io.h"
 #include "platform/registry/frame.h"
+#include "platform/registry/index_blocks.h"
 #include "platform/registry/system_calls.h"
 
 namespace zon {
@@ -34,9 +35,53 @@ std::uint32_t slotChecksum(const format::Slot& slot, std::uint32_t salt) {
   return crc32c(salt, bytes.data() + sizeof slot.crc, slotSize(slot) - sizeof slot.crc);
 }
 
+bool isFrameOffset(std::uint64_t offset, const format::Slot& slot) {
+  return offset >= format::LOG_START && offset < slot.end && offset % format::FRAME_ALIGNMENT == 0;
+}
+
+// Each segment lies behind the one before and below the end. Answers the bytes that they cover together.
+bool hasPossibleSegments(const format::Slot& slot, std::uint64_t& covered) {
+  const std::size_t count = segmentCount(slot);
+  std::uint64_t from = format::LOG_START;
+  covered = 0;
+  for (std::size_t at = 0; at < format::MAX_SEGMENTS; ++at) {
+    if (at >= count) {
+      if (slot.segments[at] != 0) return false;
+      continue;
+    }
+    const Segment segment = unpackSegment(slot.segments[at]);
+    const std::uint64_t size = segment.blockCount * format::BLOCK_SIZE;
+    if (segment.blockCount == 0 || segment.blockCount > format::MAX_BLOCKS) return false;
+    if (segment.offset < from || segment.offset > slot.end || size > slot.end - segment.offset) return false;
+    covered += size;
+    from = segment.offset + size;
+  }
+  return true;
+}
+
+bool hasPossibleOverlay(const format::Slot& slot) {
+  return std::all_of(slot.overlay, slot.overlay + slot.overlayCount, [&slot](const format::OverlayEntry& entry) {
+    const std::uint64_t index = entry.offsetAndIndex % format::FRAME_ALIGNMENT;
+    return index < format::MAX_INDEXES && isFrameOffset(entry.offsetAndIndex - index, slot);
+  });
+}
+
+// Whatever its checksum says, what a slot tells must be possible: nothing uses its numbers before this was asked.
+// Whether the file reaches as far as its end is for those to ask who know the file's size.
+bool isPossible(const format::Slot& slot) {
+  if (slot.end < format::LOG_START || slot.end >= format::MAX_OFFSET || slot.end % format::FRAME_ALIGNMENT != 0)
+    return false;
+  std::uint64_t covered = 0;
+  if (!hasPossibleSegments(slot, covered) || !hasPossibleOverlay(slot)) return false;
+  const std::uint64_t room = slot.end - format::LOG_START - covered;
+  return slot.sequence < format::MAX_SEQUENCE && slot.liveFrameBytes <= room &&
+         slot.records <= slot.liveFrameBytes / format::LEAST_RECORD_FRAME &&
+         (slot.firstEvent == 0 || isFrameOffset(slot.firstEvent, slot));
+}
+
 bool isIntact(const format::Slot& slot, std::uint32_t salt) {
   return slot.overlayCount <= format::OVERLAY_CAPACITY && slot.overlayApplied <= slot.overlayCount &&
-         slot.crc == slotChecksum(slot, salt) && slot.end >= format::LOG_START && slot.end < format::MAX_OFFSET;
+         slot.crc == slotChecksum(slot, salt) && isPossible(slot);
 }
 
 // The header from its copy, when the first one is unreadable.

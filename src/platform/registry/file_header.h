@@ -1,5 +1,5 @@
 // The header page: the file's own facts and the two slots that publish the log. Everything answered here has passed its
-// checksum.
+// checksum, and every number in it is possible: a slot that tells what cannot be counts as one that fails its checksum.
 #ifndef ZON_PLATFORM_REGISTRY_FILE_HEADER_H
 #define ZON_PLATFORM_REGISTRY_FILE_HEADER_H
 

@@ -166,6 +166,18 @@ std::uint64_t skipHole(int file, std::uint64_t offset, std::uint64_t end) {
   return std::min(end, std::max(offset, static_cast<std::uint64_t>(data)));
 }
 
+std::uint64_t dataBytes(int file, std::uint64_t end) {
+  std::uint64_t count = 0;
+  for (std::uint64_t at = skipHole(file, 0, end); at < end; at = skipHole(file, at, end)) {
+    const off_t found = systemCalls.seek(file, static_cast<off_t>(at), SEEK_HOLE);
+    if (found < 0 || static_cast<std::uint64_t>(found) <= at) return end;
+    const std::uint64_t hole = std::min(end, static_cast<std::uint64_t>(found));
+    count += hole - at;
+    at = hole;
+  }
+  return count;
+}
+
 std::uint32_t writeAt(int file, std::uint64_t offset, std::span<const std::byte> range) {
   std::size_t put = 0;
   while (put < range.size()) {

@@ -75,6 +75,11 @@ static_assert(sizeof(Slot) == 1024);
 static_assert(offsetof(Slot, sequence) == 8 && offsetof(Slot, bootId) == 72 && offsetof(Slot, segments) == 112);
 static_assert(offsetof(Slot, overlay) == 240);
 
+// No writer counts so far. One that finds a sequence at or above LAST_SEQUENCE, from where it could grow no further,
+// has the file written anew.
+constexpr std::uint64_t MAX_SEQUENCE = std::uint64_t{1} << 63;
+constexpr std::uint64_t LAST_SEQUENCE = std::uint64_t{1} << 62;
+
 constexpr std::uint32_t SLOT_NOT_UNIQUE = 1;     // several live records may have the same whole key
 constexpr std::uint32_t SLOT_NAME_UNSYNCED = 2;  // the directory must be synced before a commit is acknowledged
 
@@ -89,6 +94,7 @@ enum class FrameKind : std::uint8_t {
 constexpr std::uint8_t FRAME_LAST = 1;   // flag: this frame completes its commit
 constexpr std::uint8_t FRAME_CLEAN = 2;  // flag of CHANGE and REMOVE: no older frame of the place lies below `below`
 constexpr std::size_t MAX_HEAD_SIZE = 72;
+constexpr std::uint64_t LEAST_RECORD_FRAME = 32;  // no record fits a shorter one
 
 // Frames follow each other without gaps from LOG_START on: header, then (by kind) bodies and links, which together are
 // the head, then the payload and zero padding up to FRAME_ALIGNMENT.
@@ -133,7 +139,8 @@ struct SummaryEntry {
 };
 
 constexpr std::size_t BLOCK_SIZE = 512;
-constexpr std::uint64_t MAX_BLOCKS = std::uint64_t{1} << 23;  // of one segment: its frame's size has 32 bits
+// Of one segment; its frame, which begins up to 551 bytes before the blocks, has a size of 32 bits.
+constexpr std::uint64_t MAX_BLOCKS = (std::uint64_t{1} << 23) - 3;
 constexpr std::size_t BLOCK_ENTRIES = 63;
 
 // An index block. An entry is index number << 62 | the digest's upper 22 bits << 40 | frame offset >> 3.
@@ -145,6 +152,7 @@ struct Block {
   std::uint64_t entries[BLOCK_ENTRIES];
 };
 static_assert(sizeof(Block) == BLOCK_SIZE);
+static_assert(MAX_BLOCKS * BLOCK_SIZE + sizeof(FrameHeader) + sizeof(AreaBody) + BLOCK_SIZE <= UINT32_MAX);
 
 // What lies behind the last commit: so many zero bytes, or a commit under way, or the remains of one.
 constexpr std::size_t TERMINATOR_SIZE = sizeof(FrameHeader);

@@ -49,21 +49,44 @@ std::uint32_t headChecksum(std::span<const std::byte> head, std::uint64_t offset
   return crc32c(checksumStart(salt, offset), head.data() + sizeof(std::uint32_t), head.size() - sizeof(std::uint32_t));
 }
 
-// What the head promises about the rest must be possible at all.
-bool isPlausible(const Frame& frame) {
+std::uint64_t roundUp(std::uint64_t value, std::uint64_t unit) { return (value + unit - 1) / unit * unit; }
+
+// Where a frame's link may lead: to a frame before it, or nowhere.
+bool isLink(std::uint64_t target, const Frame& frame) {
+  return target == 0 || (target >= format::LOG_START && target < frame.offset && target % format::FRAME_ALIGNMENT == 0);
+}
+
+bool isPossibleArea(const Frame& frame) {
+  return frame.area.blocksOffset == roundUp(frame.offset + frame.headSize, format::BLOCK_SIZE) &&
+         frame.area.blockCount > 0 && frame.area.blockCount <= format::MAX_BLOCKS &&
+         frame.area.blocksOffset + frame.area.blockCount * format::BLOCK_SIZE == frame.end();
+}
+
+// A summary names live records, each of which has a frame of its own before it.
+bool isPossibleSummary(const Frame& frame, std::size_t indexCount) {
+  return frame.payloadSize() == std::uint64_t{frame.summary.count} * sizeof(format::SummaryEntry) &&
+         frame.summary.index > 0 && frame.summary.index < indexCount &&
+         frame.summary.count <= (frame.offset - format::LOG_START) / format::LEAST_RECORD_FRAME;
+}
+
+bool isPossibleEvent(const Frame& frame, std::size_t indexCount) {
+  for (std::size_t index = 1; index < indexCount; ++index) {
+    if (!isLink(frame.previousIn(index), frame)) return false;
+  }
+  if (frame.kind == format::FrameKind::INSERT) return frame.payloadSize() > 0;
+  if (frame.place == 0 || !isLink(frame.place, frame)) return false;
+  if (!isLink(frame.below, frame) || frame.below > frame.previous) return false;
+  return frame.isRecord() ? frame.payloadSize() > 0 : frame.payloadSize() == indexCount * sizeof(std::uint64_t);
+}
+
+// Whatever its checksum says, what the head promises must be possible. Nothing uses a head before this was asked.
+bool isPossible(const Frame& frame, std::size_t indexCount) {
+  if (frame.offset < format::LOG_START || frame.end() > format::MAX_OFFSET) return false;
   if (frame.size < frame.headSize || frame.size % format::FRAME_ALIGNMENT != 0) return false;
-  if (frame.previous >= frame.offset && frame.previous != 0) return false;
-  if (frame.kind == format::FrameKind::AREA) {
-    const std::uint64_t blocks = frame.area.blockCount * format::BLOCK_SIZE;
-    return frame.area.blocksOffset >= frame.offset + frame.headSize &&
-           frame.area.blocksOffset % format::BLOCK_SIZE == 0 && frame.area.blockCount > 0 &&
-           frame.area.blockCount < format::MAX_BLOCKS && frame.area.blocksOffset + blocks == frame.end();
-  }
-  if (frame.kind == format::FrameKind::SUMMARY) {
-    return frame.payloadSize() == std::uint64_t{frame.summary.count} * sizeof(format::SummaryEntry) &&
-           frame.summary.index < format::MAX_INDEXES;
-  }
-  return frame.place <= frame.offset && frame.below < frame.offset;
+  if (!isLink(frame.previous, frame)) return false;
+  if (frame.kind == format::FrameKind::AREA) return isPossibleArea(frame);
+  if (frame.kind == format::FrameKind::SUMMARY) return isPossibleSummary(frame, indexCount);
+  return isPossibleEvent(frame, indexCount);
 }
 
 void loadLinks(std::span<const std::byte> bytes, std::size_t at, std::size_t indexCount, Frame& frame) {
@@ -120,7 +143,7 @@ ParseResult parseHead(std::span<const std::byte> bytes, std::uint64_t offset, co
     frame.below = body.below;
     loadLinks(bytes, at + sizeof body, key.indexCount, frame);
   }
-  return isPlausible(frame) ? ParseResult::OK : ParseResult::BAD;
+  return isPossible(frame, key.indexCount) ? ParseResult::OK : ParseResult::BAD;
 }
 
 void appendFrame(Frame& frame, std::span<const std::byte> payload, const FrameKey& key, std::vector<std::byte>& out) {

@@ -52,7 +52,9 @@ struct Frame {
 
 enum class ParseResult { OK, SHORT, BAD };
 
-// Takes the head apart that starts at bytes[0] and lies at `offset` of the file. SHORT: more bytes are needed.
+// Takes the head apart that starts at bytes[0] and lies at `offset` of the file. SHORT: more bytes are needed. A head
+// that is OK passed its checksum, and each of its numbers is possible: its links lead down, into the log, to where a
+// frame may begin; its size fits its kind. Whether it ends where the log ends is the caller's to ask.
 ParseResult parseHead(std::span<const std::byte> bytes, std::uint64_t offset, const FrameKey& key, Frame& frame);
 
 // Appends a frame with this head (size, headSize and crc are computed and set) and payload to out.

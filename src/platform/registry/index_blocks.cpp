@@ -23,6 +23,13 @@ std::uint32_t blockChecksum(const format::Block& block, std::uint32_t salt, std:
   return crc32c(checksumStart(salt, offset), bytes.data() + sizeof block.crc, usedSize(block) - sizeof block.crc);
 }
 
+// Whatever its checksum says, what a block tells must be possible. Entries may lead behind a reader's end.
+bool isPossible(const format::Block& block) {
+  return std::all_of(block.entries, block.entries + block.count, [](std::uint64_t entry) {
+    return entry >> 62 < format::MAX_INDEXES && entryOffset(entry) >= format::LOG_START;
+  });
+}
+
 std::uint32_t visitSegment(int file, std::uint32_t salt, const Segment& segment, std::size_t index,
                            std::uint64_t digest, const EntryLook& look, Search& search) {
   std::uint64_t at = homeBlock(digest, segment.blockCount);
@@ -89,7 +96,8 @@ std::uint32_t readBlock(int file, std::uint32_t salt, std::uint64_t offset, form
     std::size_t got = 0;
     if (const std::uint32_t rc = readAt(file, offset, writableBytesOf(block), got)) return rc;
     if (got < sizeof block) break;
-    if (block.count <= format::BLOCK_ENTRIES && block.crc == blockChecksum(block, salt, offset)) return MD_RC_OK;
+    if (block.count > format::BLOCK_ENTRIES || block.crc != blockChecksum(block, salt, offset)) continue;
+    return isPossible(block) ? MD_RC_OK : GENREG_RC_DAMAGED;
   }
   return GENREG_RC_DAMAGED;
 }

@@ -11,6 +11,8 @@ namespace {
 constexpr std::size_t WINDOW_SIZE = 256 * 1024;
 constexpr std::size_t MOVED_WINDOW_SIZE = 64 * 1024;
 constexpr std::size_t JUMP_SIZE = 4096;
+// Marks the event of a removal; frames are aligned, so that no offset has the bit.
+constexpr std::uint64_t REMOVED_MARK = 1;
 
 }  // namespace
 
@@ -39,32 +41,28 @@ LogScan::LogScan(const LogView& view)
 std::uint32_t LogScan::headAt(LogWindow& window, std::uint64_t offset, Frame& frame,
                               std::span<const std::byte>& bytes) {
   if (const std::uint32_t rc = window.at(offset, format::MAX_HEAD_SIZE, bytes)) return rc;
-  ParseResult result = parseHead(bytes, offset, view_.key(), frame);
-  return result == ParseResult::OK ? MD_RC_OK : GENREG_RC_DAMAGED;
+  const bool isFrame = parseHead(bytes, offset, view_.key(), frame) == ParseResult::OK && frame.end() <= end_;
+  return isFrame ? MD_RC_OK : GENREG_RC_DAMAGED;
 }
 
 std::uint32_t LogScan::collectMoves() {
   started_ = true;
   const std::uint64_t first = view_.slot().firstEvent;
   if (first == 0) return MD_RC_OK;
-  std::vector<LiveRecord> events;
   Frame frame;
   std::span<const std::byte> bytes;
   for (std::uint64_t offset = first; offset < end_; offset = frame.end()) {
     if (const std::uint32_t rc = headAt(log_, offset, frame, bytes)) return rc;
     if (!frame.isEvent() || frame.kind == format::FrameKind::INSERT) continue;
-    const bool removed = frame.kind == format::FrameKind::REMOVE;
-    events.push_back(LiveRecord{.place = frame.place, .offset = removed ? 0 : offset});
+    const std::uint64_t mark = frame.kind == format::FrameKind::REMOVE ? REMOVED_MARK : 0;
+    moves_.push_back(LiveRecord{.place = frame.place, .offset = offset | mark});
   }
-  // The events stand in the order of the log: of each place the last one counts.
-  std::stable_sort(events.begin(), events.end(), [](const auto& a, const auto& b) { return a.place < b.place; });
-  for (const LiveRecord& event : events) {
-    if (!moves_.empty() && moves_.back().place == event.place) {
-      moves_.back() = event;
-    } else {
-      moves_.push_back(event);
-    }
-  }
+  // Of each place the last event counts.
+  std::sort(moves_.begin(), moves_.end(), [](const LiveRecord& a, const LiveRecord& b) {
+    return a.place != b.place ? a.place < b.place : a.offset > b.offset;
+  });
+  const auto isOlder = [](const LiveRecord& newer, const LiveRecord& older) { return newer.place == older.place; };
+  moves_.erase(std::unique(moves_.begin(), moves_.end(), isOlder), moves_.end());
   return MD_RC_OK;
 }
 
@@ -72,7 +70,7 @@ bool LogScan::newestForm(std::uint64_t place, std::uint64_t& offset) {
   while (nextMove_ < moves_.size() && moves_[nextMove_].place < place) ++nextMove_;
   offset = place;
   if (nextMove_ < moves_.size() && moves_[nextMove_].place == place) offset = moves_[nextMove_].offset;
-  return offset != 0;
+  return (offset & REMOVED_MARK) == 0;
 }
 
 std::uint32_t LogScan::nextPlace(LiveRecord& record, Frame& frame, std::span<const std::byte>& bytes) {
@@ -83,6 +81,8 @@ std::uint32_t LogScan::nextPlace(LiveRecord& record, Frame& frame, std::span<con
     const std::uint64_t offset = cursor_;
     if (const std::uint32_t rc = headAt(log_, offset, frame, bytes)) return rc;
     cursor_ = frame.end();
+    const bool isMove = frame.isEvent() && frame.kind != format::FrameKind::INSERT;
+    if (isMove && (view_.slot().firstEvent == 0 || offset < view_.slot().firstEvent)) return GENREG_RC_DAMAGED;
     if (frame.kind == format::FrameKind::INSERT && newestForm(offset, record.offset)) {
       record.place = offset;
       return MD_RC_OK;
@@ -105,6 +105,7 @@ std::uint32_t LogScan::next(std::byte* out, LiveRecord& record, std::size_t& siz
   if (const std::uint32_t rc = nextPlace(record, frame, bytes)) return rc;
   if (record.offset == record.place) return decode(log_, frame, bytes, out, size);
   if (const std::uint32_t rc = headAt(moved_, record.offset, frame, bytes)) return rc;
+  if (!frame.isRecord() || frame.place != record.place) return GENREG_RC_DAMAGED;
   return decode(moved_, frame, bytes, out, size);
 }
 
@@ -130,8 +131,9 @@ std::uint32_t visitMatches(const LogView& view, unsigned long flags, const void*
   }
   std::vector<LiveRecord> candidates;
   if (const std::uint32_t rc = view.gather(index, view.digestOf(index, key), candidates)) return rc;
+  ReadAllowance allowance(view);
   for (const LiveRecord& record : candidates) {
-    if (const std::uint32_t rc = view.readRecord(record.offset, out, size)) return rc;
+    if (const std::uint32_t rc = view.readLive(record, allowance, out, size)) return rc;
     if (!view.type().matches(flags, key, out)) {
       view.wipe(out, size);
     } else if (!take(record, size)) {

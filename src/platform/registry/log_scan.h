@@ -52,7 +52,7 @@ class LogScan {
   LogWindow log_;
   LogWindow moved_;
   bool started_ = false;
-  // Newest events by place; offset 0 stands for a removal.
+  // The newest event of each place that has one; a removal's offset is marked.
   std::vector<LiveRecord> moves_;
   std::size_t nextMove_ = 0;
 };

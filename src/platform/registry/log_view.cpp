@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstring>
 #include <functional>
+#include <set>
 
 #include "platform/registry/crc32c.h"
 #include "platform/registry/scratch_record.h"
@@ -21,7 +22,32 @@ bool isAllZero(std::span<const std::byte> bytes) {
   return std::all_of(bytes.begin(), bytes.end(), [](std::byte byte) { return byte == std::byte{0}; });
 }
 
+// A reader beside a writer, and a writer that goes on after one that died, may meet a frame once for each segment.
+constexpr std::uint64_t READS_OF_A_FRAME = format::MAX_SEGMENTS;
+
+constexpr std::uint64_t REMOVED_MARK = 1;
+static_assert(REMOVED_MARK < format::FRAME_ALIGNMENT);
+
+bool isFrameOffset(std::uint64_t offset, std::uint64_t end) {
+  return offset >= format::LOG_START && offset < end && offset % format::FRAME_ALIGNMENT == 0;
+}
+
 }  // namespace
+
+ReadAllowance::ReadAllowance(const LogView& view) : view_(view), left_(view.end() * READS_OF_A_FRAME) {}
+
+std::uint32_t ReadAllowance::charge(const Frame& frame) {
+  if (frame.size > left_ && !isRaised_) {
+    // What writers appended since this view was opened counts as well.
+    FileState state;
+    if (const std::uint32_t rc = stateOf(view_.file(), state)) return rc;
+    isRaised_ = true;
+    left_ += state.size * READS_OF_A_FRAME;
+  }
+  if (frame.size > left_) return GENREG_RC_DAMAGED;
+  left_ -= frame.size;
+  return MD_RC_OK;
+}
 
 std::uint32_t LogView::takePage(const HeaderPage& page) {
   header_ = page.header;
@@ -56,6 +82,12 @@ std::uint32_t LogView::tailIsClean(bool& clean) const {
   std::array<std::byte, format::TERMINATOR_SIZE> tail;
   std::size_t got = 0;
   if (const std::uint32_t rc = readAt(file_, end_, tail, got)) return rc;
+  if (got == 0) {
+    // Nothing behind the end; what is before it must be there.
+    if (const std::uint32_t rc = readAt(file_, end_ - 1, std::span(tail).first(1), got)) return rc;
+    if (got == 0) return GENREG_RC_DAMAGED;
+    got = 0;
+  }
   clean = isAllZero(std::span(tail).first(got));
   return MD_RC_OK;
 }
@@ -87,7 +119,10 @@ std::uint32_t LogView::readRecord(const Frame& frame, std::span<const std::byte>
   ZeroRunDecoder decoder(std::span(out, type_.maxSize), RECORD_ROOM);
   std::span<const std::byte> payload = first.subspan(frame.headSize);
   payload = payload.first(std::min<std::size_t>(payload.size(), frame.payloadSize()));
-  if (!decoder.feed(payload)) return GENREG_RC_DAMAGED;
+  const auto takes = [&decoder](std::span<const std::byte> bytes) {
+    return decoder.feed(bytes) && decoder.padding() < format::FRAME_ALIGNMENT;
+  };
+  if (!takes(payload)) return GENREG_RC_DAMAGED;
   std::uint32_t crc = crc32c(0, payload.data(), payload.size());
   std::uint64_t at = frame.offset + frame.headSize + payload.size();
   if (at < frame.end()) {
@@ -96,7 +131,7 @@ std::uint32_t LogView::readRecord(const Frame& frame, std::span<const std::byte>
       const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), frame.end() - at));
       std::size_t got = 0;
       if (const std::uint32_t rc = read(at, std::span(piece).first(count), got)) return rc;
-      if (got < count || !decoder.feed(std::span(piece).first(count))) return GENREG_RC_DAMAGED;
+      if (got < count || !takes(std::span(piece).first(count))) return GENREG_RC_DAMAGED;
       crc = crc32c(crc, piece.data(), count);
       at += count;
     }
@@ -110,6 +145,16 @@ std::uint32_t LogView::readRecord(std::uint64_t offset, std::byte* out, std::siz
   FrameBytes bytes;
   Frame frame;
   if (const std::uint32_t rc = readHead(offset, bytes, frame)) return rc;
+  return readRecord(frame, bytes.all(), out, size);
+}
+
+std::uint32_t LogView::readLive(const LiveRecord& record, ReadAllowance& allowance, std::byte* out,
+                                std::size_t& size) const {
+  FrameBytes bytes;
+  Frame frame;
+  if (const std::uint32_t rc = readHead(record.offset, bytes, frame)) return rc;
+  if (!frame.isRecord() || frame.place != record.place) return GENREG_RC_DAMAGED;
+  if (const std::uint32_t rc = allowance.charge(frame)) return rc;
   return readRecord(frame, bytes.all(), out, size);
 }
 
@@ -161,10 +206,12 @@ std::size_t LogView::newHeadCount() const {
   return count;
 }
 
-std::uint32_t LogView::hasDigest(std::uint64_t offset, std::size_t index, std::uint64_t digest, bool& result) const {
+std::uint32_t LogView::hasDigest(std::uint64_t offset, std::size_t index, std::uint64_t digest,
+                                 ReadAllowance& allowance, bool& result) const {
   FrameBytes bytes;
   Frame frame;
   if (const std::uint32_t rc = readHead(offset, bytes, frame)) return rc;
+  if (const std::uint32_t rc = allowance.charge(frame)) return rc;
   result = false;
   if (frame.kind == format::FrameKind::SUMMARY) {
     result = frame.summary.index == index && frame.summary.digest == digest;
@@ -199,9 +246,10 @@ std::uint32_t LogView::headOf(std::size_t index, std::uint64_t digest, std::uint
     return MD_RC_OK;
   }
   head = 0;
+  ReadAllowance allowance(*this);
   return visitEntries(file_, key_.salt, slot_, index, digest, [&](std::uint64_t candidate, Search& search) {
     bool isOurs = false;
-    if (const std::uint32_t rc = hasDigest(candidate, index, digest, isOurs)) return rc;
+    if (const std::uint32_t rc = hasDigest(candidate, index, digest, allowance, isOurs)) return rc;
     if (isOurs) {
       head = candidate;
       search = Search::DONE;
@@ -214,7 +262,8 @@ std::uint32_t LogView::findByWholeKey(unsigned long flags, const void* key, std:
                                       std::size_t& size) const {
   const std::uint64_t digest = digestOf(0, key);
   std::uint64_t head = 0;
-  if (findNewHead(0, digest, head)) return followWholeKey(head, flags, key, out, found, size);
+  ReadAllowance allowance(*this);
+  if (findNewHead(0, digest, head)) return followWholeKey(head, flags, key, allowance, out, found, size);
   std::uint32_t result = GENREG_RC_NOT_FOUND;
   bool hasCandidates = false;
   // The chain of another digest is followed in vain, and the search goes on.
@@ -222,7 +271,7 @@ std::uint32_t LogView::findByWholeKey(unsigned long flags, const void* key, std:
       visitEntries(file_, key_.salt, slot_, 0, digest, [&](std::uint64_t candidate, Search& search) {
         head = candidate;
         hasCandidates = true;
-        result = followWholeKey(candidate, flags, key, out, found, size);
+        result = followWholeKey(candidate, flags, key, allowance, out, found, size);
         if (result == GENREG_RC_NOT_FOUND) return MD_RC_OK;
         search = Search::DONE;
         return result;
@@ -233,18 +282,25 @@ std::uint32_t LogView::findByWholeKey(unsigned long flags, const void* key, std:
   return result;
 }
 
-std::uint32_t LogView::followWholeKey(std::uint64_t offset, unsigned long flags, const void* key, std::byte* out,
-                                      LiveRecord& found, std::size_t& size) const {
-  std::vector<std::uint64_t> seen;
+std::uint32_t LogView::readBelow(std::uint64_t offset, std::uint64_t above, FrameBytes& bytes, Frame& frame) const {
+  if (const std::uint32_t rc = readHead(offset, bytes, frame)) return rc;
+  return frame.end() <= above ? MD_RC_OK : GENREG_RC_DAMAGED;
+}
+
+std::uint32_t LogView::followWholeKey(std::uint64_t offset, unsigned long flags, const void* key,
+                                      ReadAllowance& allowance, std::byte* out, LiveRecord& found,
+                                      std::size_t& size) const {
+  std::set<std::uint64_t> seen;
   FrameBytes bytes;
   Frame frame;
-  while (offset != 0) {
-    if (const std::uint32_t rc = readHead(offset, bytes, frame)) return rc;
+  for (std::uint64_t above = format::MAX_OFFSET; offset != 0; above = frame.offset) {
+    if (const std::uint32_t rc = readBelow(offset, above, bytes, frame)) return rc;
+    if (const std::uint32_t rc = allowance.charge(frame)) return rc;
     if (offset >= end_ || !frame.isEvent()) {
       offset = frame.previous;
       continue;
     }
-    const bool superseded = std::find(seen.begin(), seen.end(), frame.place) != seen.end();
+    const bool superseded = seen.contains(frame.place);
     if (frame.isRecord() && !superseded) {
       if (const std::uint32_t rc = readRecord(frame, bytes.all(), out, size)) return rc;
       if (type_.matches(flags, key, out)) {
@@ -256,40 +312,52 @@ std::uint32_t LogView::followWholeKey(std::uint64_t offset, unsigned long flags,
     if (frame.kind == format::FrameKind::INSERT) {
       offset = frame.previous;
     } else {
-      if (!superseded) seen.push_back(frame.place);
+      seen.insert(frame.place);
       offset = frame.below;
     }
   }
   return GENREG_RC_NOT_FOUND;
 }
 
-std::uint32_t LogView::readSummary(const Frame& frame, std::vector<ChainEvent>& events) const {
-  std::vector<std::byte> payload(frame.payloadSize());
-  std::size_t got = 0;
-  if (const std::uint32_t rc = read(frame.offset + frame.headSize, payload, got)) return rc;
-  if (got < payload.size() || crc32c(0, payload.data(), payload.size()) != frame.payloadCrc) return GENREG_RC_DAMAGED;
-  for (std::uint32_t at = 0; at < frame.summary.count; ++at) {
-    format::SummaryEntry entry;
-    std::memcpy(&entry, payload.data() + std::size_t{at} * sizeof entry, sizeof entry);
-    events.push_back(ChainEvent{.place = entry.place, .offset = entry.offset, .removed = false});
+// Each entry is of another record, in the order of their places, and leads to a frame before the summary.
+std::uint32_t LogView::readSummary(const Frame& frame, std::vector<LiveRecord>& events) const {
+  static_assert(sizeof(LiveRecord) == sizeof(format::SummaryEntry) && PIECE_SIZE % sizeof(LiveRecord) == 0);
+  std::array<LiveRecord, PIECE_SIZE / sizeof(LiveRecord)> piece;
+  std::uint32_t crc = 0;
+  std::uint64_t place = 0;
+  for (std::uint64_t at = frame.offset + frame.headSize; at < frame.end();) {
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(sizeof piece, frame.end() - at));
+    const std::span<std::byte> bytes = std::as_writable_bytes(std::span(piece)).first(wanted);
+    std::size_t got = 0;
+    if (const std::uint32_t rc = read(at, bytes, got)) return rc;
+    if (got < wanted) return GENREG_RC_DAMAGED;
+    crc = crc32c(crc, bytes.data(), wanted);
+    for (const LiveRecord& entry : std::span(piece).first(wanted / sizeof(LiveRecord))) {
+      const bool isPossible = entry.place > place && entry.place <= entry.offset &&
+                              isFrameOffset(entry.place, frame.offset) && isFrameOffset(entry.offset, frame.offset);
+      if (!isPossible) return GENREG_RC_DAMAGED;
+      place = entry.place;
+      events.push_back(entry);
+    }
+    at += wanted;
   }
-  return MD_RC_OK;
+  return crc == frame.payloadCrc ? MD_RC_OK : GENREG_RC_DAMAGED;
 }
 
-std::uint32_t LogView::walkChain(std::size_t index, std::uint64_t head, std::vector<ChainEvent>& events) const {
+std::uint32_t LogView::walkChain(std::size_t index, std::uint64_t head, std::vector<LiveRecord>& events) const {
   FrameBytes bytes;
   Frame frame;
-  for (std::uint64_t offset = head; offset != 0;) {
-    if (const std::uint32_t rc = readHead(offset, bytes, frame)) return rc;
-    const std::uint64_t next = frame.previousIn(index);
-    if (next >= offset) return GENREG_RC_DAMAGED;
-    if (offset < end_ && frame.isEvent()) {
-      events.push_back(
-          ChainEvent{.place = frame.place, .offset = offset, .removed = frame.kind == format::FrameKind::REMOVE});
-    } else if (offset < end_ && frame.kind == format::FrameKind::SUMMARY && frame.summary.index == index) {
+  std::uint64_t above = format::MAX_OFFSET;
+  for (std::uint64_t offset = head; offset != 0; offset = frame.previousIn(index)) {
+    if (const std::uint32_t rc = readBelow(offset, above, bytes, frame)) return rc;
+    above = offset;
+    if (offset >= end_) continue;
+    if (frame.isEvent()) {
+      const std::uint64_t mark = frame.kind == format::FrameKind::REMOVE ? REMOVED_MARK : 0;
+      events.push_back(LiveRecord{.place = frame.place, .offset = offset | mark});
+    } else if (frame.kind == format::FrameKind::SUMMARY && frame.summary.index == index) {
       return readSummary(frame, events);
     }
-    offset = next;
   }
   return MD_RC_OK;
 }
@@ -300,18 +368,15 @@ std::uint32_t LogView::gather(std::size_t index, std::uint64_t digest, std::vect
   return gatherChain(index, head, live);
 }
 
+// The answer is made where the events are: it takes no more memory than they do.
 std::uint32_t LogView::gatherChain(std::size_t index, std::uint64_t head, std::vector<LiveRecord>& live) const {
-  std::vector<ChainEvent> events;
-  if (const std::uint32_t rc = walkChain(index, head, events)) return rc;
-  std::sort(events.begin(), events.end(), [](const ChainEvent& a, const ChainEvent& b) {
+  if (const std::uint32_t rc = walkChain(index, head, live)) return rc;
+  std::sort(live.begin(), live.end(), [](const LiveRecord& a, const LiveRecord& b) {
     return a.place != b.place ? a.place < b.place : a.offset > b.offset;
   });
-  std::uint64_t place = 0;
-  for (const ChainEvent& event : events) {
-    if (event.place == place) continue;  // an older form
-    place = event.place;
-    if (!event.removed) live.push_back(LiveRecord{.place = event.place, .offset = event.offset});
-  }
+  const auto isOlderForm = [](const LiveRecord& newer, const LiveRecord& older) { return newer.place == older.place; };
+  live.erase(std::unique(live.begin(), live.end(), isOlderForm), live.end());
+  std::erase_if(live, [](const LiveRecord& event) { return (event.offset & REMOVED_MARK) != 0; });
   return MD_RC_OK;
 }
 
@@ -330,16 +395,23 @@ std::uint32_t LogView::startsChain(std::size_t index, std::uint64_t offset, bool
   return MD_RC_OK;
 }
 
-std::uint32_t LogView::chainReaches(std::size_t index, std::uint64_t from, std::uint64_t target, bool& reaches) const {
+std::uint32_t LogView::chainReaches(std::size_t index, std::uint64_t from, std::span<const std::uint64_t> targets,
+                                    ReadAllowance& allowance, std::uint64_t& reached) const {
   FrameBytes bytes;
   Frame frame;
-  while (from > target) {
-    if (const std::uint32_t rc = readHead(from, bytes, frame)) return rc;
-    const std::uint64_t next = frame.previousIn(index);
-    if (next >= from) return GENREG_RC_DAMAGED;
-    from = next;
+  reached = 0;
+  std::uint64_t above = format::MAX_OFFSET;
+  while (!targets.empty() && from >= targets.back()) {
+    while (targets.front() > from) targets = targets.subspan(1);
+    if (targets.front() == from) {
+      reached = from;
+      return MD_RC_OK;
+    }
+    if (const std::uint32_t rc = readBelow(from, above, bytes, frame)) return rc;
+    if (const std::uint32_t rc = allowance.charge(frame)) return rc;
+    above = from;
+    from = frame.previousIn(index);
   }
-  reaches = from == target;
   return MD_RC_OK;
 }
 
@@ -414,11 +486,16 @@ std::uint32_t LogView::takeFrame(const Frame& frame, std::vector<std::byte>& rec
         if (older.isRecord()) slot_.flags |= format::SLOT_NOT_UNIQUE;
       }
     }
+    if (replaces && !countsCover(old)) return GENREG_RC_DAMAGED;
     takeEvent(frame, record.data(), size, replaces ? &old : nullptr);
   }
   slot_.chain = frame.crc;
   end_ = frame.end();
   return MD_RC_OK;
+}
+
+bool LogView::countsCover(const Sizes& old) const {
+  return slot_.records > 0 && slot_.recordBytes >= old.record && slot_.liveFrameBytes >= old.frame;
 }
 
 void LogView::takeEvent(const Frame& frame, const void* record, std::size_t recordSize, const Sizes* old) {

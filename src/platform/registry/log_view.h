@@ -38,6 +38,23 @@ struct LiveRecord {
   std::uint64_t offset;
 };
 
+class LogView;
+
+// How much one search may read. Frames do not overlap, and each is in one chain of an index, so that together those
+// that a search meets are no longer than the log: a file in which they are was forged to cost time.
+class ReadAllowance {
+ public:
+  explicit ReadAllowance(const LogView& view);
+
+  // GENREG_RC_DAMAGED when this frame is one too many.
+  std::uint32_t charge(const Frame& frame);
+
+ private:
+  const LogView& view_;
+  std::uint64_t left_;
+  bool isRaised_ = false;
+};
+
 class LogView {
  public:
   explicit LogView(const RecordType& type) : type_(type) {}
@@ -67,6 +84,8 @@ class LogView {
   std::uint32_t readRecord(const Frame& frame, std::span<const std::byte> first, std::byte* out,
                            std::size_t& size) const;
   std::uint32_t readRecord(std::uint64_t offset, std::byte* out, std::size_t& size) const;
+  // The same of a record that an index offered: one of many, or of those that a summary names.
+  std::uint32_t readLive(const LiveRecord& record, ReadAllowance& allowance, std::byte* out, std::size_t& size) const;
 
   // Of a record that was not wanted after all, nothing stays in the caller's buffer.
   void wipe(std::byte* out, std::size_t size) const { std::memset(out, 0, std::min(size, type_.maxSize)); }
@@ -99,28 +118,27 @@ class LogView {
   // Whether the frame at offset has none before it in its chain.
   std::uint32_t startsChain(std::size_t index, std::uint64_t offset, bool& result) const;
 
-  // Whether the chain that starts at `from` runs through the frame at `target`.
-  std::uint32_t chainReaches(std::size_t index, std::uint64_t from, std::uint64_t target, bool& reaches) const;
+  // The first of the targets, which fall, that the chain which starts at `from` runs through; 0 when it misses all.
+  std::uint32_t chainReaches(std::size_t index, std::uint64_t from, std::span<const std::uint64_t> targets,
+                             ReadAllowance& allowance, std::uint64_t& reached) const;
 
  protected:
-  struct ChainEvent {
-    std::uint64_t place;
-    std::uint64_t offset;
-    bool removed;
-  };
-
   // Chooses the slot and the checksum key from a header page.
   std::uint32_t takePage(const HeaderPage& page);
   // Looks for the key in the chain that starts at a frame.
-  std::uint32_t followWholeKey(std::uint64_t head, unsigned long flags, const void* key, std::byte* out,
-                               LiveRecord& found, std::size_t& size) const;
+  std::uint32_t followWholeKey(std::uint64_t head, unsigned long flags, const void* key, ReadAllowance& allowance,
+                               std::byte* out, LiveRecord& found, std::size_t& size) const;
+  // Reads the head of a frame that a chain leads to, which ends at or before `above`, the frame that led there.
+  std::uint32_t readBelow(std::uint64_t offset, std::uint64_t above, FrameBytes& bytes, Frame& frame) const;
   bool findNewHead(std::size_t index, std::uint64_t digest, std::uint64_t& head) const;
   // What a removal frame tells of the record that is gone.
   using RemovedDigests = std::array<std::uint64_t, format::MAX_INDEXES>;
   std::uint32_t readRemovedDigests(const Frame& frame, std::span<const std::byte> first, RemovedDigests& digests) const;
-  std::uint32_t hasDigest(std::uint64_t offset, std::size_t index, std::uint64_t digest, bool& result) const;
-  std::uint32_t walkChain(std::size_t index, std::uint64_t head, std::vector<ChainEvent>& events) const;
-  std::uint32_t readSummary(const Frame& frame, std::vector<ChainEvent>& events) const;
+  std::uint32_t hasDigest(std::uint64_t offset, std::size_t index, std::uint64_t digest, ReadAllowance& allowance,
+                          bool& result) const;
+  // All events of a chain, in any order; of a removal the offset has its lowest bit set.
+  std::uint32_t walkChain(std::size_t index, std::uint64_t head, std::vector<LiveRecord>& events) const;
+  std::uint32_t readSummary(const Frame& frame, std::vector<LiveRecord>& events) const;
 
   std::uint32_t tailIsClean(bool& clean) const;
   // Takes all valid commits behind end() into the state.
@@ -135,6 +153,8 @@ class LogView {
     std::uint64_t frame = 0;
   };
   void takeEvent(const Frame& frame, const void* record, std::size_t recordSize, const Sizes* old);
+  // The slot's counts are no smaller than what is to be taken from them.
+  bool countsCover(const Sizes& old) const;
   void takeHead(std::size_t index, std::uint64_t digest, std::uint64_t offset) {
     newHeads_[index][digest] = offset;
     foundHead_.reset();

@@ -28,6 +28,8 @@ constexpr std::size_t HEAVY_HEADS = 8192;
 // A chain is summarized when following it reads so many times more frames than it has live records.
 constexpr std::uint32_t CHAIN_FACTOR = 2;
 constexpr std::uint32_t CHAIN_SLACK = 32;
+// Each removal leads past those below it, so that one or two steps go all the way; stopping earlier is no mistake.
+constexpr int MOST_STEPS_BELOW = 16;
 
 std::uint64_t roundUp(std::uint64_t value, std::uint64_t unit) { return (value + unit - 1) / unit * unit; }
 
@@ -71,7 +73,7 @@ std::uint32_t LogWriter::open(int file, std::uint64_t fileSize) {
   HeaderPage page;
   if (const std::uint32_t rc = readHeaderPage(file, page)) return rc;
   if (const std::uint32_t rc = takePage(page)) return rc;
-  if (slot_.end > fileSize) return GENREG_RC_DAMAGED;
+  if (slot_.end > fileSize || slot_.sequence >= format::LAST_SEQUENCE) return GENREG_RC_DAMAGED;
   fileSize_ = fileSize;
   // What was applied to the blocks without a sync is gone when the machine was started anew since then.
   if (!isSameBoot(boot_, slot_)) slot_.overlayApplied = 0;
@@ -187,6 +189,7 @@ std::uint32_t LogWriter::appendChange(const FoundRecord& found, const void* old,
 }
 
 std::uint32_t LogWriter::appendEvent(Frame& frame, const void* record, std::size_t size, const Sizes* old) {
+  if (old != nullptr && !countsCover(*old)) return GENREG_RC_DAMAGED;
   frame.offset = end_;
   frame.chain = slot_.chain;
   const bool grows = frame.kind == format::FrameKind::INSERT || (frame.isRecord() && old == nullptr);
@@ -256,7 +259,7 @@ std::uint32_t LogWriter::findBelow(Frame& frame) const {
   if (!head.isEvent() || head.place != frame.place || (!isInsert && !head.clean)) return MD_RC_OK;
   frame.clean = true;
   frame.below = isInsert ? head.previous : head.below;
-  while (frame.below != 0) {
+  for (int step = 0; frame.below != 0 && step < MOST_STEPS_BELOW; ++step) {
     if (const std::uint32_t rc = readHead(frame.below, bytes, head)) return rc;
     if (head.kind != format::FrameKind::REMOVE || !head.clean) break;
     frame.below = head.below;
@@ -306,7 +309,7 @@ std::uint32_t LogWriter::finishCommit() {
 // The area is a commit of its own. Its blocks do not wait in memory: they are written at once, empty and sealed, so
 // that what a crash makes of them is never taken for an empty block.
 std::uint32_t LogWriter::appendArea(std::uint64_t blockCount) {
-  blockCount = std::min(blockCount, format::MAX_BLOCKS - 1);
+  blockCount = std::min(blockCount, format::MAX_BLOCKS);
   const std::size_t segments = segmentCount(slot_);
   if (segments == format::MAX_SEGMENTS) return GENREG_RC_INTERNAL;
   Frame frame;
@@ -437,7 +440,7 @@ constexpr std::size_t MOST_CACHED_BLOCKS = 4096;
 // Finds the entry of the chain that `entry` continues, or room for a new one in the newest segment.
 class EntryPlacer {
  public:
-  EntryPlacer(const LogView& view, BlockSet& blocks) : view_(view), blocks_(blocks) {}
+  EntryPlacer(const LogView& view, BlockSet& blocks) : view_(view), blocks_(blocks), allowance_(view) {}
 
   std::uint32_t place(const format::OverlayEntry& entry, bool& isNew) {
     const std::size_t segments = segmentCount(view_.slot());
@@ -461,25 +464,49 @@ class EntryPlacer {
   }
 
  private:
-  // An older head of the same chain is replaced; an entry that only shares the tag stays.
-  std::uint32_t replaceIn(const Segment& segment, const format::OverlayEntry& entry, bool& done) {
+  struct Candidate {
+    std::uint64_t older;
+    std::uint64_t block;
+    std::size_t slot;
+  };
+
+  // Entries that may be an older head of the chain, the newest first.
+  std::uint32_t findCandidates(const Segment& segment, const format::OverlayEntry& entry,
+                               std::vector<Candidate>& candidates) {
     std::uint64_t at = homeBlock(entry.digest, segment.blockCount);
-    for (std::uint64_t probe = 0; probe < std::min(MOST_PROBES, segment.blockCount) && !done; ++probe) {
+    for (std::uint64_t probe = 0; probe < std::min(MOST_PROBES, segment.blockCount); ++probe) {
       const std::uint64_t offset = segment.offset + at * format::BLOCK_SIZE;
       format::Block* block = nullptr;
       if (const std::uint32_t rc = blocks_.get(offset, block)) return rc;
-      for (std::size_t slot = 0; slot < block->count && !done; ++slot) {
-        const std::size_t index = entry.offsetAndIndex & INDEX_MASK;
-        if (!mayBeOf(block->entries[slot], index, entry.digest)) continue;
-        const std::uint64_t older = entryOffset(block->entries[slot]);
-        if (const std::uint32_t rc = view_.chainReaches(index, offsetOf(entry), older, done)) return rc;
-        if (!done) continue;
-        // Written also when nothing changes: a block that a failed sync dropped is made dirty again by this.
-        block->entries[slot] = makeEntry(entry.offsetAndIndex & INDEX_MASK, entry.digest, offsetOf(entry));
-        blocks_.markDirty(offset);
+      for (std::size_t slot = 0; slot < block->count; ++slot) {
+        if (!mayBeOf(block->entries[slot], entry.offsetAndIndex & INDEX_MASK, entry.digest)) continue;
+        candidates.push_back(Candidate{.older = entryOffset(block->entries[slot]), .block = offset, .slot = slot});
       }
       if (block->overflowed == 0) break;
       at = at + 1 == segment.blockCount ? 0 : at + 1;
+    }
+    std::stable_sort(candidates.begin(), candidates.end(),
+                     [](const Candidate& a, const Candidate& b) { return a.older > b.older; });
+    return MD_RC_OK;
+  }
+
+  // An older head of the same chain is replaced; an entry that only shares the tag stays.
+  std::uint32_t replaceIn(const Segment& segment, const format::OverlayEntry& entry, bool& done) {
+    std::vector<Candidate> candidates;
+    if (const std::uint32_t rc = findCandidates(segment, entry, candidates)) return rc;
+    std::vector<std::uint64_t> targets;
+    for (const Candidate& candidate : candidates) targets.push_back(candidate.older);
+    const std::size_t index = entry.offsetAndIndex & INDEX_MASK;
+    std::uint64_t reached = 0;
+    if (const std::uint32_t rc = view_.chainReaches(index, offsetOf(entry), targets, allowance_, reached)) return rc;
+    for (const Candidate& candidate : candidates) {
+      if (done || reached == 0 || candidate.older != reached) continue;
+      format::Block* block = nullptr;
+      if (const std::uint32_t rc = blocks_.get(candidate.block, block)) return rc;
+      // Written also when nothing changes: a block that a failed sync dropped is made dirty again by this.
+      block->entries[candidate.slot] = makeEntry(index, entry.digest, offsetOf(entry));
+      blocks_.markDirty(candidate.block);
+      done = true;
     }
     return MD_RC_OK;
   }
@@ -503,6 +530,7 @@ class EntryPlacer {
 
   const LogView& view_;
   BlockSet& blocks_;
+  ReadAllowance allowance_;
 };
 
 }  // namespace

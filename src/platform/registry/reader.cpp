@@ -106,6 +106,7 @@ std::uint32_t Scan::prepare(unsigned long flags, const void* key) {
     everything_ = std::make_unique<LogScan>(*view_);
     return MD_RC_OK;
   }
+  allowance_.emplace(*view_);
   return view_->gather(index, digest, candidates_);
 }
 
@@ -121,7 +122,7 @@ std::uint32_t Scan::nextCandidate(std::byte* out, std::size_t& size) {
     }
   } while (record.place <= lastPlace_);
   if (everything_ == nullptr) {
-    if (const std::uint32_t rc = view_->readRecord(record.offset, out, size)) return rc;
+    if (const std::uint32_t rc = view_->readLive(record, *allowance_, out, size)) return rc;
   }
   candidatePlace_ = record.place;
   return MD_RC_OK;

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "platform/registry/log_scan.h"
@@ -82,6 +83,7 @@ class Scan {
   std::unique_ptr<LogScan> everything_;
   std::vector<LiveRecord> candidates_;
   std::size_t nextCandidate_ = 0;
+  std::optional<ReadAllowance> allowance_;
   std::unique_ptr<Salvage> salvage_;
   std::size_t nextSalvaged_ = 0;
   std::uint64_t candidatePlace_ = 0;

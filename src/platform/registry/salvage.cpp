@@ -11,6 +11,10 @@ namespace {
 // An area's blocks start within this distance behind its frame's start.
 constexpr std::uint64_t LONGEST_AREA_LEAD = 1024;
 constexpr std::size_t SEARCH_WINDOW = 256 * 1024;
+// Damaged frames lie side by side, so that reading them all in vain reads the file once. Where that is long exceeded,
+// heads were forged to lie in each other: from then on only short frames are looked for.
+constexpr std::uint64_t MOST_READS_IN_VAIN = 4;
+constexpr std::uint32_t SHORT_FRAME = 1024;
 constexpr std::size_t KIND_OFFSET = sizeof(format::FrameHeader) - 1;
 
 // What a header may be wrong with, as opposed to what may keep it from being read.
@@ -46,11 +50,22 @@ bool RawLog::hasFrame(std::uint64_t offset, Frame& frame) const {
   FrameBytes bytes;
   if (noteFailure(readHead(offset, bytes, frame)) || frame.end() > end_) return false;
   if (frame.kind == format::FrameKind::AREA) return true;
-  if (!frame.isRecord()) return !noteFailure(verifyPayload(frame, bytes.all()));
-  // Whatever its checksum says, a record that cannot be read is none.
-  record_.resize(type().maxSize);
-  std::size_t size = 0;
-  return !noteFailure(readRecord(frame, bytes.all(), record_.data(), size));
+  if (!mayRead(frame)) return false;
+  bool isIntact = false;
+  if (frame.isRecord()) {
+    // Whatever its checksum says, a record that cannot be read is none.
+    record_.resize(type().maxSize);
+    std::size_t size = 0;
+    isIntact = !noteFailure(readRecord(frame, bytes.all(), record_.data(), size));
+  } else {
+    isIntact = !noteFailure(verifyPayload(frame, bytes.all()));
+  }
+  if (!isIntact) readInVain_ += frame.size;
+  return isIntact;
+}
+
+bool RawLog::mayRead(const Frame& frame) const {
+  return frame.size <= SHORT_FRAME || readInVain_ <= end_ * MOST_READS_IN_VAIN;
 }
 
 bool RawLog::noteFailure(std::uint32_t rc) const {
@@ -176,10 +191,12 @@ std::uint64_t Salvage::skipDamage(std::uint64_t offset) {
     return behind;
   Frame frame;
   bool inBackup = false;
+  std::uint64_t inFile = 0;
+  std::uint64_t inOther = 0;
   for (std::uint64_t at = offset;;) {
     at += format::FRAME_ALIGNMENT;
-    const std::uint64_t inFile = file_ != nullptr ? file_->findHead(at, limit) : limit;
-    const std::uint64_t inOther = backup_ != nullptr ? backup_->findHead(at, limit) : limit;
+    if (inFile < at) inFile = file_ != nullptr ? file_->findHead(at, limit) : limit;
+    if (inOther < at) inOther = backup_ != nullptr ? backup_->findHead(at, limit) : limit;
     // Each stops at its own file's end at the latest.
     at = std::min(inFile < fileSize ? inFile : limit, inOther < backupSize ? inOther : limit);
     if (at >= limit || failure() != MD_RC_OK) break;
@@ -218,39 +235,41 @@ void Salvage::takeFrame(const Frame& frame, bool inBackup) {
 }
 
 std::uint32_t Salvage::walk() {
-  std::vector<std::pair<Frame, bool>> commit;
+  // What was taken of complete commits.
+  std::size_t events = 0;
+  std::uint64_t fromBackup = 0;
+  const auto keepAll = [&] {
+    events = events_.size();
+    fromBackup = fromBackup_;
+  };
   std::uint64_t offset = format::LOG_START;
   Frame frame;
   bool inBackup = false;
   while (offset < format::MAX_OFFSET) {
     if (!frameAt(offset, frame, inBackup)) {
       if (hasSlot_ && offset >= slot_.end) break;
-      for (const auto& [part, partInBackup] : commit) takeFrame(part, partInBackup);
-      commit.clear();
+      keepAll();
       offset = skipDamage(offset);
       continue;
     }
-    // Behind the published end a commit counts only when it is complete.
-    commit.emplace_back(frame, inBackup);
+    takeFrame(frame, inBackup);
     offset = frame.end();
-    if (!frame.last && (!hasSlot_ || offset > slot_.end)) continue;
-    for (const auto& [part, partInBackup] : commit) takeFrame(part, partInBackup);
-    commit.clear();
+    // Behind the published end a commit counts only when it is complete.
+    if (frame.last || (hasSlot_ && offset <= slot_.end)) keepAll();
   }
+  events_.resize(events);
+  fromBackup_ = fromBackup;
   return failure();
 }
 
 void Salvage::keepNewest() {
-  std::stable_sort(events_.begin(), events_.end(), [](const Event& a, const Event& b) {
+  std::sort(events_.begin(), events_.end(), [](const Event& a, const Event& b) {
     return a.place != b.place ? a.place < b.place : a.offset > b.offset;
   });
-  std::uint64_t place = 0;
-  for (const Event& event : events_) {
-    if (event.place == place) continue;
-    place = event.place;
-    if (!event.removed) records_.push_back(event);
-  }
-  events_.clear();
+  const auto isOlderForm = [](const Event& newer, const Event& older) { return newer.place == older.place; };
+  events_.erase(std::unique(events_.begin(), events_.end(), isOlderForm), events_.end());
+  std::erase_if(events_, [](const Event& event) { return event.removed; });
+  records_.swap(events_);
 }
 
 std::uint32_t Salvage::readRecord(std::size_t number, std::byte* out, std::size_t& size) const {

@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -32,9 +33,11 @@ class RawLog : public LogView {
 
  private:
   bool noteFailure(std::uint32_t rc) const;
+  bool mayRead(const Frame& frame) const;
 
   mutable std::uint32_t failure_ = MD_RC_OK;
   mutable std::vector<std::byte> record_;
+  mutable std::uint64_t readInVain_ = 0;
   std::vector<std::byte> window_;
   std::uint64_t windowStart_ = 0;
   std::size_t windowSize_ = 0;
@@ -93,8 +96,9 @@ class Salvage {
   Descriptor backupDescriptor_;
   std::unique_ptr<RawLog> file_;
   std::unique_ptr<RawLog> backup_;
-  std::vector<Event> events_;
-  std::vector<Event> records_;
+  // In pieces: a vector that grows would hold most of them twice.
+  std::deque<Event> events_;
+  std::deque<Event> records_;
   std::uint64_t lostBytes_ = 0;
   std::uint64_t lossEnd_ = 0;
   std::uint64_t fromBackup_ = 0;

@@ -349,8 +349,9 @@ std::uint32_t Transaction::compact() {
     LiveRecord record{};
     return scan.next(out, record, size);
   };
-  // The slot's count is believed no further than the log has room for records.
-  const std::uint64_t records = std::min(log_->records(), log_->end() / sizeof(format::FrameHeader));
+  // The slot's count is believed no further than there are bytes for records.
+  const std::uint64_t records =
+      std::min(log_->records(), dataBytes(data_.get(), log_->end()) / format::LEAST_RECORD_FRAME);
   const Keys keys = log_->isUnique() ? Keys::DIFFER : Keys::REPEAT;
   if (const std::uint32_t rc = rewrite(source, records, log_->header(), keys)) return rc;
   // A backup of what was given up would be no smaller than before.
@@ -435,6 +436,8 @@ void Transaction::updateBackup() {
   const std::uint64_t frames = end - format::LOG_START - log_->areaBytes();
   if (reached == 0 ? frames < FIRST_BACKUP_DISTANCE : end - reached < std::max(BACKUP_DISTANCE, end / BACKUP_SHARE))
     return;
+  // A log of holes was forged to fill the disk.
+  if (dataBytes(data_.get(), end) < end / 2) return;
   Descriptor backup;
   std::uint32_t rc = openRegular(directory_.get(), settings_.paths.backup.c_str(), O_RDWR, 0, backup);
   if (rc == MD_RC_OK) rc = extendBackup(backup.get());

@@ -116,6 +116,7 @@ bool ZeroRunDecoder::feed(std::span<const std::byte> piece) {
     piece = piece.subspan(1);
     if (numberComplete_ && !numberDone(number)) return false;
   }
+  padding_ += piece.size();
   return true;
 }
 

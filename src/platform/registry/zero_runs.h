@@ -29,6 +29,9 @@ class ZeroRunDecoder {
   // All of the record has been told.
   bool finished() const { return state_ == State::FINISHED; }
 
+  // So many bytes came behind the finished record, for all that feed took.
+  std::size_t padding() const { return padding_; }
+
   // The record's size; valid once finished.
   std::size_t size() const { return static_cast<std::size_t>(size_); }
 
@@ -46,6 +49,7 @@ class ZeroRunDecoder {
   std::uint64_t written_ = 0;
   std::uint64_t literals_ = 0;
   std::uint64_t number_ = 0;
+  std::size_t padding_ = 0;
   unsigned shift_ = 0;
   bool numberComplete_ = false;
 };
