@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/random.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -42,6 +43,9 @@ SystemCalls realSystemCalls() {
       .unlinkAt = ::unlinkat,
       .fchmod = ::fchmod,
       .fchown = ::fchown,
+      .getAttribute = ::fgetxattr,
+      .setAttribute = ::fsetxattr,
+      .removeAttribute = ::fremovexattr,
       .getResourceLimit = callGetResourceLimit,
       .getRandom = ::getrandom,
       .clockGetTime = ::clock_gettime,

@@ -31,6 +31,9 @@ struct SystemCalls {
   int (*unlinkAt)(int directory, const char* path, int flags);
   int (*fchmod)(int descriptor, mode_t mode);
   int (*fchown)(int descriptor, uid_t owner, gid_t group);
+  ssize_t (*getAttribute)(int descriptor, const char* name, void* value, std::size_t size);
+  int (*setAttribute)(int descriptor, const char* name, const void* value, std::size_t size, int flags);
+  int (*removeAttribute)(int descriptor, const char* name);
   int (*getResourceLimit)(int resource, struct rlimit* limit);
   ssize_t (*getRandom)(void* data, std::size_t size, unsigned flags);
   int (*clockGetTime)(clockid_t clock, struct timespec* now);

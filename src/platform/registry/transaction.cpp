@@ -4,12 +4,14 @@
 #include "platform/registry/transaction.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cstring>
 #include <utility>
 
 #include "platform/guarded.h"
+#include "platform/registry/file_rights.h"
 #include "platform/registry/log_scan.h"
 #include "platform/registry/salvage.h"
 #include "platform/registry/system_calls.h"
@@ -26,6 +28,7 @@ constexpr std::uint64_t BACKUP_DISTANCE = 16384;
 constexpr std::uint64_t BACKUP_SHARE = 16;
 constexpr std::size_t COPY_PIECE = 256 * 1024;
 constexpr std::uint32_t RETRY_PAUSE_US = 500;
+constexpr std::uint32_t UNFINISHED_PAUSE_US = 20000;
 constexpr int MOST_RANDOM_ATTEMPTS = 1000;
 constexpr int MOST_CORRUPT_COPIES = 1000;
 
@@ -234,21 +237,39 @@ std::uint32_t Transaction::commitWhenHeavy() { return log_->isHeavy() ? commit()
 
 // ---- Writing the file anew
 
+// Left by a writer that died, or being made by one that is at work: whoever has its lock may remove it.
+std::uint32_t Transaction::removeTemporary(const FileState& found) {
+  const char* name = settings_.paths.temporary.c_str();
+  LockedFile stale;
+  const std::uint32_t rc = lockByName(directory_.get(), name, O_RDONLY, 0, deadline_, stale);
+  if (rc == GENREG_RC_NOT_FOUND) return MD_RC_OK;
+  if (rc != MD_RC_OK && !(rc == GENREG_RC_NO_PERMISSION && isLeftUnfinished(found))) return rc;
+  if (systemCalls.unlinkAt(directory_.get(), name, 0) == 0 || errno == ENOENT) return MD_RC_OK;
+  return codeOfErrno(errno);
+}
+
+// Another user who died before he gave the temporary file its rights left an empty one that he alone can open. Nobody
+// is at work on it: he would have the lock file and the record file, which are held here, and in the time of a pause
+// the file would have got its rights and its first bytes.
+bool Transaction::isLeftUnfinished(const FileState& found) {
+  if (found.size != 0 || !S_ISREG(found.mode)) return false;
+  sleepMicroseconds(UNFINISHED_PAUSE_US);
+  FileState state;
+  const std::uint32_t rc = stateAt(directory_.get(), settings_.paths.temporary.c_str(), state);
+  return rc == MD_RC_OK && state.inode == found.inode && state.device == found.device && state.size == 0;
+}
+
+// A file that takes the place of another one is its maker's alone until it gets that one's rights; a new one has those
+// that the settings and the user's mask say from the start.
 std::uint32_t Transaction::lockTemporary(LockedFile& temporary) {
   const char* name = settings_.paths.temporary.c_str();
+  const std::uint32_t mode = data_.isHeld() ? MAKER_ONLY : settings_.fileMode;
   for (;;) {
     FileState state;
     std::uint32_t rc = stateAt(directory_.get(), name, state);
-    if (rc == MD_RC_OK) {
-      // Left by a writer that died, or being made by one that is at work: whoever has its lock may remove it.
-      LockedFile stale;
-      rc = lockByName(directory_.get(), name, O_RDONLY, 0, deadline_, stale);
-      if (rc == MD_RC_OK && systemCalls.unlinkAt(directory_.get(), name, 0) != 0) rc = codeOfErrno(errno);
-      if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
-    } else if (rc != GENREG_RC_NOT_FOUND) {
-      return rc;
-    }
-    rc = lockByName(directory_.get(), name, O_RDWR | O_CREAT | O_EXCL, settings_.fileMode, deadline_, temporary);
+    if (rc == MD_RC_OK) rc = removeTemporary(state);
+    if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
+    rc = lockByName(directory_.get(), name, O_RDWR | O_CREAT | O_EXCL, mode, deadline_, temporary);
     if (rc == MD_RC_OK || stateAt(directory_.get(), name, state) != MD_RC_OK) return rc;
     if (rc != GENREG_RC_SYSTEM_ERROR) {
       // It was made, but could not be locked.
@@ -295,10 +316,12 @@ std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t exp
     fresh = std::make_unique<LogWriter>(type_, boot_, settings_.durable);
     format::FileHeader header;
     if (const std::uint32_t failed = makeHeader(type_, old, header)) return failed;
+    if (const std::uint32_t failed = takeOverRights(temporary.get())) return failed;
     if (const std::uint32_t failed = fresh->create(temporary.get(), header, expectedRecords)) return failed;
     if (keys == Keys::REPEAT) fresh->setNotUnique();
     if (const std::uint32_t failed = fill(*fresh, source, keys)) return failed;
-    if (const std::uint32_t failed = data_.isHeld() ? takeOverOwner(temporary.get()) : MD_RC_OK) return failed;
+    // They may have been changed meanwhile.
+    if (const std::uint32_t failed = takeOverRights(temporary.get())) return failed;
     return putInPlace(temporary, settings_.paths.file);
   });
   if (rc == MD_RC_OK || rc == GENREG_RC_DURABILITY_UNKNOWN) {
@@ -311,18 +334,13 @@ std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t exp
   return rc;
 }
 
-// The new file is to be what the old one was to its readers. Who may not give it to its owner leaves things as they
-// are.
-std::uint32_t Transaction::takeOverOwner(int temporary) const {
-  FileState old;
-  FileState state;
-  if (const std::uint32_t rc = stateOf(data_.get(), old)) return rc;
-  if (const std::uint32_t rc = stateOf(temporary, state)) return rc;
-  if (state.owner != old.owner || state.group != old.group) {
-    if (systemCalls.fchown(temporary, old.owner, old.group) != 0) return codeOfErrno(errno);
-  }
-  if (state.mode != old.mode && systemCalls.fchmod(temporary, old.mode & 07777) != 0) return codeOfErrno(errno);
-  return MD_RC_OK;
+// The new file is to be what the old one was to its readers, and to nobody else. Who may not give it these rights
+// leaves things as they are.
+std::uint32_t Transaction::takeOverRights(int temporary) const {
+  if (!data_.isHeld()) return MD_RC_OK;
+  FileRights rights;
+  if (const std::uint32_t rc = rightsOf(data_.get(), rights)) return rc;
+  return giveRights(temporary, rights);
 }
 
 // The file was synced before: a rename that became durable first would leave the name with an empty file. The directory
@@ -445,12 +463,18 @@ void Transaction::updateBackup() {
   if (rc == MD_RC_OK) log_->republish(end);
 }
 
-// GENREG_RC_NOT_FOUND when this is not a backup of the present file that may be written to.
+// GENREG_RC_NOT_FOUND when this is not a backup of the present file that may be written to. One with other rights is
+// not: somebody may have it open who must not see what comes now.
 std::uint32_t Transaction::extendBackup(int backup) {
   FileState state;
   if (const std::uint32_t rc = stateOf(backup, state)) return rc;
   HeaderPage page;
   const std::uint32_t rc = readHeaderPage(backup, page);
+  FileRights ours;
+  FileRights rights;
+  if (const std::uint32_t failed = rightsOf(data_.get(), ours)) return failed;
+  if (const std::uint32_t failed = rightsOf(backup, rights)) return failed;
+  if (rights != ours) return GENREG_RC_NOT_FOUND;
   const bool isOurs =
       rc == MD_RC_OK && state.links == 1 && page.header.fileId == log_->header().fileId && page.hasSlot();
   if (!isOurs) return GENREG_RC_NOT_FOUND;
@@ -466,7 +490,7 @@ std::uint32_t Transaction::makeBackup() {
   LockedFile temporary;
   if (const std::uint32_t rc = lockTemporary(temporary)) return rc;
   const int file = temporary.get();
-  std::uint32_t rc = takeOverOwner(file);
+  std::uint32_t rc = guarded([&] { return takeOverRights(file); });
   if (rc == MD_RC_OK) rc = reserve(file, 0, log_->end());
   if (rc == MD_RC_OK) rc = writeAt(file, 0, bytesOf(log_->header()));
   if (rc == MD_RC_OK) rc = writeAt(file, format::HEADER_COPY_OFFSET, bytesOf(log_->header()));

@@ -75,10 +75,12 @@ class Transaction {
   };
 
   std::uint32_t lockTemporary(LockedFile& temporary);
+  std::uint32_t removeTemporary(const FileState& found);
+  bool isLeftUnfinished(const FileState& found);
   std::uint32_t rewrite(const RecordSource& source, std::uint64_t expectedRecords, const format::FileHeader& old,
                         Keys keys);
   std::uint32_t fill(LogWriter& fresh, const RecordSource& source, Keys keys);
-  std::uint32_t takeOverOwner(int temporary) const;
+  std::uint32_t takeOverRights(int temporary) const;
   std::uint32_t putInPlace(LockedFile& temporary, const std::string& name);
   std::uint32_t keepCorruptCopy();
 

@@ -197,6 +197,14 @@ const std::vector<Shape>& shapes() {
          image.files[999] = std::make_shared<Bytes>(5000, std::byte{7});
          disk.boot(image);
        }},
+      {"of another owner, with an access list",
+       [](TestStore& store, SimulatedDisk& disk) {
+         addMany(store, 10, 380);
+         DiskImage image = disk.image();
+         for (auto& [inode, rights] : image.rights)
+           rights = Rights{.mode = 0100640, .owner = 7, .group = 8, .accessList = Bytes(44, std::byte{1})};
+         disk.boot(image);
+       }},
       {"started anew",
        [](TestStore& store, SimulatedDisk& disk) {
          addSingly(store, 22, 10);
@@ -263,6 +271,9 @@ const std::vector<int>& errorsOf(Call call) {
       return NAMING;
     case Call::CHANGE_MODE:
     case Call::CHANGE_OWNER:
+    case Call::GET_ATTRIBUTE:
+    case Call::SET_ATTRIBUTE:
+    case Call::REMOVE_ATTRIBUTE:
       return OWNING;
     default:
       return GUESSING;

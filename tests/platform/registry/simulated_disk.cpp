@@ -56,9 +56,10 @@ bool isAllZero(const Bytes& bytes) {
 }  // namespace
 
 const char* nameOf(Call call) {
-  constexpr std::array<const char*, CALL_COUNT> NAMES{
-      "open",  "duplicate", "read",   "write", "fdatasync", "fsync",  "fallocate", "ftruncate",
-      "flock", "statx",     "rename", "link",  "unlink",    "fchmod", "fchown",    "getrandom"};
+  constexpr std::array<const char*, CALL_COUNT> NAMES{"open",      "duplicate", "read",      "write",       "fdatasync",
+                                                      "fsync",     "fallocate", "ftruncate", "flock",       "statx",
+                                                      "rename",    "link",      "unlink",    "fchmod",      "fchown",
+                                                      "getrandom", "fgetxattr", "fsetxattr", "fremovexattr"};
   return NAMES[static_cast<std::size_t>(call)];
 }
 
@@ -103,7 +104,7 @@ struct SimulatedCalls {
         if ((flags & O_CREAT) == 0) return fail(ENOENT);
         open.inode = std::make_shared<SimulatedDisk::Inode>();
         open.inode->number = theDisk->nextInode_++;
-        open.inode->mode = S_IFREG | (mode & 07777);
+        open.inode->rights.mode = S_IFREG | (mode & 07777);
         theDisk->names_[name] = open.inode;
         theDisk->record(
             DiskOp{.kind = DiskOp::Kind::BIND, .inode = open.inode->number, .bytes = {}, .name = name, .from = {}});
@@ -229,10 +230,10 @@ struct SimulatedCalls {
       status->stx_ino = FOLDER_INODE;
       return;
     }
-    status->stx_mode = static_cast<std::uint16_t>(inode->mode);
+    status->stx_mode = static_cast<std::uint16_t>(inode->rights.mode);
     status->stx_ino = inode->number;
-    status->stx_uid = inode->owner;
-    status->stx_gid = inode->group;
+    status->stx_uid = inode->rights.owner;
+    status->stx_gid = inode->rights.group;
     status->stx_nlink = theDisk->linkCount(*inode);
     status->stx_size = inode->bytes->size();
   }
@@ -289,7 +290,7 @@ struct SimulatedCalls {
     if (const int error = theDisk->failing(Call::CHANGE_MODE)) return fail(error);
     SimulatedDisk::Open* open = theDisk->find(descriptor);
     if (open == nullptr || open->inode == nullptr) return fail(EBADF);
-    open->inode->mode = S_IFREG | (mode & 07777);
+    open->inode->rights.mode = S_IFREG | (mode & 07777);
     return 0;
   }
 
@@ -297,8 +298,37 @@ struct SimulatedCalls {
     if (const int error = theDisk->failing(Call::CHANGE_OWNER)) return fail(error);
     SimulatedDisk::Open* open = theDisk->find(descriptor);
     if (open == nullptr || open->inode == nullptr) return fail(EBADF);
-    open->inode->owner = owner;
-    open->inode->group = group;
+    open->inode->rights.owner = owner;
+    open->inode->rights.group = group;
+    return 0;
+  }
+
+  static ssize_t getAttribute(int descriptor, const char*, void* value, std::size_t size) {
+    if (const int error = theDisk->failing(Call::GET_ATTRIBUTE)) return fail(error);
+    const SimulatedDisk::Open* open = theDisk->find(descriptor);
+    if (open == nullptr || open->inode == nullptr) return fail(EBADF);
+    const Bytes& list = open->inode->rights.accessList;
+    if (list.empty()) return fail(ENODATA);
+    if (list.size() > size) return fail(ERANGE);
+    std::copy(list.begin(), list.end(), static_cast<std::byte*>(value));
+    return static_cast<ssize_t>(list.size());
+  }
+
+  static int setAttribute(int descriptor, const char*, const void* value, std::size_t size, int) {
+    if (const int error = theDisk->failing(Call::SET_ATTRIBUTE)) return fail(error);
+    SimulatedDisk::Open* open = theDisk->find(descriptor);
+    if (open == nullptr || open->inode == nullptr) return fail(EBADF);
+    const auto* bytes = static_cast<const std::byte*>(value);
+    open->inode->rights.accessList.assign(bytes, bytes + size);
+    return 0;
+  }
+
+  static int removeAttribute(int descriptor, const char*) {
+    if (const int error = theDisk->failing(Call::REMOVE_ATTRIBUTE)) return fail(error);
+    SimulatedDisk::Open* open = theDisk->find(descriptor);
+    if (open == nullptr || open->inode == nullptr) return fail(EBADF);
+    if (open->inode->rights.accessList.empty()) return fail(ENODATA);
+    open->inode->rights.accessList.clear();
     return 0;
   }
 
@@ -348,6 +378,9 @@ SimulatedDisk::SimulatedDisk() {
   systemCalls.unlinkAt = SimulatedCalls::unlinkAt;
   systemCalls.fchmod = SimulatedCalls::fchmod;
   systemCalls.fchown = SimulatedCalls::fchown;
+  systemCalls.getAttribute = SimulatedCalls::getAttribute;
+  systemCalls.setAttribute = SimulatedCalls::setAttribute;
+  systemCalls.removeAttribute = SimulatedCalls::removeAttribute;
   systemCalls.getResourceLimit = SimulatedCalls::getResourceLimit;
   systemCalls.getRandom = SimulatedCalls::getRandom;
   systemCalls.clockGetTime = SimulatedCalls::clockGetTime;
@@ -396,6 +429,7 @@ DiskImage SimulatedDisk::image() const {
   for (const auto& [name, inode] : names_) {
     image.names[name] = inode->number;
     image.files[inode->number] = inode->bytes;
+    image.rights[inode->number] = inode->rights;
   }
   return image;
 }
@@ -411,6 +445,7 @@ void SimulatedDisk::boot(const DiskImage& content) {
       inode = std::make_shared<Inode>();
       inode->number = number;
       inode->bytes = std::const_pointer_cast<Bytes>(content.files.at(number));
+      if (content.rights.contains(number)) inode->rights = content.rights.at(number);
     }
     names_[name] = inode;
     nextInode_ = std::max(nextInode_, number + 1);

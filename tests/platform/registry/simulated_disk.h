@@ -26,10 +26,19 @@ using Content = std::shared_ptr<const Bytes>;
 constexpr std::size_t UNIT = 512;
 constexpr const char* DISK_FOLDER = "/disk";  // the one folder; names in it have no further '/'
 
+// Who may do what with a file. They are durable at once.
+struct Rights {
+  unsigned mode = 0100600;
+  unsigned owner = 0;
+  unsigned group = 0;
+  Bytes accessList;
+};
+
 // Names and file contents, as they are at one moment.
 struct DiskImage {
   std::map<std::string, std::uint64_t> names;
   std::map<std::uint64_t, Content> files;
+  std::map<std::uint64_t, Rights> rights;  // of the files that have others than a new one
 
   // Of names and of the contents that they lead to.
   std::uint64_t hash() const;
@@ -65,8 +74,11 @@ enum class Call {
   CHANGE_MODE,
   CHANGE_OWNER,
   RANDOM,
+  GET_ATTRIBUTE,
+  SET_ATTRIBUTE,
+  REMOVE_ATTRIBUTE,
 };
-constexpr std::size_t CALL_COUNT = 16;
+constexpr std::size_t CALL_COUNT = 19;
 const char* nameOf(Call call);
 
 // While it lives, the engine works on this disk and on nothing else.
@@ -109,10 +121,8 @@ class SimulatedDisk {
   friend struct SimulatedCalls;
   struct Inode {
     std::shared_ptr<Bytes> bytes = std::make_shared<Bytes>();
-    unsigned mode = 0100600;
     std::uint64_t number = 0;
-    unsigned owner = 0;
-    unsigned group = 0;
+    Rights rights;
   };
   struct Open {
     std::shared_ptr<Inode> inode;  // null: the folder
