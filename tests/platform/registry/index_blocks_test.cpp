@@ -91,20 +91,20 @@ TEST_F(IndexBlocks, HoldNothingAtFirst) {
 
 TEST_F(IndexBlocks, AreSearchedFromTheNewestSegmentOn) {
   const std::uint64_t digest = 0x123456789ABCDEF0;
-  put(homeOf(OLD, digest), {makeEntry(0, digest, 800), makeEntry(0, ~digest, 8)});
-  put(homeOf(NEW, digest), {makeEntry(1, digest, 16), makeEntry(0, digest, 1600)});
+  put(homeOf(OLD, digest), {makeEntry(0, digest, 80000), makeEntry(0, ~digest, 80008)});
+  put(homeOf(NEW, digest), {makeEntry(1, digest, 80016), makeEntry(0, digest, 81600)});
   std::vector<std::uint64_t> offsets;
   ASSERT_EQ(find(digest, offsets), MD_RC_OK);
-  EXPECT_EQ(offsets, (std::vector<std::uint64_t>{1600, 800}));
+  EXPECT_EQ(offsets, (std::vector<std::uint64_t>{81600, 80000}));
 }
 
 TEST_F(IndexBlocks, GoOnInTheNextOneWhenFull) {
   const std::uint64_t digest = 0xAAAA0000FFFFFFFF;  // at home in the last block: the next one is the first
-  put(homeOf(OLD, digest), std::vector<std::uint64_t>(format::BLOCK_ENTRIES, makeEntry(0, ~digest, 8)), true);
-  put(OLD.offset, {makeEntry(0, digest, 4800)});
+  put(homeOf(OLD, digest), std::vector<std::uint64_t>(format::BLOCK_ENTRIES, makeEntry(0, ~digest, 80008)), true);
+  put(OLD.offset, {makeEntry(0, digest, 84800)});
   std::vector<std::uint64_t> offsets;
   ASSERT_EQ(find(digest, offsets), MD_RC_OK);
-  EXPECT_EQ(offsets, std::vector<std::uint64_t>{4800});
+  EXPECT_EQ(offsets, std::vector<std::uint64_t>{84800});
 }
 
 TEST_F(IndexBlocks, ThatAllOverflowAreNotSearchedForEver) {
@@ -119,6 +119,7 @@ TEST_F(IndexBlocks, ThatAllOverflowAreNotSearchedForEver) {
 TEST_F(IndexBlocks, PassOnlyAtTheirPlaceInTheirFileAndWhole) {
   format::Block block{};
   block.count = 5;
+  std::fill_n(block.entries, block.count, makeEntry(0, 77, format::LOG_START));
   sealBlock(block, SALT, OLD.offset);
   ASSERT_EQ(writeAt(file_.get(), OLD.offset, bytesOf(block)), MD_RC_OK);
   ASSERT_EQ(writeAt(file_.get(), OLD.offset + 512, bytesOf(block)), MD_RC_OK);
@@ -133,6 +134,18 @@ TEST_F(IndexBlocks, PassOnlyAtTheirPlaceInTheirFileAndWhole) {
     ASSERT_EQ(readBlock(file_.get(), SALT, OLD.offset, read), GENREG_RC_DAMAGED) << bit;
   }
   EXPECT_EQ(readBlock(file_.get(), SALT, std::uint64_t{1} << 40, read), GENREG_RC_DAMAGED);
+}
+
+// Of a fourth index there is none, and no frame lies before the log.
+TEST_F(IndexBlocks, DoNotPassWithEntriesThatCannotBe) {
+  format::Block read;
+  for (const std::uint64_t entry :
+       {makeEntry(3, 77, format::LOG_START), makeEntry(0, 77, format::LOG_START - 8), std::uint64_t{0}}) {
+    put(OLD.offset, {makeEntry(2, 77, format::LOG_START)});
+    ASSERT_EQ(readBlock(file_.get(), SALT, OLD.offset, read), MD_RC_OK);
+    put(OLD.offset, {makeEntry(2, 77, format::LOG_START), entry});
+    EXPECT_EQ(readBlock(file_.get(), SALT, OLD.offset, read), GENREG_RC_DAMAGED) << entry;
+  }
 }
 
 }  // namespace
