@@ -1,7 +1,7 @@
 // The record operations: each is a reader's question or a transaction of its own, unless a batch is under way.
 #include "zonmdfile/platform/GenRegBin.h"
 
-#include "platform/guarded.h"
+#include "platform/registry/engine_call.h"
 #include "platform/registry/reader.h"
 #include "platform/registry/transaction.h"
 
@@ -30,7 +30,7 @@ GenRegBin::GenRegBin() = default;
 GenRegBin::~GenRegBin() = default;
 
 std::uint32_t GenRegBin::Add(unsigned long flags, void* record) {
-  return zon::guarded([&] {
+  return zon::engineCall([&] {
     if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     return runChange(batch_, recordType(), writerSettings(), true,
                      [&](zon::Transaction& transaction) { return transaction.add(flags, record); });
@@ -38,7 +38,7 @@ std::uint32_t GenRegBin::Add(unsigned long flags, void* record) {
 }
 
 std::uint32_t GenRegBin::Get(unsigned long flags, void* key, void* out) {
-  return zon::guarded([&] {
+  return zon::engineCall([&] {
     const zon::RecordType type = recordType();
     auto* bytes = static_cast<std::byte*>(out);
     if (batch_ == nullptr) return zon::Reader(type, filePath_, backupPath_).get(flags, key, bytes);
@@ -50,7 +50,7 @@ std::uint32_t GenRegBin::Get(unsigned long flags, void* key, void* out) {
 }
 
 std::uint32_t GenRegBin::Change(unsigned long flags, void* key, void* record) {
-  return zon::guarded([&] {
+  return zon::engineCall([&] {
     if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     return runChange(batch_, recordType(), writerSettings(), false,
                      [&](zon::Transaction& transaction) { return transaction.change(flags, key, record); });
@@ -58,7 +58,7 @@ std::uint32_t GenRegBin::Change(unsigned long flags, void* key, void* record) {
 }
 
 std::uint32_t GenRegBin::Delete(unsigned long flags, void* key) {
-  return zon::guarded([&] {
+  return zon::engineCall([&] {
     if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     const bool all = hasFeature(FEATURE_DELETE_ALL);
     return runChange(batch_, recordType(), writerSettings(), false,
@@ -67,7 +67,7 @@ std::uint32_t GenRegBin::Delete(unsigned long flags, void* key) {
 }
 
 std::uint32_t GenRegBin::GetNext(unsigned long flags, void* key, void* out) {
-  return zon::guarded([&] {
+  return zon::engineCall([&] {
     if (scan_ == nullptr) return GENREG_RC_NO_SCAN;
     return scan_->next(flags, key, static_cast<std::byte*>(out));
   });

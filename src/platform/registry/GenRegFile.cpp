@@ -1,11 +1,12 @@
 // Scans, batches and care of a record file as a whole.
 #include "zonmdfile/platform/GenRegFile.h"
 
+#include <array>
 #include <cstring>
 #include <memory>
 #include <string_view>
 
-#include "platform/guarded.h"
+#include "platform/registry/engine_call.h"
 #include "platform/registry/reader.h"
 #include "platform/registry/transaction.h"
 
@@ -23,12 +24,21 @@ std::uint32_t checkWholeLog(const Reader& reader, std::uint64_t fileSize, bool& 
     damaged = !log.hasFrame(offset, frame);
     if (!damaged && frame.kind == format::FrameKind::AREA) {
       const std::uint32_t rc = log.verifyBlocks(frame.area);
-      if (rc != MD_RC_OK && rc != GENREG_RC_DAMAGED) return rc;
-      damaged = rc == GENREG_RC_DAMAGED;
+      if (rc != MD_RC_OK && !isDamage(rc)) return rc;
+      damaged = rc != MD_RC_OK;
     }
-    if (damaged) return MD_RC_OK;
+    if (damaged) break;
   }
-  return MD_RC_OK;
+  return log.isDeviceFailing() ? GENREG_RC_IO_ERROR : MD_RC_OK;
+}
+
+// Of a file that could not be opened, something at least must be readable.
+std::uint32_t checkDevice(int file, std::uint64_t fileSize) {
+  BadSectors bad(fileSize);
+  std::array<std::byte, format::LOG_START> page;
+  std::size_t got = 0;
+  if (const std::uint32_t rc = bad.read(file, 0, page, got)) return rc;
+  return bad.isDeviceFailing(file) ? GENREG_RC_IO_ERROR : MD_RC_OK;
 }
 
 void fillStatus(const Reader& reader, std::uint64_t fileSize, GenRegStatus& status) {
@@ -50,12 +60,12 @@ std::uint32_t readStatus(const RecordType& type, const char* filePath, const cha
   Reader reader(type, filePath, backupPath);
   const std::uint32_t opened = reader.open();
   if (opened == GENREG_RC_NOT_FOUND) return MD_RC_OK;
-  if (opened != MD_RC_OK && opened != GENREG_RC_DAMAGED) return opened;
+  if (opened != MD_RC_OK && opened != GENREG_RC_DAMAGED && opened != RC_UNREADABLE) return opened;
   FileState state;
   if (const std::uint32_t rc = stateOf(reader.file(), state)) return rc;
   status.fileBytes = state.size;
   status.damaged = 1;
-  if (opened == GENREG_RC_DAMAGED) return MD_RC_OK;
+  if (opened != MD_RC_OK) return checkDevice(reader.file(), state.size);
   fillStatus(reader, state.size, status);
   bool damaged = false;
   const std::uint32_t rc = checkWholeLog(reader, state.size, damaged);
@@ -112,7 +122,7 @@ zon::WriterSettings GenRegFile::writerSettings() const {
 }
 
 std::uint32_t GenRegFile::OpenScan() {
-  return zon::guarded([&] {
+  return zon::engineCall([&] {
     if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     auto scan = std::make_unique<zon::Scan>(recordType(), filePath_, backupPath_);
     std::uint32_t rc = MD_RC_OK;
@@ -135,7 +145,7 @@ std::uint32_t GenRegFile::CloseScan() {
 }
 
 std::uint32_t GenRegFile::beginBatch() {
-  return zon::guarded([&] {
+  return zon::engineCall([&] {
     if (batch_ != nullptr) return GENREG_RC_BATCH_OPEN;
     auto batch = std::make_unique<zon::Transaction>(recordType(), writerSettings());
     // Without a file there is nothing to change or remove yet; the first record added makes it.
@@ -154,15 +164,15 @@ std::uint32_t GenRegFile::commitBatch() {
     delete scan_;
     scan_ = nullptr;
   }
-  return zon::guarded([&] { return batch->hasFile() ? batch->commit() : MD_RC_OK; });
+  return zon::engineCall([&] { return batch->hasFile() ? batch->commit() : MD_RC_OK; });
 }
 
 std::uint32_t GenRegFile::status(GenRegStatus& status) {
-  return zon::guarded([&] { return zon::readStatus(recordType(), filePath_, backupPath_, status); });
+  return zon::engineCall([&] { return zon::readStatus(recordType(), filePath_, backupPath_, status); });
 }
 
 std::uint32_t GenRegFile::repair() {
-  return zon::guarded([&] {
+  return zon::engineCall([&] {
     if (batch_ != nullptr) return GENREG_RC_BATCH_OPEN;
     if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     zon::WriterSettings settings = writerSettings();
@@ -179,12 +189,14 @@ std::uint32_t GenRegFile::repair() {
 }
 
 std::uint32_t GenRegFile::compact() {
-  return zon::guarded([&] {
+  return zon::engineCall([&] {
     if (batch_ != nullptr) return GENREG_RC_BATCH_OPEN;
     if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     zon::Transaction transaction(recordType(), writerSettings());
     const std::uint32_t rc = transaction.begin(false);
     if (rc != MD_RC_OK) return rc == GENREG_RC_NOT_FOUND ? MD_RC_OK : rc;
-    return transaction.compact();
+    const std::uint32_t compacted = transaction.compact();
+    const bool mayRepair = hasFeature(FEATURE_REPAIR) && !transaction.isRepaired();
+    return zon::isDamage(compacted) && mayRepair ? transaction.repair() : compacted;
   });
 }

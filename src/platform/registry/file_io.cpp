@@ -151,9 +151,12 @@ std::uint32_t readAt(int file, std::uint64_t offset, std::span<std::byte> range,
   got = 0;
   while (got < range.size()) {
     const std::size_t piece = std::min(range.size() - got, LARGEST_TRANSFER);
-    const ssize_t count = uninterrupted(
-        [&] { return systemCalls.pread(file, range.data() + got, piece, static_cast<off_t>(offset + got)); });
-    if (count < 0) return codeOfErrno(errno);
+    const auto read = [&] {
+      return systemCalls.pread(file, range.data() + got, piece, static_cast<off_t>(offset + got));
+    };
+    ssize_t count = uninterrupted(read);
+    if (count < 0 && errno == EIO) count = uninterrupted(read);  // the fault may have passed
+    if (count < 0) return errno == EIO ? RC_UNREADABLE : codeOfErrno(errno);
     if (count == 0) break;
     got += static_cast<std::size_t>(count);
   }

@@ -72,7 +72,11 @@ std::uint32_t stateOf(int file, FileState& state);
 // GENREG_RC_NOT_FOUND when there is nothing at that name.
 std::uint32_t stateAt(int directory, const char* path, FileState& state);
 
-// Reads until the range is full or the file ends; `got` tells how far.
+// Within the engine: a place that the device cannot read, also when asked once more. It is lost like what fails its
+// checksum, and helped by the same means. Callers of the engine are told GENREG_RC_IO_ERROR.
+constexpr std::uint32_t RC_UNREADABLE = 0x900002FF;
+
+// Reads until the range is full or the file ends; `got` tells how far. RC_UNREADABLE when the device fails.
 std::uint32_t readAt(int file, std::uint64_t offset, std::span<std::byte> range, std::size_t& got);
 
 // The first offset from `offset` on that is not in a hole of the file; `end` when there is none before it. Where the

@@ -96,7 +96,9 @@ std::uint32_t LogView::read(std::uint64_t offset, std::span<std::byte> range, st
   got = 0;
   if (offset < pendingStart_) {
     const auto inFile = static_cast<std::size_t>(std::min<std::uint64_t>(range.size(), pendingStart_ - offset));
-    if (const std::uint32_t rc = readAt(file_, offset, range.first(inFile), got)) return rc;
+    const std::uint32_t rc = badSectors_ == nullptr ? readAt(file_, offset, range.first(inFile), got)
+                                                    : badSectors_->read(file_, offset, range.first(inFile), got);
+    if (rc != MD_RC_OK) return rc;
     if (got < inFile) return MD_RC_OK;
   }
   if (got == range.size()) return MD_RC_OK;

@@ -16,6 +16,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "platform/registry/bad_sectors.h"
 #include "platform/registry/file_header.h"
 #include "platform/registry/file_io.h"
 #include "platform/registry/frame.h"
@@ -165,6 +166,7 @@ class LogView {
 
   const RecordType& type_;
   int file_ = -1;
+  BadSectors* badSectors_ = nullptr;  // set by who wants to read around them
   format::FileHeader header_;
   format::Slot slot_;  // its counts are kept up to date; its overlay and segments are what the file's index covers
   FrameKey key_;

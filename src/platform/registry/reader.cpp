@@ -6,14 +6,22 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/registry/engine_call.h"
+
 namespace zon {
 
-bool isDamage(std::uint32_t rc) { return rc == GENREG_RC_DAMAGED || rc == GENREG_RC_NOT_RECORD_FILE; }
+namespace {
+
+// A file that is damaged and written to all the while is told to be damaged in the end.
+constexpr int MOST_SALVAGES = 20;
+
+}  // namespace
 
 std::uint32_t Reader::open() {
   if (std::strlen(filePath_) == GenRegBase::PATH_SIZE - 1) return GENREG_RC_NAME_TOO_LONG;
   if (const std::uint32_t rc = openAnything(AT_FDCWD, filePath_, O_RDONLY, 0, file_)) return rc;
   const std::uint32_t rc = view_.open(file_.get());
+  isViewOpen_ = rc == MD_RC_OK;
   if (!isDamage(rc)) return rc;
   // Only what has the looks of no record file is asked whether it is a file at all.
   FileState state;
@@ -22,16 +30,20 @@ std::uint32_t Reader::open() {
 }
 
 std::uint32_t Reader::salvage(std::unique_ptr<Salvage>& salvage) const {
-  Descriptor backup;
-  const std::uint32_t opened = openRegular(AT_FDCWD, backupPath_, O_RDONLY, 0, backup);
-  salvage = std::make_unique<Salvage>(type_);
-  std::uint32_t rc = salvage->open(file_.get(), opened == MD_RC_OK ? backup.get() : -1);
-  if (rc == MD_RC_OK) salvage->keepBackupOpen(std::move(backup));
-  FileState state;
-  // An empty file with no backup is one that holds nothing yet.
-  if (rc == GENREG_RC_NOT_RECORD_FILE && stateOf(file_.get(), state) == MD_RC_OK && state.size == 0)
-    rc = GENREG_RC_NOT_FOUND;
-  return rc;
+  std::uint32_t rc = MD_RC_OK;
+  for (int round = 0; round < MOST_SALVAGES; ++round) {
+    Descriptor backup;
+    const std::uint32_t opened = openRegular(AT_FDCWD, backupPath_, O_RDONLY, 0, backup);
+    salvage = std::make_unique<Salvage>(type_, Salvage::Access::SHARED);
+    rc = salvage->open(file_.get(), opened == MD_RC_OK ? backup.get() : -1, isViewOpen_ ? &view_ : nullptr);
+    if (rc == MD_RC_OK) salvage->keepBackupOpen(std::move(backup));
+    // An empty file with no backup is one that holds nothing yet. Of a backup that cannot be read nobody knows.
+    FileState state;
+    if (rc == GENREG_RC_NOT_RECORD_FILE && stateOf(file_.get(), state) == MD_RC_OK && state.size == 0)
+      return opened == GENREG_RC_NOT_FOUND ? GENREG_RC_NOT_FOUND : GENREG_RC_DAMAGED;
+    if (rc != MD_RC_OK || !salvage->isOvertaken(file_.get())) return rc;
+  }
+  return GENREG_RC_DAMAGED;
 }
 
 std::uint32_t Reader::get(unsigned long flags, const void* key, std::byte* out) {
@@ -70,7 +82,7 @@ std::uint32_t Scan::open() {
 }
 
 std::uint32_t Scan::fail(std::uint32_t rc) {
-  failure_ = rc;
+  failure_ = codeForCallers(rc);
   over_ = true;
   return delivered_ == 0 ? rc : GENREG_RC_END_OF_SCAN;
 }

@@ -14,9 +14,6 @@
 
 namespace zon {
 
-// What is wrong with the file may be helped by salvage.
-bool isDamage(std::uint32_t rc);
-
 // An open record file, as readers see it.
 class Reader {
  public:
@@ -32,7 +29,7 @@ class Reader {
   const LogView& view() const { return view_; }
   int file() const { return file_.get(); }
 
-  // Reads file and backup through for what is intact.
+  // Reads file and backup through for what is intact; of a file that could be opened, in the state that it had then.
   std::uint32_t salvage(std::unique_ptr<Salvage>& salvage) const;
 
  private:
@@ -43,6 +40,7 @@ class Reader {
   const char* backupPath_;
   Descriptor file_;
   LogView view_;
+  bool isViewOpen_ = false;
 };
 
 // A pass over the matching records of one state.

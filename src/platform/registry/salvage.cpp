@@ -19,7 +19,20 @@ constexpr std::size_t KIND_OFFSET = sizeof(format::FrameHeader) - 1;
 
 // What a header may be wrong with, as opposed to what may keep it from being read.
 bool isVerdict(std::uint32_t rc) {
-  return rc == MD_RC_OK || rc == GENREG_RC_NOT_RECORD_FILE || rc == GENREG_RC_DAMAGED || rc == GENREG_RC_NEWER_FORMAT;
+  return rc == MD_RC_OK || rc == GENREG_RC_NOT_RECORD_FILE || rc == GENREG_RC_DAMAGED || rc == GENREG_RC_NEWER_FORMAT ||
+         rc == RC_UNREADABLE;
+}
+
+// A file system that takes no writes has nothing that could get lost.
+std::uint32_t makeReadBytesDurable(int file) {
+  const std::uint32_t rc = syncData(file);
+  return rc == GENREG_RC_READ_ONLY || rc == GENREG_RC_SYSTEM_ERROR ? MD_RC_OK : rc;
+}
+
+bool isUnreadable(int file) {
+  std::array<std::byte, 1> byte;
+  std::size_t got = 0;
+  return file >= 0 && readAt(file, 0, byte, got) == RC_UNREADABLE;
 }
 
 // Without a readable header the salt is still told by the first frame, whose chain field is the salt.
@@ -37,8 +50,10 @@ bool guessSalt(int file, std::size_t indexCount, std::uint32_t& salt) {
 
 }  // namespace
 
-RawLog::RawLog(const RecordType& type, int file, const format::FileHeader& header, std::uint64_t size) : LogView(type) {
+RawLog::RawLog(const RecordType& type, int file, const format::FileHeader& header, std::uint64_t size)
+    : LogView(type), bad_(size) {
   file_ = file;
+  badSectors_ = &bad_;
   header_ = header;
   slot_ = format::Slot{};
   key_ = FrameKey{.salt = saltOf(header.fileId), .indexCount = type.indexCount};
@@ -81,7 +96,7 @@ std::uint64_t RawLog::findHead(std::uint64_t from, std::uint64_t limit) {
       at = skipHole(file_, at, limit) / format::FRAME_ALIGNMENT * format::FRAME_ALIGNMENT;
       window_.resize(SEARCH_WINDOW);
       windowStart_ = at;
-      if (noteFailure(readAt(file_, at, window_, windowSize_)) || at >= limit) return limit;
+      if (noteFailure(bad_.read(file_, at, window_, windowSize_)) || at >= limit) return limit;
     }
     const auto bytes = std::span<const std::byte>(window_).first(windowSize_).subspan(at - windowStart_);
     const bool mayBeHead = bytes.size() > KIND_OFFSET && bytes[KIND_OFFSET] != std::byte{0};
@@ -92,19 +107,18 @@ std::uint64_t RawLog::findHead(std::uint64_t from, std::uint64_t limit) {
 
 // Decides by which salt the frames are checked, and whether the backup is of the same generation.
 std::uint32_t Salvage::identify(int file, int backup) {
-  HeaderPage filePage{};
   HeaderPage backupPage{};
-  const std::uint32_t fileVerdict = file >= 0 ? readHeaderPage(file, filePage) : GENREG_RC_NOT_RECORD_FILE;
+  const std::uint32_t fileVerdict = file >= 0 ? readHeaderPage(file, filePage_) : GENREG_RC_NOT_RECORD_FILE;
   const std::uint32_t backupVerdict = backup >= 0 ? readHeaderPage(backup, backupPage) : GENREG_RC_NOT_RECORD_FILE;
   if (fileVerdict == GENREG_RC_NEWER_FORMAT || !isVerdict(fileVerdict)) return fileVerdict;
   if (!isVerdict(backupVerdict)) return backupVerdict;
-  const bool fileHasHeader = fileVerdict == MD_RC_OK;
+  fileHasHeader_ = fileVerdict == MD_RC_OK;
   const bool backupHasHeader = backupVerdict == MD_RC_OK && std::equal(type_.indexFlags.begin(), type_.indexFlags.end(),
                                                                        backupPage.header.indexFlags);
-  if (fileHasHeader) header_ = filePage.header;
-  std::uint32_t salt = saltOf(filePage.header.fileId);
-  bool fileCounts = fileHasHeader;
-  if (!fileHasHeader && file >= 0 && guessSalt(file, type_.indexCount, salt)) {
+  if (fileHasHeader_) header_ = filePage_.header;
+  std::uint32_t salt = saltOf(filePage_.header.fileId);
+  bool fileCounts = fileHasHeader_;
+  if (!fileHasHeader_ && file >= 0 && guessSalt(file, type_.indexCount, salt)) {
     header_ = backupHasHeader && saltOf(backupPage.header.fileId) == salt ? backupPage.header : format::FileHeader{};
     if (header_.fileId == 0) header_.fileId = salt;
     fileCounts = true;
@@ -117,22 +131,40 @@ std::uint32_t Salvage::identify(int file, int backup) {
   const bool sameGeneration = backupHasHeader && fileCounts && saltOf(backupPage.header.fileId) == salt;
   Frame frame;
   const bool fileHasFrames =
-      fileCounts && (!fileHasHeader || filePage.hasSlot() || file_->hasFrame(format::LOG_START, frame));
+      fileCounts && (!fileHasHeader_ || filePage_.hasSlot() || file_->hasFrame(format::LOG_START, frame));
   if (sameGeneration || (backupHasHeader && !fileHasFrames)) {
     if (!fileCounts || !sameGeneration) header_ = backupPage.header;
     if (!sameGeneration) file_.reset();
     backup_ = std::make_unique<RawLog>(type_, backup, header_, backupState.size);
   }
-  if (sameGeneration && tellsOtherHistory(filePage, backupPage)) backup_.reset();
-  for (const HeaderPage* page : {&filePage, &backupPage}) {
-    const bool counts = page == &filePage ? fileHasHeader && file_ != nullptr : backup_ != nullptr;
-    if (!counts || !page->hasSlot()) continue;
+  if (sameGeneration && tellsOtherHistory(filePage_, backupPage)) backup_.reset();
+  chooseEnd(backup_ != nullptr ? &backupPage : nullptr);
+  return MD_RC_OK;
+}
+
+// The log reaches at least as far as any slot tells.
+void Salvage::chooseEnd(const HeaderPage* backupPage) {
+  const bool fileHasSlots = fileHasHeader_ && file_ != nullptr;
+  isEndKnown_ = fileHasSlots && filePage_.bothSlots();
+  isSameRun_ = fileHasSlots && filePage_.hasSlot() && isSameBoot(currentBootId(), filePage_.slots[filePage_.newest()]);
+  takesBehind_ = !isEndKnown_ || !isSameRun_;
+  const HeaderPage* filePage = fileHasSlots ? &filePage_ : nullptr;
+  for (const HeaderPage* page : {filePage, backupPage}) {
+    if (page == nullptr || !page->hasSlot()) continue;
     const format::Slot& slot = page->slots[page->newest()];
     if (hasSlot_ && slot_.end >= slot.end) continue;
     slot_ = slot;
     hasSlot_ = true;
   }
-  return MD_RC_OK;
+}
+
+// The caller's view has a slot that it believes, and has rolled it forward if that was due.
+void Salvage::takeStateOf(const LogView& view) {
+  slot_ = view.slot();
+  slot_.end = view.end();
+  hasSlot_ = true;
+  isEndKnown_ = true;
+  takesBehind_ = false;
 }
 
 // A copy of the file that somebody put back goes its own way from where it was taken, and the backup may know another
@@ -155,12 +187,35 @@ std::uint32_t Salvage::failure() const {
   return backup_ != nullptr ? backup_->failure() : MD_RC_OK;
 }
 
-std::uint32_t Salvage::open(int file, int backup) {
+std::uint32_t Salvage::open(int file, int backup, const LogView* state) {
   if (const std::uint32_t rc = identify(file, backup)) return rc;
-  if (file_ == nullptr && backup_ == nullptr) return GENREG_RC_NOT_RECORD_FILE;
+  if (file_ == nullptr && backup_ == nullptr)
+    return isUnreadable(file) ? GENREG_RC_IO_ERROR : GENREG_RC_NOT_RECORD_FILE;
+  if (state != nullptr) takeStateOf(*state);
+  // What is taken in from behind the published end must stay whatever happens next.
+  if (access_ == Access::SHARED && takesBehind_ && file >= 0) {
+    if (const std::uint32_t rc = makeReadBytesDurable(file)) return rc;
+  }
   if (const std::uint32_t rc = walk()) return rc;
+  for (const RawLog* log : {file_.get(), backup_.get()}) {
+    if (log != nullptr && log->isDeviceFailing()) return GENREG_RC_IO_ERROR;
+  }
   keepNewest();
   return MD_RC_OK;
+}
+
+// A writer publishes what it has recovered before it writes anything of its own.
+bool Salvage::isOvertaken(int file) const {
+  if (!takesBehind_ || file < 0) return false;
+  HeaderPage now{};
+  const std::uint32_t rc = readHeaderPage(file, now);
+  if ((rc == MD_RC_OK) != fileHasHeader_) return true;
+  if (rc != MD_RC_OK) return false;
+  for (std::size_t slot = 0; slot < now.slots.size(); ++slot) {
+    if (now.slotValid[slot] != filePage_.slotValid[slot]) return true;
+    if (now.slotValid[slot] && now.slots[slot].crc != filePage_.slots[slot].crc) return true;
+  }
+  return false;
 }
 
 bool Salvage::frameAt(std::uint64_t offset, Frame& frame, bool& inBackup) const {
@@ -185,8 +240,8 @@ std::uint64_t Salvage::endOfKnownArea(std::uint64_t offset) const {
 std::uint64_t Salvage::skipDamage(std::uint64_t offset) {
   const std::uint64_t fileSize = file_ != nullptr ? file_->end() : 0;
   const std::uint64_t backupSize = backup_ != nullptr ? backup_->end() : 0;
-  const std::uint64_t limit =
-      hasSlot_ ? std::min(slot_.end, std::max(fileSize, backupSize)) : std::max(fileSize, backupSize);
+  const std::uint64_t size = std::max(fileSize, backupSize);
+  const std::uint64_t limit = isEndKnown_ ? std::min(slot_.end, size) : size;
   if (const std::uint64_t behind = hasSlot_ ? endOfKnownArea(offset) : 0; behind != 0 && behind <= slot_.end)
     return behind;
   Frame frame;
@@ -207,22 +262,32 @@ std::uint64_t Salvage::skipDamage(std::uint64_t offset) {
   }
   if (hasSlot_ && slot_.end > offset) {
     lostBytes_ += slot_.end - offset;
-    lossEnd_ = format::MAX_OFFSET;
+    lossEnd_ = isEndKnown_ ? slot_.end : format::MAX_OFFSET;
+    if (isEndKnown_) return slot_.end;
   }
-  if (!hasSlot_ && !endsAt(offset)) {
+  if (!isEndKnown_ && !endsAt(offset)) {
     ++lostBytes_;  // how many, nothing tells
     lossEnd_ = format::MAX_OFFSET;
   }
   return format::MAX_OFFSET;
 }
 
-// Without a slot, a log that was not cut short is known by the zeros behind it; a backup ends with its last frame.
+// A log that was not cut short is known by the zeros behind it.
 bool Salvage::endsAt(std::uint64_t offset) const {
-  if (file_ == nullptr) return offset == backup_->end();
+  if (file_ == nullptr || offset <= format::LOG_START || (hasSlot_ && offset < slot_.end)) return false;
   std::array<std::byte, format::TERMINATOR_SIZE> tail{};
   std::size_t got = 0;
-  return offset > format::LOG_START && file_->read(offset, tail, got) == MD_RC_OK && got == tail.size() &&
+  return file_->read(offset, tail, got) == MD_RC_OK && got == tail.size() &&
          std::all_of(tail.begin(), tail.end(), [](std::byte byte) { return byte == std::byte{0}; });
+}
+
+// Where there is no frame: nothing that was acknowledged can follow.
+bool Salvage::isPastEnd(std::uint64_t offset) const {
+  if (!hasSlot_ || offset < slot_.end) return false;
+  if (isEndKnown_) return true;
+  // One slot and the remains of a commit, as a power cut may leave them.
+  const bool mayBeTorn = fileHasHeader_ && file_ != nullptr && filePage_.hasSlot() && !isSameRun_;
+  return mayBeTorn && offset + format::TERMINATOR_SIZE <= file_->end();
 }
 
 void Salvage::takeFrame(const Frame& frame, bool inBackup) {
@@ -243,17 +308,32 @@ std::uint32_t Salvage::walk() {
     fromBackup = fromBackup_;
   };
   std::uint64_t offset = format::LOG_START;
+  std::uint32_t chain = 0;
+  bool isChainKnown = false;
   Frame frame;
   bool inBackup = false;
   while (offset < format::MAX_OFFSET) {
-    if (!frameAt(offset, frame, inBackup)) {
-      if (hasSlot_ && offset >= slot_.end) break;
+    const bool isBehind = hasSlot_ && offset >= slot_.end;
+    if (isBehind && !takesBehind_) break;
+    if (isBehind && offset == slot_.end) {
+      chain = slot_.chain;
+      isChainKnown = true;
+    }
+    const bool follows = frameAt(offset, frame, inBackup) && (!isBehind || !isChainKnown || frame.chain == chain);
+    if (!follows) {
+      if (isPastEnd(offset)) break;
+      const std::uint64_t next = skipDamage(offset);
+      // The beginning of a commit is nothing, unless it is damage that took the rest.
+      if (next == format::MAX_OFFSET && endsAt(offset)) break;
       keepAll();
-      offset = skipDamage(offset);
+      isChainKnown = false;
+      offset = next;
       continue;
     }
     takeFrame(frame, inBackup);
     offset = frame.end();
+    chain = frame.crc;
+    isChainKnown = true;
     // Behind the published end a commit counts only when it is complete.
     if (frame.last || (hasSlot_ && offset <= slot_.end)) keepAll();
   }
@@ -274,7 +354,9 @@ void Salvage::keepNewest() {
 
 std::uint32_t Salvage::readRecord(std::size_t number, std::byte* out, std::size_t& size) const {
   const Event& record = records_[number];
-  return (record.inBackup ? backup_ : file_)->readRecord(record.offset, out, size);
+  const std::uint32_t rc = (record.inBackup ? backup_ : file_)->readRecord(record.offset, out, size);
+  // It was intact when it was found.
+  return rc == GENREG_RC_DAMAGED ? GENREG_RC_IO_ERROR : rc;
 }
 
 }  // namespace zon

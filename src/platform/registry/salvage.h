@@ -2,6 +2,11 @@
 //
 // File and backup of one generation (file id) hold the same bytes at the same offsets, so that a frame that is damaged
 // in one can be taken from the other. A backup of another generation serves only when nothing of the file can be read.
+//
+// Where the log ends is known when its newest slot is: both slots pass their checksums, or the caller has a view of it.
+// Else it is known when the frames lead to the zeros behind a log; and when the machine was started anew since one of
+// the slots was written, because a power cut may tear the other one and an unacknowledged commit. In all other cases
+// there may have been more, and that counts as a loss.
 #ifndef ZON_PLATFORM_REGISTRY_SALVAGE_H
 #define ZON_PLATFORM_REGISTRY_SALVAGE_H
 
@@ -30,11 +35,14 @@ class RawLog : public LogView {
 
   // What kept bytes from being read, damage aside.
   std::uint32_t failure() const { return failure_; }
+  // Some places cannot be read, and the device no longer gives what it gave before, or never gave anything.
+  bool isDeviceFailing() const { return bad_.isDeviceFailing(file_); }
 
  private:
   bool noteFailure(std::uint32_t rc) const;
   bool mayRead(const Frame& frame) const;
 
+  mutable BadSectors bad_;
   mutable std::uint32_t failure_ = MD_RC_OK;
   mutable std::vector<std::byte> record_;
   mutable std::uint64_t readInVain_ = 0;
@@ -43,13 +51,26 @@ class RawLog : public LogView {
   std::size_t windowSize_ = 0;
 };
 
+// What is wrong with the file may be helped by salvage.
+inline bool isDamage(std::uint32_t rc) {
+  return rc == GENREG_RC_DAMAGED || rc == GENREG_RC_NOT_RECORD_FILE || rc == RC_UNREADABLE;
+}
+
 class Salvage {
  public:
-  explicit Salvage(const RecordType& type) : type_(type) {}
+  // Who reads: a writer holds the file's lock; beside a reader, writers may be at work.
+  enum class Access { LOCKED, SHARED };
 
-  // Reads both files through; a descriptor of -1 stands for a file that is not there. GENREG_RC_NOT_RECORD_FILE and
-  // GENREG_RC_NEWER_FORMAT when there is nothing to salvage.
-  std::uint32_t open(int file, int backup);
+  explicit Salvage(const RecordType& type, Access access) : type_(type), access_(access) {}
+
+  // Reads both files through; a descriptor of -1 stands for a file that is not there. A caller who has a view of the
+  // file gets that very state of it. GENREG_RC_NOT_RECORD_FILE and GENREG_RC_NEWER_FORMAT when there is nothing to
+  // salvage, GENREG_RC_IO_ERROR when the device gives nothing.
+  std::uint32_t open(int file, int backup, const LogView* state = nullptr);
+
+  // A writer published something while the files were read through: what was found may be of a commit that is not
+  // durable, and is to be read anew.
+  bool isOvertaken(int file) const;
 
   // Keeps a descriptor that open was given for as long as this object.
   void keepBackupOpen(Descriptor backup) { backupDescriptor_ = std::move(backup); }
@@ -79,20 +100,29 @@ class Salvage {
   };
 
   std::uint32_t identify(int file, int backup);
+  void chooseEnd(const HeaderPage* backupPage);
+  void takeStateOf(const LogView& view);
   bool tellsOtherHistory(const HeaderPage& filePage, const HeaderPage& backupPage) const;
   std::uint32_t failure() const;
   std::uint32_t walk();
   void takeFrame(const Frame& frame, bool inBackup);
   bool frameAt(std::uint64_t offset, Frame& frame, bool& inBackup) const;
+  bool isPastEnd(std::uint64_t offset) const;
   std::uint64_t skipDamage(std::uint64_t offset);
   bool endsAt(std::uint64_t offset) const;
   std::uint64_t endOfKnownArea(std::uint64_t offset) const;
   void keepNewest();
 
   const RecordType& type_;
+  const Access access_;
   format::FileHeader header_{};
+  HeaderPage filePage_{};
+  bool fileHasHeader_ = false;
   format::Slot slot_{};
   bool hasSlot_ = false;
+  bool isEndKnown_ = false;  // by the file's own slots
+  bool isSameRun_ = false;   // in which the file's newest slot was written
+  bool takesBehind_ = true;  // complete commits behind the published end count
   Descriptor backupDescriptor_;
   std::unique_ptr<RawLog> file_;
   std::unique_ptr<RawLog> backup_;

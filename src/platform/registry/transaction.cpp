@@ -12,6 +12,7 @@
 
 #include "platform/guarded.h"
 #include "platform/registry/file_rights.h"
+#include "platform/registry/frame_checker.h"
 #include "platform/registry/log_scan.h"
 #include "platform/registry/salvage.h"
 #include "platform/registry/system_calls.h"
@@ -30,7 +31,8 @@ constexpr std::size_t COPY_PIECE = 256 * 1024;
 constexpr std::uint32_t RETRY_PAUSE_US = 500;
 constexpr std::uint32_t UNFINISHED_PAUSE_US = 20000;
 constexpr int MOST_RANDOM_ATTEMPTS = 1000;
-constexpr int MOST_CORRUPT_COPIES = 1000;
+// A file too small for a backup looks after what an earlier one left so often, by its commits.
+constexpr std::uint64_t STALE_BACKUP_INTERVAL = 8;
 
 std::uint32_t fillRandom(std::uint64_t& value) {
   for (int attempt = 0; attempt < MOST_RANDOM_ATTEMPTS; ++attempt) {
@@ -105,8 +107,7 @@ std::uint32_t Transaction::openLog() {
     log_ = std::move(log);
     return MD_RC_OK;
   }
-  const bool mayBeMended = rc == GENREG_RC_DAMAGED || rc == GENREG_RC_NOT_RECORD_FILE;
-  return mayBeMended && settings_.repairs ? repair() : rc;
+  return isDamage(rc) && settings_.repairs ? repair() : rc;
 }
 
 std::uint32_t Transaction::sizeOfRecord(const void* record, std::size_t& size) const {
@@ -135,7 +136,7 @@ std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
     return rc;
   };
   std::uint32_t rc = guarded(attempt);
-  if (rc == GENREG_RC_DAMAGED && settings_.repairs && !repaired_ && !wasDirty) {
+  if (isDamage(rc) && settings_.repairs && !repaired_ && !wasDirty) {
     ended = false;
     rc = repair();
     if (rc == MD_RC_OK) rc = guarded(work);
@@ -387,7 +388,7 @@ std::uint32_t Transaction::repair() {
   const std::uint32_t opened = openRegular(directory_.get(), settings_.paths.backup.c_str(), O_RDONLY, 0, backup);
   // Without a backup that is only out of reach for now, what it holds would be lost for good.
   if (opened != MD_RC_OK && opened != GENREG_RC_NOT_FOUND) return opened;
-  Salvage salvage(type_);
+  Salvage salvage(type_, Salvage::Access::LOCKED);
   const std::uint32_t rc = salvage.open(data_.get(), opened == MD_RC_OK ? backup.get() : -1);
   if (rc == GENREG_RC_NOT_RECORD_FILE) {
     FileState state;
@@ -395,7 +396,7 @@ std::uint32_t Transaction::repair() {
     return state.size == 0 ? make() : rc;
   }
   if (rc != MD_RC_OK) return rc;
-  if (const std::uint32_t failed = keepCorruptCopy()) return failed;
+  if (const std::uint32_t failed = keepAsCorruptCopy(settings_.paths.file)) return failed;
   std::size_t next = 0;
   const RecordSource source = [&](std::byte* out, std::size_t& size) {
     return next == salvage.count() ? GENREG_RC_END_OF_SCAN : salvage.readRecord(next++, out, size);
@@ -407,32 +408,57 @@ std::uint32_t Transaction::repair() {
   return rewrite(source, salvage.count(), header, keys);
 }
 
-// The damaged bytes get a second name, which must be durable before their first one is given away. An older corrupt
-// copy gets a number.
-std::uint32_t Transaction::keepCorruptCopy() {
+// A file gets a second name under which it is kept, which must be durable before its first one is given away. Of
+// corrupt copies the newest has the plain name, and the older ones are numbered as they came.
+std::uint32_t Transaction::keepAsCorruptCopy(const std::string& name) {
   const int directory = directory_.get();
   const std::string& corrupt = settings_.paths.corrupt;
-  for (int number = 1; number <= MOST_CORRUPT_COPIES; ++number) {
-    FileState state;
-    const std::uint32_t rc = stateAt(directory, corrupt.c_str(), state);
-    if (rc == GENREG_RC_NOT_FOUND) break;
-    if (rc != MD_RC_OK) return rc;
-    if (state.inode == data_.state().inode && state.device == data_.state().device) return syncDirectory(directory);
-    const std::string numbered = corrupt + "." + std::to_string(number);
-    if (stateAt(directory, numbered.c_str(), state) == MD_RC_OK) continue;
-    if (systemCalls.renameAt(directory, corrupt.c_str(), directory, numbered.c_str()) != 0) return codeOfErrno(errno);
-    // The older copy must have its new name before another one takes the old name.
-    if (const std::uint32_t failed = syncDirectory(directory)) return failed;
-    break;
+  FileState kept;
+  FileState older;
+  if (const std::uint32_t rc = stateAt(directory, name.c_str(), kept)) return rc;
+  const std::uint32_t rc = stateAt(directory, corrupt.c_str(), older);
+  if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
+  if (rc == MD_RC_OK) {
+    if (older.inode == kept.inode && older.device == kept.device) return syncDirectory(directory);
+    if (const std::uint32_t failed = numberOlderCorruptCopy()) return failed;
   }
-  if (systemCalls.linkAt(directory, settings_.paths.file.c_str(), directory, corrupt.c_str(), 0) != 0) {
-    return codeOfErrno(errno);
-  }
+  if (systemCalls.linkAt(directory, name.c_str(), directory, corrupt.c_str(), 0) != 0) return codeOfErrno(errno);
   return syncDirectory(directory);
 }
 
+std::uint32_t Transaction::numberOlderCorruptCopy() {
+  const std::string& corrupt = settings_.paths.corrupt;
+  const auto isTaken = [&](std::uint64_t number, bool& taken) {
+    FileState state;
+    const std::uint32_t rc = stateAt(directory_.get(), (corrupt + "." + std::to_string(number)).c_str(), state);
+    taken = rc == MD_RC_OK;
+    return rc == GENREG_RC_NOT_FOUND ? MD_RC_OK : rc;
+  };
+  // Numbers are given out without gaps, so that the first free one is found in few steps however many there are; where
+  // somebody took copies away, some free one is.
+  std::uint64_t takenNumber = 0;
+  std::uint64_t freeNumber = 1;
+  for (bool taken = false;; freeNumber *= 2) {
+    if (const std::uint32_t rc = isTaken(freeNumber, taken)) return rc;
+    if (!taken) break;
+    takenNumber = freeNumber;
+  }
+  while (freeNumber - takenNumber > 1) {
+    const std::uint64_t middle = takenNumber + (freeNumber - takenNumber) / 2;
+    bool taken = false;
+    if (const std::uint32_t rc = isTaken(middle, taken)) return rc;
+    (taken ? takenNumber : freeNumber) = middle;
+  }
+  const std::string numbered = corrupt + "." + std::to_string(freeNumber);
+  if (systemCalls.renameAt(directory_.get(), corrupt.c_str(), directory_.get(), numbered.c_str()) != 0)
+    return codeOfErrno(errno);
+  // The older copy must have its new name before another one takes the old name.
+  return syncDirectory(directory_.get());
+}
+
 // ---- Upkeep after a commit. Nothing here can fail the commit: what does not work now is tried again after a later
-// one.
+// one. Damage that upkeep meets is repaired at once: nobody else may come across it, and the file would never be
+// written anew nor backed up.
 
 bool Transaction::isTooLarge() const {
   const format::Slot& slot = log_->slot();
@@ -441,26 +467,34 @@ bool Transaction::isTooLarge() const {
 }
 
 void Transaction::maintain() {
-  guarded([this] { return isTooLarge() || log_->isIndexFull() ? compact() : MD_RC_OK; });
-  guarded([this] {
-    if (settings_.keepsBackup) updateBackup();
-    return MD_RC_OK;
-  });
+  std::uint32_t rc = guarded([this] { return isTooLarge() || log_->isIndexFull() ? compact() : MD_RC_OK; });
+  if (!isDamage(rc)) rc = guarded([this] { return settings_.keepsBackup ? updateBackup() : MD_RC_OK; });
+  if (isDamage(rc) && settings_.repairs && !repaired_) guarded([this] { return repair(); });
 }
 
-void Transaction::updateBackup() {
+bool Transaction::isBackupDue() const {
   const std::uint64_t end = log_->end();
   const std::uint64_t reached = log_->slot().backupEnd;
-  const std::uint64_t frames = end - format::LOG_START - log_->areaBytes();
-  if (reached == 0 ? frames < FIRST_BACKUP_DISTANCE : end - reached < std::max(BACKUP_DISTANCE, end / BACKUP_SHARE))
-    return;
+  if (reached != 0) return end - reached >= std::max(BACKUP_DISTANCE, end / BACKUP_SHARE);
+  if (end - format::LOG_START - log_->areaBytes() >= FIRST_BACKUP_DISTANCE) return true;
+  // What a larger file left is made anew all the same.
+  FileState state;
+  return log_->slot().commits % STALE_BACKUP_INTERVAL == 0 &&
+         stateAt(directory_.get(), settings_.paths.backup.c_str(), state) == MD_RC_OK && S_ISREG(state.mode) &&
+         state.size > end + SPACE_SLACK;
+}
+
+std::uint32_t Transaction::updateBackup() {
+  if (!isBackupDue()) return MD_RC_OK;
   // A log of holes was forged to fill the disk.
-  if (dataBytes(data_.get(), end) < end / 2) return;
+  if (dataBytes(data_.get(), log_->end()) < log_->end() / 2) return MD_RC_OK;
   Descriptor backup;
   std::uint32_t rc = openRegular(directory_.get(), settings_.paths.backup.c_str(), O_RDWR, 0, backup);
   if (rc == MD_RC_OK) rc = extendBackup(backup.get());
-  if (rc == GENREG_RC_NOT_FOUND) rc = makeBackup();
-  if (rc == MD_RC_OK) log_->republish(end);
+  // Where the device does not take it, another place may serve.
+  if (rc == GENREG_RC_NOT_FOUND || rc == GENREG_RC_IO_ERROR) rc = makeBackup();
+  if (rc == MD_RC_OK) log_->republish(log_->end());
+  return rc;
 }
 
 // GENREG_RC_NOT_FOUND when this is not a backup of the present file that may be written to. One with other rights is
@@ -481,7 +515,7 @@ std::uint32_t Transaction::extendBackup(int backup) {
   const format::Slot& slot = page.slots[page.newest()];
   if (slot.end > log_->end() || log_->chainAt(slot.end) != slot.chain) return GENREG_RC_NOT_FOUND;
   if (const std::uint32_t failed = reserve(backup, state.size, log_->end())) return failed;
-  if (const std::uint32_t failed = copyLog(backup, slot.end)) return failed;
+  if (const std::uint32_t failed = copyLog(backup, slot.end, slot.chain)) return failed;
   if (const std::uint32_t failed = syncData(backup)) return failed;
   return sealBackup(backup, slot.sequence + 1);
 }
@@ -494,7 +528,7 @@ std::uint32_t Transaction::makeBackup() {
   if (rc == MD_RC_OK) rc = reserve(file, 0, log_->end());
   if (rc == MD_RC_OK) rc = writeAt(file, 0, bytesOf(log_->header()));
   if (rc == MD_RC_OK) rc = writeAt(file, format::HEADER_COPY_OFFSET, bytesOf(log_->header()));
-  if (rc == MD_RC_OK) rc = guarded([&] { return copyLog(file, format::LOG_START); });
+  if (rc == MD_RC_OK) rc = guarded([&] { return copyLog(file, format::LOG_START, log_->key().salt); });
   if (rc == MD_RC_OK) rc = sealBackup(file, 1);
   if (rc == MD_RC_OK) rc = sealBackup(file, 2);
   if (rc == MD_RC_OK) rc = syncFile(file);
@@ -505,17 +539,20 @@ std::uint32_t Transaction::makeBackup() {
   return rc;
 }
 
-std::uint32_t Transaction::copyLog(int backup, std::uint64_t from) {
+// Nothing that fails its checksum gets into the backup, which may be the last to have it right.
+std::uint32_t Transaction::copyLog(int backup, std::uint64_t from, std::uint32_t chain) {
+  FrameChecker checker(log_->key(), from, chain);
   std::vector<std::byte> piece(static_cast<std::size_t>(std::min<std::uint64_t>(COPY_PIECE, log_->end() - from)));
   for (std::uint64_t at = from; at < log_->end();) {
     const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), log_->end() - at));
+    const std::span<std::byte> bytes = std::span(piece).first(wanted);
     std::size_t got = 0;
-    if (const std::uint32_t rc = readAt(data_.get(), at, std::span(piece).first(wanted), got)) return rc;
-    if (got < wanted) return GENREG_RC_DAMAGED;
-    if (const std::uint32_t rc = writeAt(backup, at, std::span(piece).first(wanted))) return rc;
+    if (const std::uint32_t rc = readAt(data_.get(), at, bytes, got)) return rc;
+    if (got < wanted || !checker.feed(bytes)) return GENREG_RC_DAMAGED;
+    if (const std::uint32_t rc = writeAt(backup, at, bytes)) return rc;
     at += wanted;
   }
-  return MD_RC_OK;
+  return checker.endsWith(log_->slot().chain) ? MD_RC_OK : GENREG_RC_DAMAGED;
 }
 
 // A backup is read frame by frame: its slot tells only how far it reaches.

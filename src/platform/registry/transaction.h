@@ -82,14 +82,16 @@ class Transaction {
   std::uint32_t fill(LogWriter& fresh, const RecordSource& source, Keys keys);
   std::uint32_t takeOverRights(int temporary) const;
   std::uint32_t putInPlace(LockedFile& temporary, const std::string& name);
-  std::uint32_t keepCorruptCopy();
+  std::uint32_t keepAsCorruptCopy(const std::string& name);
+  std::uint32_t numberOlderCorruptCopy();
 
   void maintain();
   bool isTooLarge() const;
-  void updateBackup();
+  bool isBackupDue() const;
+  std::uint32_t updateBackup();
   std::uint32_t extendBackup(int backup);
   std::uint32_t makeBackup();
-  std::uint32_t copyLog(int backup, std::uint64_t from);
+  std::uint32_t copyLog(int backup, std::uint64_t from, std::uint32_t chain);
   std::uint32_t sealBackup(int backup, std::uint64_t sequence);
 
   const RecordType type_;

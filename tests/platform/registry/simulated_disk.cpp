@@ -133,6 +133,8 @@ struct SimulatedCalls {
     if (from >= length) return 0;
     std::size_t count = std::min(size, length - from);
     if (theDisk->mostBytes != 0) count = std::min(count, theDisk->mostBytes);
+    if (!open->isBootId) count = theDisk->readableBytes(*open->inode, from, count);
+    if (count == 0) return fail(EIO);
     std::memcpy(data, bytes + from, count);
     return static_cast<ssize_t>(count);
   }
@@ -416,6 +418,14 @@ SimulatedDisk::Open* SimulatedDisk::find(int descriptor) {
 Bytes& SimulatedDisk::writable(Inode& inode) {
   if (inode.bytes.use_count() > 1) inode.bytes = std::make_shared<Bytes>(*inode.bytes);
   return *inode.bytes;
+}
+
+std::size_t SimulatedDisk::readableBytes(const Inode& inode, std::size_t from, std::size_t count) const {
+  if (badSectors.empty()) return count;
+  for (std::size_t at = from; at < from + count; at = (at / PAGE + 1) * PAGE) {
+    if (badSectors.contains({inode.number, at / PAGE})) return at - from;
+  }
+  return count;
 }
 
 unsigned SimulatedDisk::linkCount(const Inode& inode) const {

@@ -105,6 +105,8 @@ class SimulatedDisk {
 
   // Asked before every call; what it answers, if not 0, is the errno of a call that fails without effect.
   std::function<int(Call)> fault;
+  // Places that cannot be read: files by their inodes, and numbers of 4 KiB sectors.
+  std::set<std::pair<std::uint64_t, std::uint64_t>> badSectors;
   // Whether the system tells its runs apart; without it there is no boot id to read.
   bool tellsBoots = true;
   // At most so many bytes by one read or write; 0 for no limit.
@@ -134,6 +136,8 @@ class SimulatedDisk {
   void record(DiskOp op);
   Open* find(int descriptor);
   Bytes& writable(Inode& inode);
+  // How many of `count` bytes from `from` can be read before a bad sector is met.
+  std::size_t readableBytes(const Inode& inode, std::size_t from, std::size_t count) const;
   unsigned linkCount(const Inode& inode) const;
 
   std::map<std::string, std::shared_ptr<Inode>> names_;
