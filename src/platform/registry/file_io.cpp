@@ -211,6 +211,11 @@ std::uint32_t reserve(int file, std::uint64_t oldSize, std::uint64_t size) {
   return codeOfErrno(errno);
 }
 
+std::uint32_t shrink(int file, std::uint64_t size) {
+  if (uninterrupted([&] { return systemCalls.ftruncate(file, static_cast<off_t>(size)); }) == 0) return MD_RC_OK;
+  return codeOfErrno(errno);
+}
+
 // A failed sync is not tried again, an interrupted one aside: the kernel may have dropped what it could not write and
 // would answer success the next time.
 std::uint32_t syncData(int file) {

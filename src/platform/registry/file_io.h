@@ -97,6 +97,9 @@ std::uint32_t requireAllowedSize(std::uint64_t size);
 // Makes [0, size) exist, with room on the disk where the file system can promise it; never shrinks.
 std::uint32_t reserve(int file, std::uint64_t oldSize, std::uint64_t size);
 
+// Cuts the file to a smaller size.
+std::uint32_t shrink(int file, std::uint64_t size);
+
 std::uint32_t syncData(int file);
 std::uint32_t syncFile(int file);
 

@@ -17,6 +17,9 @@ constexpr std::uint64_t INDEX_MASK = format::FRAME_ALIGNMENT - 1;
 constexpr std::uint64_t PAGE = 4096;
 constexpr std::uint64_t LEAST_RESERVE = 8192;
 constexpr std::uint64_t MOST_RESERVE = 8 << 20;
+// Inserts and changes leave so much behind the end, so that on a full disk records can still be removed: the removal of
+// a record takes at most 96 bytes, whatever its keys.
+constexpr std::uint64_t REMOVAL_ROOM = 8192;
 constexpr std::uint64_t LEAST_BLOCKS = 8;
 // One more commit with this many new heads must fit the overlay, or the blocks take over.
 constexpr std::size_t OVERLAY_HEADROOM = 8;
@@ -32,6 +35,10 @@ constexpr std::uint32_t CHAIN_SLACK = 32;
 constexpr int MOST_STEPS_BELOW = 16;
 
 std::uint64_t roundUp(std::uint64_t value, std::uint64_t unit) { return (value + unit - 1) / unit * unit; }
+
+std::uint64_t reserveStep(std::uint64_t size) { return std::clamp(size / 32, LEAST_RESERVE, MOST_RESERVE); }
+
+bool isOutOfSpace(std::uint32_t rc) { return rc == GENREG_RC_NO_SPACE || rc == GENREG_RC_FILE_TOO_LARGE; }
 
 std::uint64_t offsetOf(const format::OverlayEntry& entry) { return entry.offsetAndIndex & ~INDEX_MASK; }
 
@@ -211,6 +218,7 @@ std::uint32_t LogWriter::appendEvent(Frame& frame, const void* record, std::size
   end_ = frame.end();
   last_ = frame;
   building_ = true;
+  removesOnly_ = removesOnly_ && frame.kind == format::FrameKind::REMOVE;
   return MD_RC_OK;
 }
 
@@ -272,6 +280,10 @@ std::uint32_t LogWriter::appendSummary(const ChainMark& mark) {
   if (const std::uint32_t rc = headOf(mark.index, mark.digest, head)) return rc;
   std::vector<LiveRecord> live;
   if (const std::uint32_t rc = gatherChain(mark.index, head, live)) return rc;
+  // It only shortens later walks: on a full disk it is left out, before it takes the room of a removal.
+  const std::uint64_t size = format::MAX_HEAD_SIZE + live.size() * sizeof(format::SummaryEntry);
+  const std::uint32_t grown = growTo(end_ + size + format::TERMINATOR_SIZE + REMOVAL_ROOM);
+  if (grown != MD_RC_OK) return isOutOfSpace(grown) ? MD_RC_OK : grown;
   static_assert(sizeof(LiveRecord) == sizeof(format::SummaryEntry));
   Frame frame;
   frame.kind = format::FrameKind::SUMMARY;
@@ -306,6 +318,14 @@ std::uint32_t LogWriter::finishCommit() {
   return MD_RC_OK;
 }
 
+std::uint64_t LogWriter::nextBlocksOffset() const {
+  return roundUp(end_ + sizeof(format::FrameHeader) + sizeof(format::AreaBody), format::BLOCK_SIZE);
+}
+
+std::uint32_t LogWriter::makeRoomForArea(std::uint64_t blockCount) {
+  return growTo(nextBlocksOffset() + blockCount * format::BLOCK_SIZE + format::TERMINATOR_SIZE + REMOVAL_ROOM);
+}
+
 // The area is a commit of its own. Its blocks do not wait in memory: they are written at once, empty and sealed, so
 // that what a crash makes of them is never taken for an empty block.
 std::uint32_t LogWriter::appendArea(std::uint64_t blockCount) {
@@ -317,12 +337,12 @@ std::uint32_t LogWriter::appendArea(std::uint64_t blockCount) {
   frame.offset = end_;
   frame.chain = slot_.chain;
   frame.last = true;
-  frame.area.blocksOffset = roundUp(end_ + sizeof(format::FrameHeader) + sizeof(format::AreaBody), format::BLOCK_SIZE);
+  frame.area.blocksOffset = nextBlocksOffset();
   frame.area.blockCount = blockCount;
+  if (const std::uint32_t rc = makeRoomForArea(blockCount)) return rc;
   appendFrame(frame, {}, key_, pending_);
   pending_.resize(static_cast<std::size_t>(frame.area.blocksOffset - pendingStart_));
   const Segment segment{.offset = frame.area.blocksOffset, .blockCount = blockCount};
-  if (const std::uint32_t rc = ensureFileSize(frame.end() + format::TERMINATOR_SIZE)) return rc;
   if (const std::uint32_t rc = writeAt(file_, pendingStart_, pending_)) return rc;
   if (const std::uint32_t rc = writeEmptyBlocks(file_, key_.salt, segment)) return rc;
   pending_.clear();
@@ -342,13 +362,33 @@ bool LogWriter::isHeavy() const { return pending_.size() > HEAVY_PENDING || newH
 std::uint64_t LogWriter::touchedSize() const { return std::max(fileSize_, published_.end + format::TERMINATOR_SIZE); }
 
 std::uint32_t LogWriter::ensureFileSize(std::uint64_t size) {
-  if (size <= fileSize_) return MD_RC_OK;
-  const std::uint64_t step = std::clamp(size / 32, LEAST_RESERVE, MOST_RESERVE);
-  const std::uint64_t target = roundUp(size + step, PAGE);
-  if (const std::uint32_t rc = reserve(file_, fileSize_, target)) return rc;
-  fileSize_ = target;
-  return MD_RC_OK;
+  return growTo(removesOnly_ && !fresh_ ? size : size + REMOVAL_ROOM);
 }
+
+// With a step more than asked for, where there is room for it.
+std::uint32_t LogWriter::growTo(std::uint64_t size) {
+  if (size <= fileSize_) return MD_RC_OK;
+  std::uint64_t target = roundUp(size + reserveStep(size), PAGE);
+  std::uint32_t rc = reserve(file_, fileSize_, target);
+  if (isOutOfSpace(rc)) {
+    target = roundUp(size, PAGE);
+    rc = reserve(file_, fileSize_, target);
+  }
+  if (rc == MD_RC_OK) fileSize_ = target;
+  return rc;
+}
+
+// A commit that was broken off may have reserved far more than its successors need. Nothing that counts lies behind the
+// end: what was there was wiped and synced before this commit was written, and readers never look there. Whether the
+// cut, which is not synced, outlasts a crash makes no difference.
+void LogWriter::cutReserve() {
+  const std::uint64_t step = reserveStep(end_);
+  const std::uint64_t kept = roundUp(end_ + format::TERMINATOR_SIZE + REMOVAL_ROOM + step, PAGE);
+  if (fileSize_ <= kept + step) return;
+  if (shrink(file_, kept) == MD_RC_OK) fileSize_ = kept;
+}
+
+bool LogWriter::isShortOfRoom() const { return fileSize_ < end_ + format::TERMINATOR_SIZE + REMOVAL_ROOM / 2; }
 
 std::uint32_t LogWriter::flushPending() {
   if (const std::uint32_t rc = ensureFileSize(end_ + format::TERMINATOR_SIZE)) return rc;
@@ -387,7 +427,10 @@ std::uint32_t LogWriter::makeRoomInIndex(std::size_t entries) {
     total += unpackSegment(slot_.segments[segment]).blockCount;
   const std::uint64_t newest = segments == 0 ? 0 : unpackSegment(slot_.segments[segments - 1]).blockCount;
   if (slot_.segmentEntries + entries <= segmentCapacity(newest)) return MD_RC_OK;
-  return appendArea(std::max({LEAST_BLOCKS, total, entries / (format::BLOCK_ENTRIES / 2)}));
+  const std::uint64_t blocks = std::max({LEAST_BLOCKS, total, entries / (format::BLOCK_ENTRIES / 2)});
+  // A removal adds no chains: there is an entry already for each of its heads, or room for the few that wait.
+  if (removesOnly_ && isOutOfSpace(makeRoomForArea(blocks))) return MD_RC_OK;
+  return appendArea(blocks);
 }
 
 namespace {
@@ -581,6 +624,7 @@ std::uint32_t LogWriter::publish(const std::vector<format::OverlayEntry>& overla
   slot_.end = end_;
   if (const std::uint32_t rc = writeSlot(slot_)) return rc;
   published_ = slot_;
+  removesOnly_ = true;
   forgetNewHeads();
   return MD_RC_OK;
 }
@@ -608,6 +652,7 @@ std::uint32_t LogWriter::commit() {
   if (rc != MD_RC_OK) return takeBack() ? rc : GENREG_RC_DURABILITY_UNKNOWN;
   // What fails here is tried again by a later commit.
   if (needsApply(slot_.overlayCount)) guarded([this] { return applyPublished(); });
+  cutReserve();
   return MD_RC_OK;
 }
 

@@ -78,6 +78,8 @@ class LogWriter : public LogView {
   std::uint64_t deadBytes() const;
   std::uint64_t areaBytes() const;
   bool isIndexFull() const;
+  // Removals have used half of what was left to them: the disk, or the process's limit, gives no more.
+  bool isShortOfRoom() const;
   // Notes in the published slot how far the backup reaches.
   void republish(std::uint64_t backupEnd);
 
@@ -106,6 +108,10 @@ class LogWriter : public LogView {
   std::uint32_t flushPending();
   std::uint64_t touchedSize() const;
   std::uint32_t ensureFileSize(std::uint64_t size);
+  std::uint64_t nextBlocksOffset() const;
+  std::uint32_t makeRoomForArea(std::uint64_t blockCount);
+  std::uint32_t growTo(std::uint64_t size);
+  void cutReserve();
   std::uint32_t publish(const std::vector<format::OverlayEntry>& overlay, std::size_t applied);
   std::uint32_t writeSlot(format::Slot& slot);
   std::uint32_t applyPublished();
@@ -125,7 +131,8 @@ class LogWriter : public LogView {
   bool newestIsDurable_ = false;
   bool isBeyondRecall_ = false;  // index blocks lead to a durable commit that is not published yet
   std::uint64_t fileSize_ = 0;
-  Frame last_;  // the newest frame of the commit being built
+  bool removesOnly_ = true;  // what is appended since the newest slot, which may then use the room for removals
+  Frame last_;               // the newest frame of the commit being built
   bool building_ = false;
   std::vector<ChainMark> longChains_;
   std::vector<std::byte> payload_;

@@ -463,6 +463,7 @@ std::uint32_t Transaction::numberOlderCorruptCopy() {
 bool Transaction::isTooLarge() const {
   const format::Slot& slot = log_->slot();
   const std::uint64_t limit = 2 * (std::min(slot.recordBytes, slot.liveFrameBytes) + SPACE_SLACK);
+  if (log_->isShortOfRoom() && log_->deadBytes() >= LEAST_GAIN) return true;
   return log_->fileSize() > limit - limit / 8 && log_->deadBytes() >= std::max(LEAST_GAIN, slot.liveFrameBytes / 8);
 }
 

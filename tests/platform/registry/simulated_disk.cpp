@@ -153,6 +153,8 @@ struct SimulatedCalls {
     const std::size_t count = theDisk->mostBytes != 0 ? std::min(size, theDisk->mostBytes) : size;
     const auto from = static_cast<std::size_t>(offset);
     if (theDisk->passesLimit(from + count)) return fail(EFBIG);
+    const std::size_t had = open->inode->bytes->size();
+    if (from + count > had && !theDisk->hasRoom(from + count - had)) return fail(ENOSPC);
     resize(*open->inode, std::max(open->inode->bytes->size(), from + count));
     const auto* bytes = static_cast<const std::byte*>(data);
     std::copy(bytes, bytes + count, theDisk->writable(*open->inode).begin() + static_cast<std::ptrdiff_t>(from));
@@ -189,7 +191,9 @@ struct SimulatedCalls {
     SimulatedDisk::Open* open = theDisk->find(descriptor);
     if (open == nullptr || open->inode == nullptr) return fail(EBADF);
     const std::size_t end = std::max(open->inode->bytes->size(), static_cast<std::size_t>(offset + size));
-    if (end > open->inode->bytes->size() && theDisk->passesLimit(end)) return fail(EFBIG);
+    const std::size_t had = open->inode->bytes->size();
+    if (end > had && theDisk->passesLimit(end)) return fail(EFBIG);
+    if (end > had && !theDisk->hasRoom(end - had)) return fail(ENOSPC);
     resize(*open->inode, end);
     return 0;
   }
@@ -403,6 +407,18 @@ bool SimulatedDisk::passesLimit(std::uint64_t size) {
   const bool passes = mostFileSize != 0 && size > mostFileSize - 1;
   isLimitPassed = isLimitPassed || passes;
   return passes;
+}
+
+bool SimulatedDisk::hasRoom(std::uint64_t more) const {
+  if (capacity == 0) return true;
+  std::map<std::uint64_t, std::uint64_t> sizes;
+  for (const auto& [name, inode] : names_) sizes[inode->number] = inode->bytes->size();
+  for (const auto& [descriptor, open] : descriptors_) {
+    if (open.inode != nullptr) sizes[open.inode->number] = open.inode->bytes->size();
+  }
+  std::uint64_t used = 0;
+  for (const auto& [inode, size] : sizes) used += size;
+  return used + more <= capacity;
 }
 
 void SimulatedDisk::record(DiskOp op) {

@@ -116,6 +116,9 @@ class SimulatedDisk {
   std::uint64_t mostFileSize = 0;
   bool isLimitPassed = false;
 
+  // How much all files together may have; 0 for no limit. What a file has it keeps, a write into it never fails for it.
+  std::uint64_t capacity = 0;
+
   std::size_t openDescriptors() const { return descriptors_.size(); }
   std::size_t callCount() const { return calls_; }
 
@@ -133,6 +136,7 @@ class SimulatedDisk {
 
   int failing(Call call);
   bool passesLimit(std::uint64_t size);
+  bool hasRoom(std::uint64_t more) const;
   void record(DiskOp op);
   Open* find(int descriptor);
   Bytes& writable(Inode& inode);
