@@ -10,8 +10,8 @@ packages_of() {
   case "$1" in
     build) echo g++ cmake ninja-build pkgconf libcli11-dev ;;
     test) echo libgtest-dev libgmock-dev valgrind ;;
-    lint) echo clang-14 libclang-rt-14-dev clang-tidy-14 clang-format-14 shellcheck ;;
-    fuzz) echo clang-14 libclang-rt-14-dev ;;
+    lint) echo clang-14 libclang-rt-14-dev llvm-14 clang-tidy-14 clang-format-14 shellcheck python3 ;;
+    fuzz) echo clang-14 libclang-rt-14-dev llvm-14 ;;
     bench) echo libbenchmark-dev ;;
     coverage) echo gcovr ;;
     bootstrap) echo debootstrap git ;;

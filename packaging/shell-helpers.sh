@@ -23,6 +23,18 @@ fail() {
   exit 1
 }
 
+# source_files PATH...: the files at and below these that belong to the source, as git has them. Where git is missing, knows
+# nothing here, or mistrusts a tree of somebody else, all but what git itself and builds have put there.
+source_files() {
+  local known
+  known="$(git -c safe.directory="$PWD" ls-files --cached -- "$@" 2>/dev/null)" || known=""
+  if [[ -n "$known" ]]; then
+    printf '%s\n' "$known"
+  else
+    find "$@" \( -path ./.git -o -path './build*' -o -path ./.cache \) -prune -o -type f -print
+  fi
+}
+
 # build_jobs: how many compilers to run at once.
 build_jobs() {
   nproc 2>/dev/null || echo 2
