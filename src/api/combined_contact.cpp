@@ -1,7 +1,6 @@
 // The combined contact interface: a contact's fields one by one instead of one data text.
 //
 // The rule: the outcome is in the SQLCA alone; all texts are made before the first cell is touched.
-#include <array>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -3,7 +3,6 @@
 // The rule: the record operations never look into the data; only the field readers do.
 #include "zonmdfile/MDContact.h"
 
-#include <cstdlib>
 #include <string_view>
 
 #include "platform/trace_points.h"

@@ -19,8 +19,6 @@
 #include "zonmdfile/MDTwoKeyReg.h"
 #include "zonmdfile/MDUtilNameMapping.h"
 #include "zonmdfile/MDUtilityHistory.h"
-#include "zonmdfile/OneKeyStore.h"
-#include "zonmdfile/TwoKeyStore.h"
 #include "zonmdfile/zonmdfile.h"
 
 namespace {

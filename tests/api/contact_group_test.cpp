@@ -2,8 +2,6 @@
 // support/groups.h tells how groups are written.
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "support/cells.h"
 #include "support/groups.h"
 #include "support/metadata_test.h"

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <ostream>
-#include <string>
 #include <vector>
 
 #include "support/cells.h"

@@ -2,8 +2,6 @@
 // groups are written; | stands for the list separator.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <functional>
 #include <random>
 #include <string>
 #include <vector>

@@ -6,8 +6,6 @@
 
 #include "support/cells.h"
 #include "support/metadata_test.h"
-#include "zonmdfile/MDContact.h"
-#include "zonmdfile/MDCustomTree.h"
 #include "zonmdfile/platform/admin.h"
 
 namespace {

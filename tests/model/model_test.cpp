@@ -43,7 +43,6 @@
 #include "model/replay.h"
 #include "zonmdfile/platform/admin.h"
 #include "zonmdfile/platform/oss.h"
-#include "zonmdfile/platform/return_codes.h"
 
 namespace {
 

@@ -4,6 +4,7 @@
 #include "model/system_model.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 
 #include "zonmdfile/platform/return_codes.h"

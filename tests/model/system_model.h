@@ -4,7 +4,6 @@
 // of the library itself in it. A listing is in the order of insertion; a change keeps a record's place.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <list>
 #include <map>

@@ -4,14 +4,10 @@
 #pragma once
 
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <deque>
-#include <optional>
-#include <ostream>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "zonmdfile/platform/oss.h"

@@ -9,7 +9,7 @@
 #include <stdint.h>
 
 #include "zonmdfile/platform/export.h"
-#include "zonmdfile/platform/return_codes.h"
+#include "zonmdfile/platform/return_codes.h" /* the codes that this page explains */
 #include "zonmdfile/platform/sqlca.h"
 
 #ifdef __cplusplus

@@ -7,7 +7,6 @@
 #include <array>
 #include <cstring>
 #include <string>
-#include <string_view>
 
 #include "zonmdfile/platform/admin.h"
 
