@@ -11,9 +11,14 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "platform/oss/pooled_blocks.h"
+#include "record/record_layout.h"
 #include "zonmdfile/platform/oss.h"
 
 namespace zon {
+
+static_assert(MAX_RECORD_SIZE<ThreeKeyLayout> <= LARGEST_POOLED_BLOCK,
+              "every call takes a record buffer or two, which the memory service must not map anew each time");
 
 class RecordBuffer {
  public:

@@ -22,6 +22,7 @@
 #include <limits>
 #include <string_view>
 
+#include "platform/oss/pooled_blocks.h"
 #include "zonmdfile/platform/oss.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -146,14 +147,15 @@ struct alignas(16) Header {
   std::uint16_t label;
   Kind kind;
 };
-static_assert(sizeof(Header) == 32, "the caller's bytes must stay aligned to 16");
+static_assert(sizeof(Header) == zon::BLOCK_HEADER_BYTES && sizeof(Header) % 16 == 0,
+              "the caller's bytes must stay aligned to 16");
 
 constexpr std::uint64_t IN_USE = 0x5A4F4E2D6D656D31;
 constexpr std::uint64_t RELEASED = 0x5A4F4E2D66726565;
 
 constexpr std::uint64_t SMALL_LIMIT = 128 * 1024;
-constexpr std::uint64_t POOLED_BYTES = (1024 + 64) * 1024;  // the largest record is 1,024,404 bytes
-constexpr std::uint64_t KEPT_PRESENT_BYTES = 16 * 1024;     // keys, version, and the beginning of the data
+using zon::POOLED_BYTES;
+constexpr std::uint64_t KEPT_PRESENT_BYTES = 16 * 1024;  // keys, version, and the beginning of the data
 constexpr std::uint64_t SIZE_LIMIT = std::numeric_limits<std::int64_t>::max() - (std::int64_t{1} << 20);
 
 void* bytesOf(Header* header) { return header + 1; }
@@ -327,9 +329,9 @@ Header* makeMapped(std::uint64_t size) {
 
 Header* makeBlock(std::uint64_t size) {
   if (size > SIZE_LIMIT) return nullptr;
-  Header* header = size < SMALL_LIMIT                      ? makeSmall(size)
-                   : size <= POOLED_BYTES - sizeof(Header) ? makePooled()
-                                                           : makeMapped(size);
+  Header* header = size < SMALL_LIMIT                  ? makeSmall(size)
+                   : size <= zon::LARGEST_POOLED_BLOCK ? makePooled()
+                                                       : makeMapped(size);
   if (header == nullptr) return nullptr;
   header->mark = IN_USE;
   header->size = size;
