@@ -1,7 +1,6 @@
 // What is known about each return code. The rule: everything that depends on a code alone is looked up here and only
 // here.
-#ifndef ZON_PLATFORM_ADMIN_RETURN_CODE_TABLE_H
-#define ZON_PLATFORM_ADMIN_RETURN_CODE_TABLE_H
+#pragma once
 
 #include <cstdint>
 #include <span>
@@ -43,5 +42,3 @@ const ReturnCode* findReturnCode(std::uint32_t value);
 const char* findSqlState(std::int32_t sqlcode);
 
 }  // namespace zon
-
-#endif
