@@ -10,8 +10,6 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <initializer_list>
-#include <iterator>
 #include <string>
 #include <vector>
 
