@@ -29,8 +29,6 @@
 // The rule: model and library share the table of functions and nothing else. Files lie in memory where there is a
 // memory file system, since nothing here asks what a crash leaves.
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -41,7 +39,7 @@
 
 #include "model/library_driver.h"
 #include "model/replay.h"
-#include "zonmdfile/platform/admin.h"
+#include "support/metadata_test.h"
 #include "zonmdfile/platform/oss.h"
 
 namespace {
@@ -55,33 +53,9 @@ using zonmodel::Step;
 using zonmodel::Subject;
 using zonmodel::SystemModel;
 
-// A metadata directory for one replay.
-class Directory {
- public:
-  Directory() {
-    const fs::path memory = "/dev/shm";
-    const fs::path base = ::access(memory.c_str(), W_OK) == 0 ? memory : fs::temp_directory_path();
-    std::string name = base / "zonmdfile-model-XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("no directory for the test");
-    path_ = name;
-    setMetadataPath(path_.c_str());
-  }
-  ~Directory() {
-    setMetadataPath(nullptr);
-    std::error_code ignored;
-    fs::remove_all(path_, ignored);
-  }
-  Directory(const Directory&) = delete;
-  Directory& operator=(const Directory&) = delete;
-
- private:
-  fs::path path_;
-};
-
 Subject makeLibrary() {
-  return [directory = std::make_shared<Directory>()](const Step& step, std::size_t rows) {
-    return zonmodel::performOnLibrary(step, rows);
-  };
+  return [directory = std::make_shared<zontest::MetadataDirectory>(zontest::inMemory())](
+             const Step& step, std::size_t rows) { return zonmodel::performOnLibrary(step, rows); };
 }
 
 std::vector<Step> generate(std::uint64_t seed, Names names, std::size_t count) {

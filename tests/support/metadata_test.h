@@ -4,40 +4,29 @@
 #pragma once
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <string>
 
+#include "support/temporary_folder.h"
 #include "zonmdfile/platform/DString.h"
 #include "zonmdfile/platform/admin.h"
 #include "zonmdfile/platform/oss.h"
 
 namespace zontest {
 
-class MetadataDirectory {
+// While it lives, it is the metadata directory of the process.
+class MetadataDirectory : public TemporaryFolder {
  public:
-  MetadataDirectory() {
-    std::string name = (std::filesystem::temp_directory_path() / "zonmdfile-test-XXXXXX").string();
-    path_ = ::mkdtemp(name.data());
-    setMetadataPath(path_.c_str());
+  explicit MetadataDirectory(const std::filesystem::path& parent = std::filesystem::temp_directory_path())
+      : TemporaryFolder(parent) {
+    setMetadataPath(path().c_str());
   }
-  ~MetadataDirectory() {
-    setMetadataPath(nullptr);
-    std::error_code ignored;
-    std::filesystem::permissions(path_, std::filesystem::perms::owner_all, ignored);
-    std::filesystem::remove_all(path_, ignored);
-  }
+  ~MetadataDirectory() { setMetadataPath(nullptr); }
   MetadataDirectory(const MetadataDirectory&) = delete;
   MetadataDirectory& operator=(const MetadataDirectory&) = delete;
-
-  std::filesystem::path operator/(const char* name) const { return path_ / name; }
-  const std::filesystem::path& path() const { return path_; }
-
- private:
-  std::filesystem::path path_;
 };
 
 class MetadataTest : public testing::Test {

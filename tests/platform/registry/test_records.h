@@ -3,7 +3,6 @@
 #define ZON_TESTS_PLATFORM_REGISTRY_TEST_RECORDS_H
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -14,6 +13,7 @@
 #include <string_view>
 #include <vector>
 
+#include "support/temporary_folder.h"
 #include "zonmdfile/platform/GenRegBin.h"
 #include "zonmdfile/platform/return_codes.h"
 
@@ -194,32 +194,14 @@ inline void flipByte(const std::filesystem::path& path, std::streamoff offset) {
   file.put(flipped);
 }
 
-// A place where a sync costs nothing, where there is one.
-inline std::filesystem::path inMemory() {
-  return std::filesystem::exists("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path();
-}
+using zontest::inMemory;
 
-class TestFolder {
+class TestFolder : public zontest::TemporaryFolder {
  public:
-  explicit TestFolder(const std::filesystem::path& parent = std::filesystem::temp_directory_path()) {
-    std::string name = (parent / "zonregXXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) std::abort();
-    path_ = name;
-  }
-  TestFolder(const TestFolder&) = delete;
-  TestFolder& operator=(const TestFolder&) = delete;
-  ~TestFolder() {
-    std::error_code ignored;
-    std::filesystem::permissions(path_, std::filesystem::perms::owner_all, ignored);
-    std::filesystem::remove_all(path_, ignored);
-  }
+  using TemporaryFolder::TemporaryFolder;
 
-  const std::filesystem::path& path() const { return path_; }
-  std::filesystem::path file() const { return path_ / "store"; }
-  std::filesystem::path backup() const { return path_ / ".store.bkp"; }
-
- private:
-  std::filesystem::path path_;
+  std::filesystem::path file() const { return path() / "store"; }
+  std::filesystem::path backup() const { return path() / ".store.bkp"; }
 };
 
 // A test with a folder and a store in it.

@@ -1,4 +1,4 @@
-// Test support: runs traced_program, a temporary folder for its rings, and zontrace.
+// Test support: a folder for rings, and how traced_program and zontrace are run.
 #pragma once
 
 #include <sys/wait.h>
@@ -8,27 +8,14 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 
-class RingFolder {
+#include "support/temporary_folder.h"
+
+// A folder for rings.
+class RingFolder : public zontest::TemporaryFolder {
  public:
-  RingFolder() {
-    std::string pattern = std::filesystem::temp_directory_path() / "zontrace-test-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) std::abort();
-    path_ = pattern;
-  }
-  ~RingFolder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  RingFolder(const RingFolder&) = delete;
-  RingFolder& operator=(const RingFolder&) = delete;
-
-  std::string file(const std::string& name) const { return path_ / name; }
-
- private:
-  std::filesystem::path path_;
+  std::string file(const std::string& name) const { return *this / name; }
 };
 
 // One running traced_program, its libraries loaded; ends with the object.
