@@ -1,27 +1,25 @@
 // The way of a step through parameter block, cells and SQLCA.
 //
-// The rule: only what callers have is used: the exported functions and classes, and _ossMemFree.
+// The rule: only what callers have is used: the exported functions and classes. Which slots a call has is read from the
+// table that the model uses too; the cells themselves are made as all tests make them.
 #include "model/library_driver.h"
 
 #include <cstring>
-#include <deque>
 #include <map>
 #include <stdexcept>
 #include <string>
 
+#include "support/cells.h"
 #include "zonmdfile/MDCloningMapping.h"
 #include "zonmdfile/MDContactGroup.h"
-#include "zonmdfile/platform/oss.h"
 #include "zonmdfile/zonmdfile.h"
 
 namespace zonmodel {
 
 namespace {
 
-using EntryPoint = void (*)(void*, void**, struct sqlca*);
-
-const std::map<std::string_view, EntryPoint>& entryPoints() {
-  static const std::map<std::string_view, EntryPoint> table = {
+const std::map<std::string_view, zontest::EntryPoint>& entryPoints() {
+  static const std::map<std::string_view, zontest::EntryPoint> table = {
       {"MDCustomTree_retrieveKeys", MDCustomTree_retrieveKeys},
       {"MDCustomTree_retrieveAll", MDCustomTree_retrieveAll},
       {"MDCustomTree_remove", MDCustomTree_remove},
@@ -105,83 +103,39 @@ const std::map<std::string_view, EntryPoint>& entryPoints() {
 }
 
 constexpr std::size_t SPARE_ROWS = 2;
-constexpr std::uint32_t MARK_LENGTH = 4711;
-constexpr std::int32_t MARK_NUMBER = 0x5A5A5A5A;
-char markText[] = "the caller's own";
 
-// The parameter block of one call.
-class Block {
- public:
-  Block(const Step& step, std::size_t rows) {
-    std::string slots(step.function->slots);
-    for (std::size_t row = 0; row < rows + SPARE_ROWS; ++row) slots += step.function->rows;
-    std::size_t text = 0;
-    std::size_t number = 0;
-    for (const char slot : slots) {
-      if (isTextIn(slot)) {
-        addInput(step.texts[text++]);
-      } else if (slot == 'o') {
-        add(Cell{.output = {MARK_LENGTH, markText}}, slot);
-      } else {
-        const auto value = isNumberIn(slot) ? static_cast<std::int32_t>(step.numbers[number++]) : MARK_NUMBER;
-        add(Cell{.number = value}, slot);
-      }
-    }
-  }
+// The slots of a step's parameter block, with some more rows than the caller has entries for.
+std::string slotsOf(const Step& step, std::size_t rows) {
+  std::string slots(step.function->slots);
+  for (std::size_t row = 0; row < rows + SPARE_ROWS; ++row) slots += step.function->rows;
+  return slots;
+}
 
-  void** slots() { return pointers_.data(); }
-
-  // Takes what the library wrote.
-  void collect(Outcome& outcome) {
-    for (std::size_t slot = 0; slot < cells_.size(); ++slot) {
-      if (kinds_[slot] == 'o') collectText(slot, outcome);
-      const bool isNumberOut = kinds_[slot] == 'r' || kinds_[slot] == 'C' || kinds_[slot] == 'N';
-      if (isNumberOut && cells_[slot].number != MARK_NUMBER) outcome.numbers[slot] = cells_[slot].number;
-    }
-  }
-
- private:
-  struct Cell {
-    zonInputCell input{};
-    zonOutputCell output{};
-    std::int32_t number = 0;
-  };
-
-  void addInput(const Text& text) {
-    // The length of an input is not read; whatever stands there must not matter.
-    add(Cell{.input = {99, text ? text->c_str() : nullptr}}, 'n');
-  }
-
-  void add(const Cell& cell, char kind) {
-    Cell& added = cells_.emplace_back(cell);
-    kinds_ += kind;
-    if (kind == 'n') {
-      pointers_.push_back(&added.input);
-    } else if (kind == 'o') {
-      pointers_.push_back(&added.output);
+void fill(zontest::Call& call, const std::string& slots, const Step& step) {
+  std::size_t text = 0;
+  std::size_t number = 0;
+  for (const char slot : slots) {
+    if (isTextIn(slot)) {
+      const Text& input = step.texts[text++];
+      input ? call.in(*input) : call.inNull();
+    } else if (slot == 'o') {
+      call.out();
+    } else if (isNumberIn(slot)) {
+      call.number(step.numbers[number++]);
     } else {
-      pointers_.push_back(&added.number);
+      call.number();
     }
   }
+}
 
-  void collectText(std::size_t slot, Outcome& outcome) {
-    zonOutputCell& cell = cells_[slot].output;
-    const bool isTextThere = cell.text != markText;
-    if (!isTextThere && cell.length == MARK_LENGTH) return;
-    if (!isTextThere || cell.text == nullptr) {
-      outcome.texts[slot] = "<length without a text>";
-      return;
-    }
-    const std::size_t length = ::strnlen(cell.text, cell.length);
-    outcome.texts[slot] = length + 1 == cell.length ? std::string(cell.text, length) : "<wrong length>";
-    void* text = cell.text;
-    _ossMemFree(&text, 0, 0, "model_test", 0);
+// Takes what the library wrote.
+void collect(const zontest::Call& call, const std::string& slots, Outcome& outcome) {
+  for (std::size_t slot = 0; slot < slots.size(); ++slot) {
+    if (slots[slot] == 'o' && !call.isUntouched(slot)) outcome.texts[slot] = call.textAt(slot);
+    const bool isNumberOut = slots[slot] == 'r' || slots[slot] == 'C' || slots[slot] == 'N';
+    if (isNumberOut && call.numberAt(slot) != zontest::Call::MARK_NUMBER) outcome.numbers[slot] = call.rcCell(slot);
   }
-
-  std::deque<Cell> cells_;
-  std::string kinds_;
-  std::vector<void*> pointers_;
-};
+}
 
 void collect(const struct sqlca& sqlca, Outcome& outcome) {
   outcome.sqlcode = sqlca.sqlcode;
@@ -192,15 +146,15 @@ void collect(const struct sqlca& sqlca, Outcome& outcome) {
       isWellFormed ? std::string(sqlca.sqlerrmc, static_cast<std::size_t>(sqlca.sqlerrml)) : "<not a whole SQLCA>";
 }
 
-Outcome callEntryPoint(EntryPoint entryPoint, const Step& step, std::size_t rows) {
-  Block block(step, rows);
-  struct sqlca sqlca;
-  std::memset(&sqlca, 0x7F, sizeof sqlca);
+Outcome callEntryPoint(zontest::EntryPoint entryPoint, const Step& step, std::size_t rows) {
+  const std::string slots = slotsOf(step, rows);
+  zontest::Call call;
+  fill(call, slots, step);
   std::uint32_t reserved = step.numbers[2];
-  entryPoint(&reserved, block.slots(), &sqlca);
+  call.run(entryPoint, &reserved);
   Outcome outcome;
-  block.collect(outcome);
-  collect(sqlca, outcome);
+  collect(call, slots, outcome);
+  collect(call.sqlca(), outcome);
   return outcome;
 }
 

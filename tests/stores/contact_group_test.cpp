@@ -1,17 +1,19 @@
 // Contact groups: records, queries by member and parent, group-wide change, expansion. In these tests | stands for the
-// list separator, and g:a is the membership of contact a in group g, g>h that of the nested group h.
+// list separator; memberships are written as support/groups.h tells.
 #include "zonmdfile/MDContactGroup.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 
+#include "support/groups.h"
 #include "support/metadata_test.h"
 #include "support/small_stack.h"
 #include "zonmdfile/platform/return_codes.h"
 
 namespace {
 
+using zontest::groups;
 using zontest::listOf;
 using zontest::Text;
 using zontest::textOf;
@@ -22,15 +24,10 @@ class ContactGroups : public zontest::MetadataTest {
                        const std::string& description = "d", const std::string& version = "1") {
     return store_.insert(Text(group), DString(kind), Text(member), Text(description), DString(version.c_str()));
   }
-  // "g:a g>h" inserts two memberships.
   void insertAll(const std::string& memberships) {
-    for (std::size_t at = 0; at < memberships.size();) {
-      const std::size_t end = std::min(memberships.find(' ', at), memberships.size());
-      const std::string one = memberships.substr(at, end - at);
-      const std::size_t mark = one.find_first_of(":>");
-      ASSERT_EQ(insert(one.substr(0, mark), one[mark] == ':' ? "0" : "1", one.substr(mark + 1)), 0U);
-      at = end + 1;
-    }
+    zontest::forEachMembership(memberships, [&](const std::string& group, const char* kind, const std::string& member) {
+      ASSERT_EQ(insert(group, kind, member), 0U);
+    });
   }
   std::uint32_t update(const std::string& group, const std::string& description, const std::string& version) {
     return store_.update(Text(group), Text(description), DString(version.c_str()));
@@ -45,22 +42,6 @@ class ContactGroups : public zontest::MetadataTest {
     return store_.retrieveParentGroupList(groups_, DString(kind), Text(member), descriptions_, versions_);
   }
   std::uint32_t retrieveKeys() { return store_.retrieveKeys(groups_, kinds_, members_); }
-  // All memberships of the file, as insertAll takes them.
-  std::string memberships() {
-    if (retrieveKeys() != 0) return "";
-    std::string all;
-    const unsigned long count = store_.occurrencesOfToken(kinds_, DString(char{0x0E}));
-    for (unsigned long i = 1; i <= count; ++i) {
-      DString group;
-      DString kind;
-      DString member;
-      store_.parseTokenizedString(groups_, DString(char{0x0E}), i, group);
-      store_.parseTokenizedString(kinds_, DString(char{0x0E}), i, kind);
-      store_.parseTokenizedString(members_, DString(char{0x0E}), i, member);
-      all += (all.empty() ? "" : " ") + textOf(group) + (textOf(kind) == "0" ? ":" : ">") + textOf(member);
-    }
-    return all;
-  }
   std::uint32_t expand(const std::string& group) {
     names_ = "stale";
     return store_.retrieveAllContactNames(Text(group), names_);
@@ -154,7 +135,7 @@ TEST_F(ContactGroups, QueriesCheckTheirKeysAndLeaveOutputs) {
 TEST_F(ContactGroups, RemoveTakesOneRecord) {
   insertAll("g:a g>a g:b");
   EXPECT_EQ(store_.remove(Text("g"), DString("0"), Text("a")), 0U);
-  EXPECT_EQ(memberships(), "g>a g:b");
+  EXPECT_EQ(groups(), "g>a g:b");
   EXPECT_EQ(store_.remove(Text("g"), DString("0"), Text("a")), GENREG_RC_NOT_FOUND);
   EXPECT_EQ(store_.remove(Text("g"), DString(""), Text("a")), MD_RC_KEY_EMPTY);
 }
@@ -162,14 +143,14 @@ TEST_F(ContactGroups, RemoveTakesOneRecord) {
 TEST_F(ContactGroups, RemovingOneKindKeepsTheOther) {
   insertAll("g:a g>h g>i f>h");
   EXPECT_EQ(store_.removeGroup(Text("g"), DString("1")), 0U);
-  EXPECT_EQ(memberships(), "g:a f>h");
+  EXPECT_EQ(groups(), "g:a f>h");
   EXPECT_FALSE(store_.hasFeature(2));
 }
 
 TEST_F(ContactGroups, RemovingAGroupLeavesItsParents) {
   insertAll("g:a g>h f>g");
   EXPECT_EQ(store_.removeGroup(Text("g")), 0U);
-  EXPECT_EQ(memberships(), "f>g");
+  EXPECT_EQ(groups(), "f>g");
   EXPECT_EQ(store_.removeGroup(Text("g")), GENREG_RC_NOT_FOUND);
   EXPECT_EQ(store_.removeGroup(Text("")), MD_RC_KEY_EMPTY);
   EXPECT_FALSE(store_.hasFeature(2));

@@ -46,6 +46,7 @@ class Call {
     return *this;
   }
 
+  const struct sqlca& sqlca() const { return sqlca_; }
   std::int32_t sqlcode() const { return sqlca_.sqlcode; }
   std::string message() const { return {sqlca_.sqlerrmc, static_cast<std::size_t>(sqlca_.sqlerrml)}; }
   std::int32_t rcCell(std::size_t slot) const { return static_cast<std::int32_t>(slots_[slot].number); }
@@ -54,10 +55,11 @@ class Call {
   // The text of an output; the length must count it with its NUL.
   std::string textAt(std::size_t slot) const {
     const zonOutputCell& cell = slots_[slot].output;
-    if (cell.text == mark()) return "<untouched>";
+    if (isUntouched(slot)) return "<untouched>";
+    if (cell.text == mark()) return "<length without a text>";
     if (cell.text == nullptr) return "<null>";
-    if (std::strlen(cell.text) + 1 != cell.length) return "<wrong length>";
-    return cell.text;
+    const std::size_t length = ::strnlen(cell.text, cell.length);
+    return length + 1 == cell.length ? std::string(cell.text, length) : "<wrong length>";
   }
   const zonOutputCell& cellAt(std::size_t slot) const { return slots_[slot].output; }
 

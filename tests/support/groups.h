@@ -3,6 +3,10 @@
 // The rule: for names without blanks, ':' and '>'.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
 #include <string>
 
 #include "support/cells.h"
@@ -19,17 +23,26 @@ inline std::int32_t insertMember(const std::string& group, const std::string& ki
   return call.rcCell(5);
 }
 
-inline void insertGroups(const std::string& memberships) {
+// Calls insertOne(group, kind, member) for each membership, in order.
+template <class Insert>
+void forEachMembership(const std::string& memberships, Insert insertOne) {
   for (std::size_t at = 0; at < memberships.size();) {
     const std::size_t end = std::min(memberships.find(' ', at), memberships.size());
     const std::string one = memberships.substr(at, end - at);
     const std::size_t mark = one.find_first_of(":>");
-    EXPECT_EQ(insertMember(one.substr(0, mark), one[mark] == ':' ? "0" : "1", one.substr(mark + 1)), 0) << one;
+    ASSERT_NE(mark, std::string::npos) << one;
+    insertOne(one.substr(0, mark), one[mark] == ':' ? "0" : "1", one.substr(mark + 1));
     at = end + 1;
   }
 }
 
-// All memberships of the file in the order of insertion.
+inline void insertGroups(const std::string& memberships) {
+  forEachMembership(memberships, [](const std::string& group, const char* kind, const std::string& member) {
+    EXPECT_EQ(insertMember(group, kind, member), 0) << group << ' ' << kind << ' ' << member;
+  });
+}
+
+// All memberships of the file in the order of insertion, as insertGroups takes them.
 inline std::string groups() {
   MDContactGroup store;
   DString groups;
