@@ -1,7 +1,7 @@
 /*
  * The tables that the sample programs print: one line for a call, or for many calls of one kind.
  *
- * The one rule: whoever prints a line says which SQLCODE it expects; another one is marked, counted, and makes the
+ * The rule: whoever prints a line says which SQLCODE it expects; another one is marked, counted, and makes the
  * program fail in the end.
  */
 #ifndef REPORT_H

@@ -1,7 +1,7 @@
 /*
  * The sample site in examples/data: one text file for each store, and one with what happens to the site afterwards.
  *
- * The one rule: the loading program and the checking program share nothing but these files, so that what the second one
+ * The rule: the loading program and the checking program share nothing but these files, so that what the second one
  * expects does not come from the library. data/README.md tells the format.
  */
 #ifndef SITE_DATA_H

@@ -1,7 +1,7 @@
 /*
  * Calls entry points without building cells and parameter blocks by hand.
  *
- * The one rule: whatever a call hands out belongs to its ZonCall, and zonCallEnd gives it back to the library.
+ * The rule: whatever a call hands out belongs to its ZonCall, and zonCallEnd gives it back to the library.
  *
  *   ZonCall call;
  *   zonCall(&call, MDCustomTree_retrieve, "iroo", "tree.one");

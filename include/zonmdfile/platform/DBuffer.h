@@ -1,6 +1,6 @@
 /*
  * DBuffer (libzoncmncoll): the storage of DString. Bytes with a stored length, followed by a NUL that does not count.
- * The one rule: the bytes lie in a block of the memory service, so that a finished text can be handed to its receiver
+ * The rule: the bytes lie in a block of the memory service, so that a finished text can be handed to its receiver
  * without being copied.
  */
 #ifndef ZONMDFILE_PLATFORM_DBUFFER_H

@@ -1,5 +1,5 @@
 /*
- * DSet (header only): a set of owned copies that remembers the order in which they came. The one rule: seen from
+ * DSet (header only): a set of owned copies that remembers the order in which they came. The rule: seen from
  * outside it is an array that grows by a fixed step and is searched from its start; inside, neither growing nor
  * searching costs more with many members than with few.
  */

@@ -1,5 +1,5 @@
 /*
- * DString (libzoncmncoll): the string class of the whole system. The one rule: a string is its stored bytes. A NUL is a
+ * DString (libzoncmncoll): the string class of the whole system. The rule: a string is its stored bytes. A NUL is a
  * byte like any other, comparison is by bytes, lengths count bytes, and positions are counted from 1.
  */
 #ifndef ZONMDFILE_PLATFORM_DSTRING_H

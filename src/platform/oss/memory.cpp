@@ -1,4 +1,4 @@
-// The memory service. The one rule: no byte that one caller wrote ever reaches another, and still nobody pays for
+// The memory service. The rule: no byte that one caller wrote ever reaches another, and still nobody pays for
 // clearing what was not touched.
 //
 // A block is a header followed by the caller's bytes. There are three kinds:
