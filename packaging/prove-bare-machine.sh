@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Proves that ./run and ./test do all their set-up: runs both in a minimal Debian 12 that has nothing but apt.
+# Proves that ./run, ./test and .ci/run do all their set-up: runs them in a minimal Debian 12 that has nothing but apt.
 #
-# Usage, as root: packaging/prove-bare-machine.sh [FOLDER]      FOLDER (default build/bare-machine) needs about 3 GB
+# Usage, as root: packaging/prove-bare-machine.sh [FOLDER]      FOLDER (default build/bare-machine) needs about 6 GB; takes over an hour
 #
 # The rule: the root is made anew each time, by debootstrap with the mirror that this machine itself uses, and what is tested
 # is a clone: only what has been committed gets in.
@@ -47,7 +47,7 @@ in_root() {
 }
 
 [[ "$(id -u)" == 0 ]] || fail "debootstrap and chroot need root rights"
-steps 5
+steps 6
 
 step "Looking for debootstrap"
 packaging/install-dependencies.sh bootstrap
@@ -86,3 +86,10 @@ for script in test run test; do
     fail "./$script failed; its output is in $FOLDER/$script.log"
   echo "   ./$script: $(grep --extended-regexp 'tests passed|Everything worked' "$FOLDER/$script.log")"
 done
+
+step ".ci/run in the minimal root"
+in_root bash /root/zonmdfile/.ci/run </dev/null >"$FOLDER/ci.log" 2>&1 || {
+  tail -n 40 "$FOLDER/ci.log" >&2
+  fail ".ci/run failed; its output is in $FOLDER/ci.log"
+}
+tail -n 3 "$FOLDER/ci.log"
