@@ -2,6 +2,7 @@
 #include "platform/registry/file_lock.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/file.h>
 
 #include <algorithm>
@@ -17,6 +18,11 @@ namespace {
 constexpr std::uint32_t FIRST_PAUSE_US = 10;
 constexpr std::uint32_t LONGEST_PAUSE_US = 2000;
 
+// The forks that led from the process that loaded this library to this one. Counted in the child alone, where there is
+// one thread; cheaper than asking for the process's number at every lock.
+unsigned forks = 0;
+[[maybe_unused]] const int COUNTS_FORKS = pthread_atfork(nullptr, nullptr, [] { ++forks; });
+
 }  // namespace
 
 LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
@@ -24,13 +30,16 @@ LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
     release();
     file_ = std::move(other.file_);
     state_ = other.state_;
+    forks_ = other.forks_;
   }
   return *this;
 }
 
+bool LockedFile::isOurs() const { return file_.isOpen() && forks_ == forks; }
+
 void LockedFile::release() {
   if (!file_.isOpen()) return;
-  systemCalls.flock(file_.get(), LOCK_UN);
+  if (isOurs()) systemCalls.flock(file_.get(), LOCK_UN);
   file_.reset();
 }
 
@@ -39,6 +48,7 @@ std::uint32_t LockedFile::lock(Descriptor file, std::uint64_t deadlineMs) {
   for (std::uint32_t pause = FIRST_PAUSE_US;; pause = std::min(pause * 2, LONGEST_PAUSE_US)) {
     if (systemCalls.flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
       file_ = std::move(file);
+      forks_ = forks;
       return MD_RC_OK;
     }
     if (errno != EWOULDBLOCK && errno != EINTR) return codeOfErrno(errno);

@@ -21,6 +21,9 @@ class LockedFile {
 
   int get() const { return file_.get(); }
   bool isHeld() const { return file_.isOpen(); }
+  // Whether this process took the lock: a forked child has a copy of the descriptor, and with it of the lock, that is
+  // not its own to use or to release.
+  bool isOurs() const;
   // As the file was when its lock was had.
   const FileState& state() const { return state_; }
   void release();
@@ -35,6 +38,7 @@ class LockedFile {
  private:
   Descriptor file_;
   FileState state_{};
+  unsigned forks_ = 0;  // that had led to this process when the lock was had
 };
 
 // Opens (with O_CREAT in flags: creates) a file by name and locks it, such that at the moment of success the name still

@@ -222,6 +222,8 @@ std::uint32_t Transaction::removeAll(unsigned long flags, const void* key) {
 }
 
 std::uint32_t Transaction::commit() {
+  // A child that was forked during a batch would write beside the process whose lock it is.
+  if (log_ != nullptr && !data_.isOurs()) failure_ = GENREG_RC_NO_BATCH;
   if (failure_ != MD_RC_OK) return failure_;
   if (!log_->isDirty()) return MD_RC_OK;
   if (log_->isNameUnsynced()) {
@@ -383,6 +385,7 @@ std::uint32_t Transaction::compact() {
 }
 
 std::uint32_t Transaction::repair() {
+  if (!data_.isOurs()) return GENREG_RC_NO_BATCH;
   repaired_ = true;
   Descriptor backup;
   const std::uint32_t opened = openRegular(directory_.get(), settings_.paths.backup.c_str(), O_RDONLY, 0, backup);

@@ -136,6 +136,42 @@ TEST_F(FileLocks, AreNotKeptByAChildThatWasForkedMeanwhile) {
   waitpid(child, &status, 0);
 }
 
+TEST_F(FileLocks, AreNotReleasedByAForkedChild) {
+  LockedFile held;
+  ASSERT_EQ(lock(held), MD_RC_OK);
+  EXPECT_TRUE(held.isOurs());
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool isOurs = held.isOurs();
+    held.release();
+    _exit(isOurs ? 1 : 0);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_FALSE(isFree());
+}
+
+TEST_F(FileLocks, OfABatchStayWithTheProcessThatBeganIt) {
+  TestStore store(folder_.path());
+  ASSERT_EQ(store.add({"g", "first", "x"}), MD_RC_OK);
+  ASSERT_EQ(store.beginBatch(), MD_RC_OK);
+  ASSERT_EQ(store.add({"g", "of the batch", "x"}), MD_RC_OK);
+  const pid_t child = fork();
+  if (child == 0) {
+    store.add({"g", "of the child", "x"});
+    _exit(store.commitBatch() == GENREG_RC_NO_BATCH ? 0 : 1);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+  TestStore other(folder_.path());
+  other.setLockWait(0);
+  EXPECT_EQ(other.add({"g", "beside", "x"}), GENREG_RC_LOCK_TIMEOUT);
+  EXPECT_EQ(store.commitBatch(), MD_RC_OK);
+  EXPECT_EQ(store.list(), (std::vector<Value>{{"g", "first", "x"}, {"g", "of the batch", "x"}}));
+}
+
 TEST_F(FileLocks, OfAMissingFileAreNotFoundWithoutLeaveToMakeIt) {
   LockedFile held;
   EXPECT_EQ(lock(held, 0, O_RDWR), GENREG_RC_NOT_FOUND);
