@@ -29,7 +29,7 @@
 #define GENREG_RC_DAMAGED UINT32_C(0x90000202)         /* bytes that are needed for the answer fail their checksum */
 #define GENREG_RC_NEWER_FORMAT UINT32_C(0x90000203)    /* written by a later release; left untouched */
 #define GENREG_RC_NOT_RECORD_FILE UINT32_C(0x90000204) /* not a record file at all; left untouched */
-#define GENREG_RC_WRONG_RECORD_TYPE UINT32_C(0x90000205) /* a record file of another record type */
+#define GENREG_RC_WRONG_RECORD_TYPE UINT32_C(0x90000205) /* of another record type or another store */
 #define GENREG_RC_NO_SPACE UINT32_C(0x90000206)          /* disk or quota full */
 #define GENREG_RC_NO_PERMISSION UINT32_C(0x90000207)     /* the process may not do this to the file or its directory */
 #define GENREG_RC_READ_ONLY UINT32_C(0x90000208)         /* read-only file system */

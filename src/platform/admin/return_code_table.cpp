@@ -60,8 +60,8 @@ constexpr std::array RETURN_CODES{
         "directory."},
     ReturnCode{
         GENREG_RC_WRONG_RECORD_TYPE, "GENREG_RC_WRONG_RECORD_TYPE", -22324, "42809",
-        "The record file holds records of another type and was left untouched. Put the right file in place, or correct "
-        "the metadata directory."},
+        "The record file is of another store or holds records of another type, and was left untouched. Put the right "
+        "file in place, or correct the metadata directory."},
     ReturnCode{GENREG_RC_NO_SPACE, "GENREG_RC_NO_SPACE", -22325, "57011",
                "The disk or the quota is full; nothing was changed. Free some space and try again."},
     ReturnCode{

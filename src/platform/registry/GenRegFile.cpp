@@ -93,6 +93,7 @@ zon::RecordType GenRegFile::recordType() const {
   unsigned long size = 0;
   callbacks_.maxRecordSize(&size);
   type.maxSize = size;
+  type.setStore(zon::lastComponent(filePath_));
   type.indexCount = 0;
   for (std::size_t index = 0; index < MAX_INDEXES && indexFlags_[index] != 0; ++index) {
     type.indexFlags[index] = indexFlags_[index];

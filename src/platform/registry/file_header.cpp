@@ -71,6 +71,9 @@ bool hasPossibleOverlay(const format::Slot& slot) {
 bool isPossible(const format::Slot& slot) {
   if (slot.end < format::LOG_START || slot.end >= format::MAX_OFFSET || slot.end % format::FRAME_ALIGNMENT != 0)
     return false;
+  if (slot.indexedEnd < format::LOG_START || slot.indexedEnd > slot.end ||
+      slot.indexedEnd % format::FRAME_ALIGNMENT != 0)
+    return false;
   std::uint64_t covered = 0;
   if (!hasPossibleSegments(slot, covered) || !hasPossibleOverlay(slot)) return false;
   const std::uint64_t room = slot.end - format::LOG_START - covered;
@@ -84,15 +87,41 @@ bool isIntact(const format::Slot& slot, std::uint32_t salt) {
          slot.crc == slotChecksum(slot, salt) && isPossible(slot);
 }
 
-// The header from its copy, when the first one is unreadable.
-std::uint32_t readHeaderCopy(int file, const format::FileHeader& first, format::FileHeader& header) {
+using PageBytes = std::array<std::byte, format::HEADER_READ_SIZE>;
+
+// Reads the page, zeros standing for what lies behind the file's end. A sector that the disk cannot read is all zeros
+// too, and so passes no checksum; the other one has a header and a slot of its own.
+std::uint32_t readPageBytes(int file, PageBytes& bytes, bool& isWhole) {
+  isWhole = true;
   std::size_t got = 0;
-  const std::uint32_t rc = readAt(file, format::HEADER_COPY_OFFSET, writableBytesOf(header), got);
-  if (rc != MD_RC_OK) return rc;
-  if (got == sizeof header && isIntact(header)) return MD_RC_OK;
+  std::uint32_t rc = readAt(file, 0, bytes, got);
+  if (rc != RC_UNREADABLE) {
+    std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(got), bytes.end(), std::byte{0});
+    return rc;
+  }
+  for (const std::size_t offset : {std::size_t{0}, format::SECTOR_SIZE}) {
+    const auto sector = std::span(bytes).subspan(offset, std::min(format::SECTOR_SIZE, bytes.size() - offset));
+    rc = readAt(file, offset, sector, got);
+    if (rc != MD_RC_OK && rc != RC_UNREADABLE) return rc;
+    if (rc != MD_RC_OK) got = 0;
+    isWhole = isWhole && rc == MD_RC_OK;
+    std::fill(sector.begin() + static_cast<std::ptrdiff_t>(got), sector.end(), std::byte{0});
+  }
+  return MD_RC_OK;
+}
+
+// The header, or its copy when the first one is unreadable.
+std::uint32_t chooseHeader(const PageBytes& bytes, HeaderPage& page) {
+  std::array<format::FileHeader, 2> headers;
+  std::memcpy(&headers[0], bytes.data(), sizeof headers[0]);
+  std::memcpy(&headers[1], bytes.data() + format::HEADER_COPY_OFFSET, sizeof headers[1]);
+  for (std::size_t at = 0; at < headers.size(); ++at) page.headerValid[at] = isIntact(headers[at]);
+  const format::FileHeader& first = headers[0];
+  page.header = !page.headerValid[0] && page.headerValid[1] ? headers[1] : first;
+  if (page.headerValid[0] || page.headerValid[1]) return MD_RC_OK;
   if (hasMagic(first) && first.version > format::FORMAT_VERSION && first.version < 0x10000)
     return GENREG_RC_NEWER_FORMAT;
-  return hasMagic(first) || (got == sizeof header && hasMagic(header)) ? GENREG_RC_DAMAGED : GENREG_RC_NOT_RECORD_FILE;
+  return hasMagic(first) || hasMagic(headers[1]) || !page.isWhole ? GENREG_RC_DAMAGED : GENREG_RC_NOT_RECORD_FILE;
 }
 
 }  // namespace
@@ -135,15 +164,9 @@ std::size_t HeaderPage::newest() const {
 }
 
 std::uint32_t readHeaderPage(int file, HeaderPage& page) {
-  alignas(8) std::array<std::byte, format::HEADER_READ_SIZE> bytes;
-  std::size_t got = 0;
-  if (const std::uint32_t rc = readAt(file, 0, bytes, got)) return rc;
-  std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(got), bytes.end(), std::byte{0});
-  std::memcpy(&page.header, bytes.data(), sizeof page.header);
-  if (!isIntact(page.header)) {
-    const format::FileHeader first = page.header;
-    if (const std::uint32_t rc = readHeaderCopy(file, first, page.header)) return rc;
-  }
+  PageBytes bytes;
+  if (const std::uint32_t rc = readPageBytes(file, bytes, page.isWhole)) return rc;
+  if (const std::uint32_t rc = chooseHeader(bytes, page)) return rc;
   const bool isKnown = page.header.version == format::FORMAT_VERSION && page.header.headerSize == format::LOG_START;
   if (!isKnown || page.header.mustUnderstand != 0) return GENREG_RC_NEWER_FORMAT;
   const std::uint32_t salt = saltOf(page.header.fileId);

@@ -32,9 +32,13 @@ struct HeaderPage {
   format::FileHeader header;
   std::array<format::Slot, 2> slots;
   std::array<bool, 2> slotValid;
+  std::array<bool, 2> headerValid;  // the header and its copy
+  // The disk could read all of it. What it could not read fails its checksum, and cannot be written in place.
+  bool isWhole = true;
 
   bool hasSlot() const { return slotValid[0] || slotValid[1]; }
   bool bothSlots() const { return slotValid[0] && slotValid[1]; }
+  bool bothHeaders() const { return headerValid[0] && headerValid[1]; }
   // The newer of the valid slots.
   std::size_t newest() const;
 };

@@ -16,12 +16,15 @@ constexpr char MAGIC[8] = {'Z', 'O', 'N', 'R', 'E', 'G', '\r', '\n'};
 constexpr std::uint32_t FORMAT_VERSION = 1;
 
 constexpr std::size_t MAX_INDEXES = 3;
-constexpr std::uint64_t LOG_START = 4096;  // the first frame; before it lies the header page
-constexpr std::uint64_t SLOT_OFFSET[2] = {512, 1536};
-constexpr std::uint64_t HEADER_COPY_OFFSET = 3584;
-constexpr std::size_t HEADER_READ_SIZE = 2560;  // header and both slots
+constexpr std::uint64_t LOG_START = 8192;  // the first frame; before it lie the two sectors of the header page
+// A disk may spoil a whole sector that it was writing when the power went: each one has a header and a slot.
+constexpr std::uint64_t SECTOR_SIZE = 4096;
+constexpr std::uint64_t SLOT_OFFSET[2] = {3072, 4096};
+constexpr std::uint64_t HEADER_COPY_OFFSET = 5120;
 constexpr std::uint64_t FRAME_ALIGNMENT = 8;
 constexpr std::uint64_t MAX_OFFSET = std::uint64_t{1} << 43;  // what an index entry can address
+
+constexpr std::size_t STORE_NAME_SIZE = 64;
 
 // Written once, when the file is made. Stands at 0 and again at HEADER_COPY_OFFSET.
 struct FileHeader {
@@ -33,12 +36,17 @@ struct FileHeader {
   std::uint8_t indexFlags[8];
   std::uint64_t repairs;
   std::uint64_t lostBytes;
+  std::uint64_t lossyRepairs;    // repairs, and states taken over as they were found, that may have cost records
+  char store[STORE_NAME_SIZE];   // the file's name when it was made, cut at one byte less, filled up with NULs
   std::uint32_t mustUnderstand;  // a bit for each later addition that a reader must know; none so far
   std::uint32_t crc;             // over all bytes before it
 };
-static_assert(sizeof(FileHeader) == 64);
+static_assert(sizeof(FileHeader) == 136);
 static_assert(offsetof(FileHeader, fileId) == 16 && offsetof(FileHeader, indexFlags) == 32);
-static_assert(offsetof(FileHeader, crc) == 60);
+static_assert(offsetof(FileHeader, lossyRepairs) == 56 && offsetof(FileHeader, store) == 64);
+static_assert(offsetof(FileHeader, crc) == 132);
+
+constexpr std::size_t HEADER_READ_SIZE = HEADER_COPY_OFFSET + sizeof(FileHeader);  // both headers and both slots
 
 // An index change that the blocks may not hold durably yet: the newest frame of the chain of this digest. As frames are
 // aligned, the low three bits of the offset are free to hold the index's number.
@@ -48,7 +56,7 @@ struct OverlayEntry {
 };
 
 constexpr std::size_t MAX_SEGMENTS = 16;
-constexpr std::size_t OVERLAY_CAPACITY = 49;
+constexpr std::size_t OVERLAY_CAPACITY = 48;
 
 // Publishes the log up to `end`. Two slots are written in turn; the valid one with the higher sequence counts.
 struct Slot {
@@ -65,15 +73,18 @@ struct Slot {
   std::uint64_t firstEvent;  // offset of the first change or removal frame, 0 when there is none
   std::uint64_t commits;
   std::uint8_t bootId[16];       // of the machine's run in which this slot was written
+  std::uint64_t mountId;         // of the file system's mount through which it was written, 0 when not known
   std::uint64_t segmentEntries;  // entries in the newest segment
   std::uint64_t backupEnd;       // how far the backup reached when this slot was written
-  std::uint64_t reserved;
+  std::uint64_t indexedEnd;      // overlay and blocks lead to the frames before this; to those up to `end` nothing does
+  std::uint64_t acknowledgedLosses;      // how many of the header's lossyRepairs somebody has taken note of
   std::uint64_t segments[MAX_SEGMENTS];  // blocks << 40 | offset >> 9, oldest first, 0 behind the last
   OverlayEntry overlay[OVERLAY_CAPACITY];
 };
 static_assert(sizeof(Slot) == 1024);
-static_assert(offsetof(Slot, sequence) == 8 && offsetof(Slot, bootId) == 72 && offsetof(Slot, segments) == 112);
-static_assert(offsetof(Slot, overlay) == 240);
+static_assert(offsetof(Slot, sequence) == 8 && offsetof(Slot, bootId) == 72 && offsetof(Slot, mountId) == 88);
+static_assert(offsetof(Slot, indexedEnd) == 112 && offsetof(Slot, segments) == 128 && offsetof(Slot, overlay) == 256);
+static_assert(SLOT_OFFSET[0] + sizeof(Slot) <= SECTOR_SIZE && SLOT_OFFSET[1] + sizeof(Slot) <= HEADER_COPY_OFFSET);
 
 // No writer counts so far. One that finds a sequence at or above LAST_SEQUENCE, from where it could grow no further,
 // has the file written anew.

@@ -80,8 +80,9 @@ std::uint32_t LogWriter::open(int file, std::uint64_t fileSize) {
   HeaderPage page;
   if (const std::uint32_t rc = readHeaderPage(file, page)) return rc;
   if (const std::uint32_t rc = takePage(page)) return rc;
-  if (slot_.end > fileSize || slot_.sequence >= format::LAST_SEQUENCE) return GENREG_RC_DAMAGED;
+  if (!page.isWhole || slot_.end > fileSize || slot_.sequence >= format::LAST_SEQUENCE) return GENREG_RC_DAMAGED;
   fileSize_ = fileSize;
+  if (const std::uint32_t rc = restoreHeaders(page)) return rc;
   // What was applied to the blocks without a sync is gone when the machine was started anew since then.
   if (!isSameBoot(boot_, slot_)) slot_.overlayApplied = 0;
   published_ = slot_;
@@ -92,6 +93,18 @@ std::uint32_t LogWriter::open(int file, std::uint64_t fileSize) {
   // A power cut may have taken the first part of a commit and left the rest.
   const bool mayHideRest = boot_ != BootId{} && !isSameBoot(boot_, slot_);
   return clean && page.bothSlots() && !mayHideRest ? MD_RC_OK : settle();
+}
+
+// A header that is lost, as with the slot in its sector when the power went while that was written, is written again
+// before anything else is: the other sector may be the next to be lost. The syncs keep the two from being under way at
+// once.
+std::uint32_t LogWriter::restoreHeaders(const HeaderPage& page) {
+  if (page.bothHeaders()) return MD_RC_OK;
+  if (const std::uint32_t rc = requireAllowedSize(fileSize_)) return rc;
+  if (const std::uint32_t rc = sync()) return rc;
+  const std::uint64_t offset = page.headerValid[0] ? format::HEADER_COPY_OFFSET : 0;
+  if (const std::uint32_t rc = writeAt(file_, offset, bytesOf(header_))) return rc;
+  return sync();
 }
 
 // What lies behind the end is of a writer that died, or whose sync failed. A valid commit is written once more before
@@ -622,6 +635,7 @@ void LogWriter::forgetNewHeads() {
 std::uint32_t LogWriter::publish(const std::vector<format::OverlayEntry>& overlay, std::size_t applied) {
   setOverlay(overlay, applied);
   slot_.end = end_;
+  slot_.indexedEnd = end_;
   if (const std::uint32_t rc = writeSlot(slot_)) return rc;
   published_ = slot_;
   removesOnly_ = true;

@@ -89,6 +89,7 @@ class LogWriter : public LogView {
     std::uint64_t digest;
   };
 
+  std::uint32_t restoreHeaders(const HeaderPage& page);
   std::uint32_t settle();
   // Zeros from offset to the end of the file.
   std::uint32_t wipeFrom(std::uint64_t offset) const;

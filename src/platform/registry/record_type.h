@@ -2,10 +2,12 @@
 #ifndef ZON_PLATFORM_REGISTRY_RECORD_TYPE_H
 #define ZON_PLATFORM_REGISTRY_RECORD_TYPE_H
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "platform/registry/format.h"
 #include "zonmdfile/platform/GenRegBase.h"
@@ -22,8 +24,20 @@ struct RecordType {
   GenRegBase::SizeCallback recordSize = nullptr;
   GenRegBase::DigestCallback digest = nullptr;
   std::size_t maxSize = 0;
+  // What the record file is called, as its header tells it: a file of another store under this name is no file of ours.
+  std::array<char, format::STORE_NAME_SIZE> store{};
   std::array<std::uint8_t, format::MAX_INDEXES> indexFlags{};
   std::size_t indexCount = 1;
+
+  void setStore(std::string_view name) {
+    store = {};
+    name.copy(store.data(), store.size() - 1);
+  }
+  // The header names this record type's indexes and this store.
+  bool owns(const format::FileHeader& header) const {
+    return std::equal(indexFlags.begin(), indexFlags.end(), header.indexFlags) &&
+           std::equal(store.begin(), store.end(), header.store);
+  }
 
   // The callbacks take void* for what they only read.
   bool matches(unsigned long flags, const void* key, const void* record) const {

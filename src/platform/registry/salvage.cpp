@@ -113,8 +113,7 @@ std::uint32_t Salvage::identify(int file, int backup) {
   if (fileVerdict == GENREG_RC_NEWER_FORMAT || !isVerdict(fileVerdict)) return fileVerdict;
   if (!isVerdict(backupVerdict)) return backupVerdict;
   fileHasHeader_ = fileVerdict == MD_RC_OK;
-  const bool backupHasHeader = backupVerdict == MD_RC_OK && std::equal(type_.indexFlags.begin(), type_.indexFlags.end(),
-                                                                       backupPage.header.indexFlags);
+  const bool backupHasHeader = backupVerdict == MD_RC_OK && type_.owns(backupPage.header);
   if (fileHasHeader_) header_ = filePage_.header;
   std::uint32_t salt = saltOf(filePage_.header.fileId);
   bool fileCounts = fileHasHeader_;
@@ -138,6 +137,7 @@ std::uint32_t Salvage::identify(int file, int backup) {
     backup_ = std::make_unique<RawLog>(type_, backup, header_, backupState.size);
   }
   if (sameGeneration && tellsOtherHistory(filePage_, backupPage)) backup_.reset();
+  if (file_ == nullptr && backup_ == nullptr && !filePage_.isWhole) return GENREG_RC_IO_ERROR;
   chooseEnd(backup_ != nullptr ? &backupPage : nullptr);
   return MD_RC_OK;
 }

@@ -53,6 +53,8 @@ std::uint32_t makeHeader(const RecordType& type, const format::FileHeader& old, 
   std::copy(type.indexFlags.begin(), type.indexFlags.end(), header.indexFlags);
   header.repairs = old.repairs;
   header.lostBytes = old.lostBytes;
+  header.lossyRepairs = old.lossyRepairs;
+  std::copy(type.store.begin(), type.store.end(), header.store);
   header.crc = headerChecksum(header);
   return MD_RC_OK;
 }

@@ -488,7 +488,7 @@ TEST_F(PowerCuts, ABatch) {
       after);
 }
 
-// The overlay of the slot holds 49 heads; a commit with more goes another way.
+// The overlay of the slot holds 48 heads; a commit with more goes another way.
 TEST_F(PowerCuts, ABatchWithMoreHeadsThanTheSlotHolds) {
   statesPerPoint_ = 40;
   addQuietly({"g", "before", "b"});

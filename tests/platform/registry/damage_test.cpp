@@ -207,7 +207,7 @@ class DamagedFiles : public ::testing::Test {
     const Bytes& kept = *image.files.at(image.names.at("store.cor"));
     // Before it met the damage the writer may have written slots and appended, no more.
     const std::size_t end = std::min<std::size_t>(damaged->size(), used_);
-    for (std::size_t at = 4096; at < end; ++at) {
+    for (std::size_t at = format::LOG_START; at < end; ++at) {
       if (at >= kept.size() || kept[at] != (*damaged)[at]) return fail("the corrupt copy is not the damaged file");
     }
   }
@@ -532,7 +532,8 @@ TEST_F(DamagedFiles, SlotsOfAnotherFileAreNoSlots) {
   }
   const auto bytes = std::make_shared<Bytes>(small);
   const Bytes& other = bytesOf("store");
-  std::copy(other.begin() + 512, other.begin() + 2560, bytes->begin() + 512);
+  const auto slots = static_cast<std::ptrdiff_t>(format::SLOT_OFFSET[0]);
+  std::copy_n(other.begin() + slots, 2 * sizeof(format::Slot), bytes->begin() + slots);
   golden_ = golden;
   truth_ = truth;
   check("slots of another file", bytes);
@@ -598,6 +599,28 @@ TEST_F(DamagedFiles, ANewerFormatIsRefusedAndUntouched) {
     EXPECT_EQ(store.compact(), GENREG_RC_NEWER_FORMAT);
     EXPECT_EQ(store.repair(), GENREG_RC_NEWER_FORMAT);
     checkUntouched(bytes);
+  }
+}
+
+// Each sector of the header page has a header and a slot.
+TEST_F(DamagedFiles, AHeaderPageThatCannotBeReadIsDamage) {
+  makeWithBackup();
+  const std::uint64_t inode = golden_.names.at("store");
+  for (const int sectors : {1, 2, 3}) {
+    disk_.boot(golden_);
+    disk_.setBootNumber(boot_);
+    for (const std::uint64_t sector : {0, 1}) {
+      if ((sectors >> sector & 1) != 0) disk_.badSectors.insert({inode, sector});
+    }
+    TestStore store(DISK_FOLDER);
+    std::uint32_t rc = MD_RC_OK;
+    EXPECT_EQ(store.list(0, {}, &rc), truth_) << sectors;
+    EXPECT_EQ(rc, MD_RC_OK) << sectors;
+    EXPECT_EQ(store.add(PROBE), MD_RC_OK) << sectors;
+    GenRegStatus status{};
+    EXPECT_EQ(store.status(status), MD_RC_OK) << sectors;
+    EXPECT_EQ(status.records, truth_.size() + 1) << sectors;
+    disk_.badSectors.clear();
   }
 }
 
@@ -864,12 +887,37 @@ TEST_F(DamagedFiles, AForeignFileIsRefusedAndUntouched) {
 TEST_F(DamagedFiles, AnExplicitRepairTakesALostHeaderFromTheBackup) {
   makeWithBackup();
   const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-  std::fill_n(bytes->begin(), 4096 + 512, std::byte{0});
+  std::fill_n(bytes->begin(), format::LOG_START + 512, std::byte{0});
   golden_.files[golden_.names.at("store")] = bytes;
   disk_.boot(golden_);
   TestStore store(DISK_FOLDER);
   EXPECT_EQ(store.repair(), MD_RC_OK);
   EXPECT_EQ(store.list(), truth_);
+}
+
+// The stores of one record type differ in their files' names alone.
+TEST_F(DamagedFiles, AFileOfAnotherStoreIsRefused) {
+  makeWithBackup();
+  for (const bool isLost : {false, true}) {
+    DiskImage moved = golden_;
+    moved.names["other"] = golden_.names.at("store");
+    moved.names[".other.bkp"] = golden_.names.at(".store.bkp");
+    if (isLost) moved.files[moved.names.at("other")] = std::make_shared<Bytes>();
+    disk_.boot(moved);
+    TestStore other(DISK_FOLDER, true, "other");
+    Value value;
+    std::uint32_t rc = MD_RC_OK;
+    EXPECT_EQ(other.list(0, {}, &rc), Values{});
+    // Of a backup that is not this store's nobody knows what was lost.
+    const std::uint32_t told = isLost ? GENREG_RC_DAMAGED : GENREG_RC_WRONG_RECORD_TYPE;
+    EXPECT_EQ(rc, told);
+    EXPECT_EQ(other.get("g1", "a", value), told);
+    const std::uint32_t expected = isLost ? MD_RC_OK : GENREG_RC_WRONG_RECORD_TYPE;
+    EXPECT_EQ(other.add(PROBE), expected);
+    EXPECT_EQ(other.repair(), expected);
+    EXPECT_EQ(other.compact(), expected);
+    if (!isLost) checkUntouched(std::make_shared<Bytes>(bytesOf("store")));
+  }
 }
 
 TEST_F(DamagedFiles, AnotherRecordTypeIsRefused) {
@@ -1140,7 +1188,7 @@ TEST_F(HostileFiles, SlotsWithAnyNumberInAnyField) {
   const auto header = loadAt<format::FileHeader>(good, 0);
   const std::uint64_t numbers[] = {0, 1, 4096, 4097, 1 << 20, 0x7FFFFFFFFFF8, (1ull << 43) - 8, ~0ull};
   std::uint64_t cases = 0;
-  for (std::size_t field = 8; field < 240; field += 8) {
+  for (std::size_t field = 8; field < offsetof(format::Slot, overlay); field += 8) {
     for (const std::uint64_t number : numbers) {
       Bytes bytes = good;
       for (const std::uint64_t at : format::SLOT_OFFSET) {

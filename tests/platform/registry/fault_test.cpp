@@ -9,6 +9,7 @@
 #include <new>
 #include <set>
 
+#include "platform/registry/format.h"
 #include "simulated_disk.h"
 #include "test_records.h"
 #include "zonmdfile/platform/oss.h"
@@ -229,7 +230,7 @@ const std::vector<Shape>& shapes() {
          const DiskImage image = disk.image();
          ASSERT_TRUE(image.has(".store.bkp"));
          const Bytes& bytes = *image.files.at(image.names.at("store"));
-         std::size_t at = 4096;
+         std::size_t at = format::LOG_START;
          while (std::memcmp(&bytes[at], noise(600, 0).data(), 8) != 0) ++at;
          spoil(disk, "store", at);
        }},
@@ -699,7 +700,7 @@ TEST_F(FaultyMemory, OfADamagedFile) {
   }
   std::fstream file(folder_.file(), std::ios::in | std::ios::out | std::ios::binary);
   std::string bytes((std::istreambuf_iterator<char>(file)), {});
-  const std::size_t at = bytes.find(noise(600, 0).substr(0, 20), 4096);
+  const std::size_t at = bytes.find(noise(600, 0).substr(0, 20), format::LOG_START);
   ASSERT_NE(at, std::string::npos);
   file.seekp(static_cast<std::streamoff>(at));
   file.put('?');

@@ -35,7 +35,7 @@ using Bytes = std::vector<std::uint8_t>;
 
 // ---- The reader. Names are the document's.
 
-constexpr std::uint64_t LOG_START = 4096;
+constexpr std::uint64_t LOG_START = 8192;
 constexpr std::uint64_t GOLDEN = 0x9E3779B97F4A7C15;
 
 enum Kind : std::uint8_t { INSERT = 1, CHANGE = 2, REMOVE = 3, AREA = 4, SUMMARY = 5 };
@@ -254,7 +254,7 @@ class Reader {
 
   void readHeader() {
     std::uint64_t at = 0;
-    if (!headerIsIntact(at)) at = 3584;
+    if (!headerIsIntact(at)) at = 5120;
     if (!headerIsIntact(at)) refuse("no header");
     if (number<std::uint32_t>(at + 8) != 1) refuse("another version");
     const auto fileId = number<std::uint64_t>(at + 16);
@@ -269,19 +269,21 @@ class Reader {
   bool headerIsIntact(std::uint64_t at) const {
     static constexpr std::string_view MAGIC = "ZONREG\r\n";
     return std::equal(MAGIC.begin(), MAGIC.end(), file_.begin() + offsetIn(at)) &&
-           number<std::uint32_t>(at + 60) == sum(0, at, at + 60);
+           number<std::uint32_t>(at + 132) == sum(0, at, at + 132);
   }
 
   bool slotIsIntact(std::uint64_t at) const {
     const auto entries = number<std::uint16_t>(at + 4);
     const auto end = number<std::uint64_t>(at + 16);
-    return entries <= 49 && number<std::uint16_t>(at + 6) <= entries && end >= LOG_START && end < 1ULL << 43 &&
-           number<std::uint32_t>(at) == sum(salt_, at + 4, at + 240 + entries * 16ULL);
+    const auto indexedEnd = number<std::uint64_t>(at + 112);
+    return entries <= 48 && indexedEnd >= LOG_START && indexedEnd <= end && number<std::uint16_t>(at + 6) <= entries &&
+           end >= LOG_START && end < 1ULL << 43 &&
+           number<std::uint32_t>(at) == sum(salt_, at + 4, at + 256 + entries * 16ULL);
   }
 
   void readSlots() {
     std::optional<Slot> newest;
-    for (const std::uint64_t at : {512U, 1536U}) {
+    for (const std::uint64_t at : {3072U, 4096U}) {
       if (!slotIsIntact(at)) continue;
       const auto sequence = number<std::uint64_t>(at + 8);
       if (!newest || sequence > newest->sequence) newest = Slot{at, sequence};
@@ -293,9 +295,9 @@ class Reader {
     isUnique_ = (number<std::uint32_t>(at + 28) & 1) == 0;
     records_ = number<std::uint64_t>(at + 32);
     bootId_.assign(file_.begin() + offsetIn(at + 72), file_.begin() + offsetIn(at + 88));
-    for (std::uint64_t entry = at + 112; entry < at + 240 && number<std::uint64_t>(entry) != 0; entry += 8)
+    for (std::uint64_t entry = at + 128; entry < at + 256 && number<std::uint64_t>(entry) != 0; entry += 8)
       addSegment(number<std::uint64_t>(entry));
-    for (std::uint64_t entry = at + 240; entry < at + 240 + number<std::uint16_t>(at + 4) * 16ULL; entry += 16) {
+    for (std::uint64_t entry = at + 256; entry < at + 256 + number<std::uint16_t>(at + 4) * 16ULL; entry += 16) {
       const auto offsetAndIndex = number<std::uint64_t>(entry + 8);
       heads_[{offsetAndIndex & 7, number<std::uint64_t>(entry)}] = offsetAndIndex & ~7ULL;
     }
@@ -581,7 +583,7 @@ std::string rowOf(std::uint64_t offset, const Bytes& bytes) {
   return row;
 }
 
-constexpr std::uint64_t EXAMPLE_END = 0x22a0;
+constexpr std::uint64_t EXAMPLE_END = 0x32a0;
 
 class FormatExample : public testing::Test {
  protected:
@@ -826,7 +828,8 @@ TYPED_TEST(FormatDocument, RollsForwardOnlyInAnotherRunOfTheMachine) {
     this->step(KEYS);
     this->step(KEYS);
     const Bytes after = this->file();
-    const bool isSameFile = before.size() > LOG_START && std::equal(before.begin(), before.begin() + 64, after.begin());
+    const bool isSameFile =
+        before.size() > LOG_START && std::equal(before.begin(), before.begin() + 136, after.begin());
     if (at % 10 != 0 || !isSameFile) continue;
     this->loseSlots(before);
     ASSERT_NO_FATAL_FAILURE(this->expectSameAnswers(FixedSurroundings::bootId(0xB0), KEYS)) << "same run, step " << at;

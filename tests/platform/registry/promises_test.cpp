@@ -105,9 +105,8 @@ TEST_F(Readers, LeaveNothingOfOtherRecordsBehindTheOneThatTheyFind) {
   ASSERT_EQ(store_.add(small), MD_RC_OK);
   EXPECT_EQ(bytesBehind(KEY, small), 0);
   EXPECT_EQ(bytesBehind(GROUP | DATA, small), 0);
-  flipByte(folder_.file(), 5120);
-  flipByte(folder_.file(), 512);
-  flipByte(folder_.file(), 1536);
+  flipByte(folder_.file(), format::LOG_START + 1024);
+  for (const std::uint64_t slot : format::SLOT_OFFSET) flipByte(folder_.file(), static_cast<std::streamoff>(slot));
   EXPECT_EQ(bytesBehind(WHOLE_KEY, small), 0);
 }
 
@@ -230,8 +229,8 @@ TEST_F(Readers, LookAgainAtWhatIsJustBeingWritten) {
   systemCalls.pread = [](int file, void* data, std::size_t size, off_t offset) {
     const ssize_t got = realSystemCalls().pread(file, data, size, offset);
     const bool isPage = offset == 0 && size > 2000;
-    const bool isBlock = offset >= 4096 && size == 512;
-    if ((isPage || isBlock) && torn[offset]++ < 3) static_cast<char*>(data)[isPage ? 600 : 4] ^= 1;
+    const bool isBlock = size == 512;
+    if ((isPage || isBlock) && torn[offset]++ < 3) static_cast<char*>(data)[isPage ? 3080 : 4] ^= 1;
     return got;
   };
   Value value;
@@ -319,7 +318,7 @@ TEST_F(ScanOrder, IsThatOfInsertionThroughChangeCompactionAndRepair) {
   EXPECT_EQ(store_.list(), expected);
   ASSERT_EQ(store_.add({"g", "last", "x"}), MD_RC_OK);
   expected.push_back({"g", "last", "x"});
-  flipByte(folder_.file(), 5120);
+  flipByte(folder_.file(), format::LOG_START + 1024);
   ASSERT_EQ(store_.repair(), MD_RC_OK);
   EXPECT_TRUE(std::filesystem::exists(folder_.path() / "store.cor"));
   EXPECT_EQ(store_.list(), expected);
@@ -1029,7 +1028,7 @@ TEST_P(StrangeObjects, InThePlaceOfTheBackupKeepNobodyFromWriting) {
 TEST_P(StrangeObjects, InThePlaceOfTheCorruptCopyAreMovedAway) {
   for (int at = 0; at < 3; ++at) ASSERT_EQ(store_.add({"g", numbered("k", at), "x"}), MD_RC_OK);
   if (!put(folder_.path() / "store.cor")) GTEST_SKIP();
-  flipByte(folder_.file(), 5120);
+  flipByte(folder_.file(), format::LOG_START + 1024);
   alarm(20);
   EXPECT_EQ(store_.repair(), MD_RC_OK);
   EXPECT_EQ(store_.list().size(), 3u);
@@ -1061,7 +1060,7 @@ TEST_F(ForeignFiles, LinkedToTheNamesOfCompanionsAreNotWrittenThrough) {
     ASSERT_EQ(store_.add({"g", numbered("k", at), noise(3000, static_cast<unsigned>(at))}), MD_RC_OK);
   }
   ASSERT_EQ(store_.compact(), MD_RC_OK);
-  flipByte(folder_.file(), 5120);
+  flipByte(folder_.file(), format::LOG_START + 1024);
   ASSERT_EQ(store_.repair(), MD_RC_OK);
   EXPECT_EQ(store_.list().size(), 40u);
   auto files = filesIn(folder_.path());

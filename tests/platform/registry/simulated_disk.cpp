@@ -23,6 +23,7 @@ SimulatedDisk* theDisk = nullptr;
 constexpr const char* BOOT_ID_PATH = "/proc/sys/kernel/random/boot_id";
 constexpr std::uint64_t FOLDER_INODE = 2;
 constexpr std::uint64_t PAGE = 4096;
+constexpr std::uint64_t HEADER_PAGE_SIZE = 2 * PAGE;
 constexpr std::uint64_t MOST_STATES = std::uint64_t{1} << 40;
 
 int fail(int error) {
@@ -42,8 +43,12 @@ std::string lastName(const char* path) {
   return slash == std::string::npos ? text : text.substr(slash + 1);
 }
 
-Bytes garbage(std::uint64_t seed) {
-  Bytes bytes(UNIT);
+// Units by their offset: see simulated_disk.h.
+std::size_t sizeOfUnit(std::uint64_t offset) { return offset < HEADER_PAGE_SIZE ? PAGE : UNIT; }
+std::uint64_t unitAround(std::uint64_t offset) { return offset / sizeOfUnit(offset) * sizeOfUnit(offset); }
+
+Bytes garbage(std::uint64_t seed, std::size_t size) {
+  Bytes bytes(size);
   std::mt19937 random(static_cast<std::uint32_t>(seed * 2654435761u + 17));
   for (auto& byte : bytes) byte = static_cast<std::byte>(random());
   return bytes;
@@ -155,6 +160,8 @@ struct SimulatedCalls {
     if (theDisk->passesLimit(from + count)) return fail(EFBIG);
     const std::size_t had = open->inode->bytes->size();
     if (from + count > had && !theDisk->hasRoom(from + count - had)) return fail(ENOSPC);
+    // A part of a sector cannot be written when the rest of it cannot be read.
+    if (theDisk->readableBytes(*open->inode, from, count) < count) return fail(EIO);
     resize(*open->inode, std::max(open->inode->bytes->size(), from + count));
     const auto* bytes = static_cast<const std::byte*>(data);
     std::copy(bytes, bytes + count, theDisk->writable(*open->inode).begin() + static_cast<std::ptrdiff_t>(from));
@@ -488,12 +495,11 @@ const Bytes* PowerCut::durableBytes(std::uint64_t inode) const {
   return found == durable_.files.end() ? nullptr : found->second.get();
 }
 
-Bytes PowerCut::unitOf(std::uint64_t inode, std::uint64_t unit) const {
-  Bytes bytes(UNIT);
+Bytes PowerCut::unitOf(std::uint64_t inode, std::uint64_t from) const {
+  Bytes bytes(sizeOfUnit(from));
   const Bytes* durable = durableBytes(inode);
-  const std::uint64_t from = unit * UNIT;
   if (durable == nullptr || from >= durable->size()) return bytes;
-  const std::size_t count = std::min<std::size_t>(UNIT, durable->size() - from);
+  const std::size_t count = std::min<std::size_t>(bytes.size(), durable->size() - from);
   std::memcpy(bytes.data(), durable->data() + from, count);
   return bytes;
 }
@@ -503,20 +509,17 @@ void PowerCut::followWrite(const DiskOp& op) {
   const std::uint64_t end = op.offset + op.bytes.size();
   // Who writes a byte of a page has all of it written again.
   for (auto& [unit, pending] : file.units) {
-    if (unit >= op.offset / PAGE * (PAGE / UNIT) && unit * UNIT < (end + PAGE - 1) / PAGE * PAGE) {
-      pending.isTakenForClean = false;
-    }
+    if (unit >= op.offset / PAGE * PAGE && unit < (end + PAGE - 1) / PAGE * PAGE) pending.isTakenForClean = false;
   }
-  for (std::uint64_t unit = op.offset / UNIT; unit * UNIT < end; ++unit) {
+  for (std::uint64_t unit = unitAround(op.offset); unit < end; unit += sizeOfUnit(unit)) {
     PendingUnit& pending = file.units[unit];
     if (pending.versions.empty()) {
-      // Sectors of the header page stand alone, so that they may as well be torn when they are written over.
-      pending.mayBeAnything = isAllZero(unitOf(op.inode, unit)) || (unit > 0 && unit < 5);
+      pending.mayBeAnything = isAllZero(unitOf(op.inode, unit)) || unit < HEADER_PAGE_SIZE;
     }
     Bytes bytes = pending.versions.empty() ? unitOf(op.inode, unit) : pending.versions.back();
-    const std::uint64_t from = std::max(op.offset, unit * UNIT);
-    const std::uint64_t to = std::min(end, (unit + 1) * UNIT);
-    std::memcpy(bytes.data() + (from - unit * UNIT), op.bytes.data() + (from - op.offset), to - from);
+    const std::uint64_t from = std::max(op.offset, unit);
+    const std::uint64_t to = std::min(end, unit + bytes.size());
+    std::memcpy(bytes.data() + (from - unit), op.bytes.data() + (from - op.offset), to - from);
     pending.versions.push_back(std::move(bytes));
   }
 }
@@ -528,11 +531,10 @@ void PowerCut::followSync(std::uint64_t inode) {
     PendingFile& file = pending->second;
     if (!file.sizes.empty()) bytes->resize(file.sizes.back());
     file.sizes.clear();
-    for (const auto& [unit, content] : file.units) {
-      const std::uint64_t from = unit * UNIT;
+    for (const auto& [from, content] : file.units) {
       if (content.isTakenForClean || from >= bytes->size()) continue;
-      std::memcpy(bytes->data() + from, content.versions.back().data(),
-                  std::min<std::size_t>(UNIT, bytes->size() - from));
+      const Bytes& newest = content.versions.back();
+      std::memcpy(bytes->data() + from, newest.data(), std::min<std::size_t>(newest.size(), bytes->size() - from));
     }
     std::erase_if(file.units, [](const auto& unit) { return !unit.second.isTakenForClean; });
     if (file.units.empty()) files_.erase(pending);
@@ -635,13 +637,14 @@ DiskImage PowerCut::build(const std::vector<Choice>& list, const std::vector<std
       if (form > 0) bytes.resize(file.sizes[form - 1]);
       continue;
     }
-    const std::uint64_t from = choice.at * UNIT;
+    const std::uint64_t from = choice.at;
     if (form == 0 || from >= bytes.size()) continue;
+    const std::size_t size = sizeOfUnit(from);
     const PendingUnit& pending = file.units.at(choice.at);
     const Bytes content = form <= choice.newest       ? pending.versions[form - 1]
-                          : form == choice.newest + 1 ? Bytes(UNIT)
-                                                      : garbage(choice.at + choice.inode);
-    std::memcpy(bytes.data() + from, content.data(), std::min<std::size_t>(UNIT, bytes.size() - from));
+                          : form == choice.newest + 1 ? Bytes(size)
+                                                      : garbage(choice.at / UNIT + choice.inode, size);
+    std::memcpy(bytes.data() + from, content.data(), std::min<std::size_t>(size, bytes.size() - from));
   }
   for (auto& [inode, bytes] : changed) image.files[inode] = std::move(bytes);
   std::set<std::uint64_t> named;

@@ -3,8 +3,9 @@
 //
 // The rule of the model: names are durable after a sync of the directory, bytes and sizes after a sync of the file. Of
 // what is not, any part may be lost, unit by unit of 512 bytes; a unit that was durable before keeps its old content or
-// takes a newer one, one that never was may also hold zeros or garbage. After a failed sync the pages concerned count
-// as clean: no later sync makes them durable unless they are written again.
+// takes a newer one, one that never was may also hold zeros or garbage. The two sectors of 4096 bytes of a header page
+// are units as well, which may hold anything at any time while they are written. After a failed sync the pages
+// concerned count as clean: no later sync makes them durable unless they are written again.
 #ifndef ZON_TESTS_PLATFORM_REGISTRY_SIMULATED_DISK_H
 #define ZON_TESTS_PLATFORM_REGISTRY_SIMULATED_DISK_H
 
@@ -16,6 +17,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace zon::test {
@@ -183,7 +185,7 @@ class PowerCut {
   };
   struct PendingFile {
     std::vector<std::uint64_t> sizes;
-    std::map<std::uint64_t, PendingUnit> units;
+    std::map<std::uint64_t, PendingUnit> units;  // by offset
   };
   // One part of a state: a name operation, a file's size or a unit, with the number of forms that it can take. The
   // first form is the durable one, the last the newest.
@@ -197,7 +199,7 @@ class PowerCut {
 
   std::vector<Choice> choices() const;
   DiskImage build(const std::vector<Choice>& list, const std::vector<std::uint64_t>& forms) const;
-  Bytes unitOf(std::uint64_t inode, std::uint64_t unit) const;
+  Bytes unitOf(std::uint64_t inode, std::uint64_t from) const;
   const Bytes* durableBytes(std::uint64_t inode) const;
   void followWrite(const DiskOp& op);
   void followSync(std::uint64_t inode);

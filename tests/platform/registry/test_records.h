@@ -109,18 +109,18 @@ inline Value decode(const std::vector<std::byte>& bytes) {
 
 class TestStore : public GenRegBin {
  public:
-  explicit TestStore(const std::filesystem::path& folder, bool grouped = true) {
+  explicit TestStore(const std::filesystem::path& folder, bool grouped = true, const std::string& name = "store") {
     callbacks_ = {matchRecord, validateRecord, printRecord, recordSize, maxRecordSize, digestRecord};
     indexFlags_[0] = grouped ? WHOLE_KEY : KEY;
     indexFlags_[1] = grouped ? GROUP : 0;
-    const auto set = [](char* path, const std::filesystem::path& name) {
-      std::snprintf(path, PATH_SIZE, "%s", name.c_str());
+    const auto set = [](char* path, const std::filesystem::path& fullName) {
+      std::snprintf(path, PATH_SIZE, "%s", fullName.c_str());
     };
-    set(filePath_, folder / "store");
-    set(backupPath_, folder / ".store.bkp");
-    set(temporaryPath_, folder / "store.tmp");
-    set(corruptPath_, folder / "store.cor");
-    set(lockPath_, folder / ".store.lock");
+    set(filePath_, folder / name);
+    set(backupPath_, folder / ("." + name + ".bkp"));
+    set(temporaryPath_, folder / (name + ".tmp"));
+    set(corruptPath_, folder / (name + ".cor"));
+    set(lockPath_, folder / ("." + name + ".lock"));
     options_ |= OPTION_DURABLE;
     setFeature(FEATURE_REPAIR);
     setFeature(FEATURE_BACKUP);
