@@ -38,7 +38,10 @@ class ZON_EXPORT GenRegBin : public GenRegFile {
   /* Removes the first record that matches, or with FEATURE_DELETE_ALL every one, all or nothing. */
   std::uint32_t Delete(unsigned long flags, void* key);
 
-  /* Copies the next record of the scan that matches `key` under flags to `out`; GENREG_RC_END_OF_SCAN after the last.
+  /*
+   * Copies the next record of the scan that matches `key` under flags to `out`; GENREG_RC_END_OF_SCAN after the last.
+   * Any other code is a failure and ends the scan: it is told once, every further call answers GENREG_RC_END_OF_SCAN,
+   * and CloseScan tells it again. `out` then holds no record.
    */
   std::uint32_t GetNext(unsigned long flags, void* key, void* out);
 };

@@ -29,6 +29,12 @@ struct GenRegStatus {
   std::uint32_t damaged; /* non-zero when the last full check, done by this call, met damage */
 };
 
+/* What the records of a scan come to at most. */
+struct GenRegScanExtent {
+  std::uint64_t records;
+  std::uint64_t bytes; /* of all texts in them, with a byte behind each text */
+};
+
 class ZON_EXPORT GenRegFile : public GenRegBase {
  public:
   GenRegFile();
@@ -40,7 +46,10 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
    */
   std::uint32_t OpenScan();
 
-  /* Ends the pass and frees all that it held. GENREG_RC_NO_SCAN without one. */
+  /* How much the open pass can deliver, as far as is known without reading; all 0 without a pass. */
+  GenRegScanExtent scanExtent() const;
+
+  /* Ends the pass and frees all that it held. 0, what made GetNext fail, or GENREG_RC_NO_SCAN without a pass. */
   std::uint32_t CloseScan();
 
   /*

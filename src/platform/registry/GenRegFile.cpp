@@ -137,6 +137,8 @@ std::uint32_t GenRegFile::OpenScan() {
   });
 }
 
+GenRegScanExtent GenRegFile::scanExtent() const { return scan_ != nullptr ? scan_->extent() : GenRegScanExtent{}; }
+
 std::uint32_t GenRegFile::CloseScan() {
   if (scan_ == nullptr) return GENREG_RC_NO_SCAN;
   const std::uint32_t rc = scan_->close();

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/guarded.h"
 #include "platform/registry/engine_call.h"
 
 namespace zon {
@@ -81,26 +82,34 @@ std::uint32_t Scan::open() {
   return failed == GENREG_RC_NOT_FOUND ? MD_RC_OK : failed;
 }
 
-std::uint32_t Scan::fail(std::uint32_t rc) {
-  failure_ = codeForCallers(rc);
-  over_ = true;
-  return delivered_ == 0 ? rc : GENREG_RC_END_OF_SCAN;
+// Every byte of a text stands in the log as it is, and a frame's head is larger than a byte for each text.
+GenRegScanExtent Scan::extent() const {
+  if (salvage_ != nullptr) return {.records = salvage_->count(), .bytes = salvage_->count() * type_.maxSize};
+  if (view_ == nullptr) return {};
+  return {.records = view_->records(), .bytes = std::min(view_->slot().recordBytes, view_->end())};
 }
 
 std::uint32_t Scan::next(unsigned long flags, const void* key, std::byte* out) {
   if (over_) return GENREG_RC_END_OF_SCAN;
+  const std::uint32_t rc = guarded([&] { return nextAnywhere(flags, key, out); });
+  if (rc == MD_RC_OK || rc == GENREG_RC_END_OF_SCAN) return rc;
+  over_ = true;
+  failure_ = codeForCallers(rc);
+  return rc;
+}
+
+// The next match from the file; once damage was met, from what is intact in it and its backup.
+std::uint32_t Scan::nextAnywhere(unsigned long flags, const void* key, std::byte* out) {
   std::uint32_t rc = salvage_ != nullptr ? nextSalvaged(flags, key, out) : nextMatch(flags, key, out);
   if (isDamage(rc) && salvage_ == nullptr) {
-    rc = reader_.file() >= 0 ? reader_.salvage(salvage_) : rc;
-    if (rc == MD_RC_OK) rc = nextSalvaged(flags, key, out);
+    if (reader_.file() < 0) return rc;
+    const std::uint32_t salvaged = reader_.salvage(salvage_);
+    // A file that was emptied under the scan had records when the scan began.
+    if (salvaged == GENREG_RC_NOT_FOUND) return rc;
+    rc = salvaged != MD_RC_OK ? salvaged : nextSalvaged(flags, key, out);
   }
-  if (rc == MD_RC_OK) {
-    ++delivered_;
-    return rc;
-  }
-  if (rc != GENREG_RC_END_OF_SCAN) return fail(rc);
-  if (salvage_ != nullptr && salvage_->lostBytes() > 0) return fail(GENREG_RC_DAMAGED);
-  return rc;
+  const bool isShort = rc == GENREG_RC_END_OF_SCAN && salvage_ != nullptr && salvage_->lostBytes() > 0;
+  return isShort ? GENREG_RC_DAMAGED : rc;
 }
 
 std::uint32_t Scan::prepare(unsigned long flags, const void* key) {

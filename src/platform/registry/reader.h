@@ -11,6 +11,7 @@
 
 #include "platform/registry/log_scan.h"
 #include "platform/registry/salvage.h"
+#include "zonmdfile/platform/GenRegFile.h"
 
 namespace zon {
 
@@ -59,17 +60,19 @@ class Scan {
     isOfBatch_ = true;
   }
   bool isOfBatch() const { return isOfBatch_; }
+  GenRegScanExtent extent() const;
 
-  // As GenRegBin::GetNext. A failure is told once, then the scan is over; close() tells it again.
+  // As GenRegBin::GetNext. A failure, an exception included, is told once, then the scan is over; close() tells it
+  // again.
   std::uint32_t next(unsigned long flags, const void* key, std::byte* out);
   std::uint32_t close() const { return failure_; }
 
  private:
+  std::uint32_t nextAnywhere(unsigned long flags, const void* key, std::byte* out);
   std::uint32_t nextMatch(unsigned long flags, const void* key, std::byte* out);
   std::uint32_t nextCandidate(std::byte* out, std::size_t& size);
   std::uint32_t prepare(unsigned long flags, const void* key);
   std::uint32_t nextSalvaged(unsigned long flags, const void* key, std::byte* out);
-  std::uint32_t fail(std::uint32_t rc);
 
   const RecordType type_;
   Reader reader_;
@@ -86,7 +89,6 @@ class Scan {
   std::size_t nextSalvaged_ = 0;
   std::uint64_t candidatePlace_ = 0;
   std::uint64_t lastPlace_ = 0;
-  std::uint64_t delivered_ = 0;
   std::uint32_t failure_ = MD_RC_OK;
   bool over_ = false;
 };

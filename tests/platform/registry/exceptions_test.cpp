@@ -17,7 +17,10 @@ int throwIt(unsigned long, void*) {
   throw 42;
 }
 
-int throwFromMatch(unsigned long flags, void* record, void*) { return throwIt(flags, record); }
+// So many records match before a callback throws.
+int quietMatches = 0;
+
+int throwFromMatch(unsigned long flags, void* record, void*) { return quietMatches-- > 0 ? 1 : throwIt(flags, record); }
 
 class ThrowingStore : public TestStore {
  public:
@@ -28,6 +31,8 @@ class ThrowingStore : public TestStore {
 
 class CallbackThatThrows : public ::testing::Test {
  protected:
+  CallbackThatThrows() { quietMatches = 0; }
+
   TestFolder folder_;
   ThrowingStore store_{folder_.path()};
 };
@@ -61,6 +66,24 @@ TEST_F(CallbackThatThrows, MakesReadingFailWhateverItThrows) {
   std::uint32_t rc = MD_RC_OK;
   EXPECT_TRUE(store_.list(WHOLE_KEY, {"g", "k", "data"}, &rc).empty());
   EXPECT_EQ(rc, GENREG_RC_INTERNAL);
+}
+
+// A scan that failed is over: whoever goes on asking gets no record that he had already, or that is none.
+TEST_F(CallbackThatThrows, EndsTheScanWhichTellsItAgainWhenItCloses) {
+  for (const char* key : {"a", "b", "c"}) ASSERT_EQ(store_.add({"g", key, "data"}), MD_RC_OK);
+  store_.throwWhileMatching();
+  thrown = Thrown::NO_MEMORY;
+  auto key = encode({}, true);
+  std::vector<std::byte> out(key.size());
+  for (const int delivered : {0, 1, 2}) {
+    quietMatches = delivered;
+    ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
+    for (int i = 0; i < delivered; ++i) ASSERT_EQ(store_.GetNext(0, key.data(), out.data()), MD_RC_OK);
+    EXPECT_EQ(store_.GetNext(0, key.data(), out.data()), GENREG_RC_NO_MEMORY) << "after " << delivered;
+    EXPECT_EQ(store_.GetNext(0, key.data(), out.data()), GENREG_RC_END_OF_SCAN);
+    EXPECT_EQ(store_.GetNext(0, key.data(), out.data()), GENREG_RC_END_OF_SCAN);
+    EXPECT_EQ(store_.CloseScan(), GENREG_RC_NO_MEMORY);
+  }
 }
 
 }  // namespace
