@@ -21,6 +21,7 @@ zon_library(NAME zonmdfile
     stores/MDUtilNameMapping.cpp
     stores/MDUtilityHistory.cpp
     stores/group_expansion.cpp
+    stores/list_limit.cpp
     api/cells.cpp
     api/combined_contact.cpp
     api/combined_contact_group.cpp

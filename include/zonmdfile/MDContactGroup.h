@@ -71,8 +71,9 @@ ZON_EXPORT void printSet(DSet<DString>& names);
  * Withdraws the member with this kind from every group that holds it, in the order of the parent listing; a group that
  * is empty then is withdrawn from its own parents at once, before the next parent. No group is withdrawn twice in one
  * call, so it ends for any records. Runs under one sync or few; what a crash leaves is a prefix of its removals. 0,
- * also for a member of no group, or the code of the last removal from a group of `member`; failures further up are
- * not told, but for a lack of memory or of the lock, which ends the call at once.
+ * also for a member of no group, or the code of the last removal from a group of `member`. Any failure, of memory, the
+ * device, the lock or the right to write, ends the call at once with its code, and what was removed before stays
+ * removed: a group is withdrawn only when the file answers that it has no record left.
  */
 extern "C" ZON_EXPORT std::uint32_t removeMemberFromGroups(DString& member, DString kind);
 

@@ -45,10 +45,7 @@ class ZON_EXPORT MDThreeKeyReg : public GenRegBin, public MDStringParser {
   static int PrintRecord(void* record);
   /* Stores the record's size in bytes; 0. */
   static int GetRecordSize(void* record, unsigned long* size);
-  /*
-   * Stores the size of the largest record, in bytes; 0. Data of 1,024,000 bytes with its NUL makes a record one byte
-   * larger: buffers for results need that byte beyond this size.
-   */
+  /* Stores the size in bytes of the largest record that a buffer for results must hold; 0. */
   static int GetMaxRecordSize(unsigned long* size);
 };
 

@@ -26,8 +26,9 @@ class ZON_EXPORT OneKeyStore : public MDOneKeyReg {
 
   /*
    * The listings give one entry for each record, each followed by 0x0E, in the order of insertion; parallel lists have
-   * the same order. No record: GENREG_RC_NOT_FOUND and empty lists. A scan that cannot begin leaves the lists
-   * untouched.
+   * the same order. No record: GENREG_RC_NOT_FOUND and empty lists. With 0 the lists are complete; a failure in the
+   * middle ends the listing with its code and leaves the records read so far in the lists (of a damaged file all that
+   * is intact). A scan that cannot begin, and lists for which there is no memory, leave the lists untouched.
    */
   std::uint32_t retrieveKeys(DString& keys);
   std::uint32_t retrieveAll(DString& keys, DString& data, DString& versions);

@@ -1,9 +1,11 @@
 // removeMemberFromGroups: withdraws a member from every group that holds it, and groups that become empty by that from
 // their own parents, depth first.
 //
-// The rule: the withdrawals under way stand on the heap, and no group is withdrawn twice in one call. The second visit
-// could find nothing to remove, unless a list of names read back wrongly because a name holds the list separator; then
-// it would go round for ever.
+// The rule: only the file's own answer that a group has no record left lets the group be withdrawn. Any failure ends
+// the cascade at once with its code: going on would take "no memory" or "no reading" for "no records". The withdrawals
+// under way stand on the heap, and no group is withdrawn twice in one call. The second visit could find nothing to
+// remove, unless a list of names read back wrongly because a name holds the list separator; then it would go round for
+// ever.
 #include "api/group_cascade.h"
 
 #include <deque>
@@ -19,10 +21,6 @@
 namespace zon {
 
 namespace {
-
-// A failure that is not the file's answer to a question ends the cascade at once: going on would take "no memory" for
-// "no records" and withdraw groups that are not empty.
-constexpr bool isFatal(std::uint32_t rc) { return rc == GENREG_RC_NO_MEMORY || rc == GENREG_RC_INTERNAL; }
 
 class Withdrawal {
  public:
@@ -60,8 +58,9 @@ std::uint32_t Withdrawal::run(DString& member, const DString& kind) {
   if (rc == MD_RC_OK) rc = visitParents();
   // A member of no group is withdrawn already.
   if (rc == GENREG_RC_NOT_FOUND) rc = MD_RC_OK;
+  // What is not durable outweighs whatever a step had to tell.
   const std::uint32_t commitRc = batch_.commit();
-  return rc != MD_RC_OK ? rc : commitRc;
+  return commitRc != MD_RC_OK ? commitRc : rc;
 }
 
 // Puts a step for the member on the stack when it has parents.
@@ -102,12 +101,11 @@ std::uint32_t Withdrawal::visit(Step& step, DString& parent) {
     if (const std::uint32_t rc = batch_.begin(); endsCall(rc)) return rc;
   }
   step.rc = store_.remove(parent, step.kind, step.member);
-  if (isFatal(step.rc)) return step.rc;
+  if (!isAnswer(step.rc)) return step.rc;
   const std::uint32_t rest = findRest(parent, step.rc == MD_RC_OK);
-  if (rest == MD_RC_OK) return MD_RC_OK;
-  if (isFatal(rest)) return rest;
+  if (rest != GENREG_RC_NOT_FOUND) return isAnswer(rest) ? MD_RC_OK : rest;
   const std::uint32_t nested = enter(parent, DString(MDContactGroup::GROUP_KIND));
-  return isFatal(nested) ? nested : MD_RC_OK;
+  return isAnswer(nested) ? MD_RC_OK : nested;
 }
 
 // 0 while the parent has records. To look for one costs as much as the parent has members, so a parent from which many

@@ -16,10 +16,6 @@ inline constexpr std::size_t KEY_FIELD_SIZE = MAX_KEY_LENGTH + 1;
 inline constexpr std::size_t MAX_DATA_LENGTH = 1'024'000;  // bytes of text
 inline constexpr std::size_t TRAILER_SIZE = 4;             // zero bytes behind the data
 
-// Data of the greatest length brings a NUL with it that the maximum record size does not count; result buffers have
-// room for it, and for one more NUL that ends every text in them whatever the file held.
-inline constexpr std::size_t RESULT_BUFFER_ROOM = 2;
-
 // Which fields a comparison concerns. On disk as index flags.
 inline constexpr unsigned long MATCH_ALL = 0;
 inline constexpr unsigned long MATCH_GROUP_KEY = 2;
@@ -127,11 +123,12 @@ class RecordView {
     std::memcpy(&size, bytes_ + offsetof(Header, dataSize), sizeof size);
     return size;
   }
-  // REQUIRES: a NUL in or behind the data.
-  std::string_view data() const { return std::string_view(bytes_ + DATA_OFFSET<Layout>); }
+  // Up to its NUL, whatever the data size says. REQUIRES: a NUL in or behind the data, or room for a record of the
+  // maximum size, where a text without one ends.
+  std::string_view data() const { return text(DATA_OFFSET<Layout>, MAX_RECORD_SIZE<Layout> - DATA_OFFSET<Layout>); }
 
   std::string_view text(Field field) const {
-    if (field == Field::DATA) return data();
+    if (field == Field::DATA) return data().substr(0, dataSize());
     if (field == Field::VERSION) return version();
     for (const KeyField& key : Layout::KEYS) {
       if (key.field == field) return this->key(key);

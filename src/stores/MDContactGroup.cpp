@@ -44,8 +44,9 @@ std::uint32_t changeListed(MDContactGroup& store, DString& group, const DString&
     rc = zon::changeRecord<ThreeKeyLayout>(store, MDContactGroup::SOURCE, {&group, &kind, &member}, description,
                                            version);
   }
+  // What is not durable outweighs whatever a change had to tell.
   const std::uint32_t commitRc = batch.commit();
-  return rc != MD_RC_OK ? rc : commitRc;
+  return commitRc != MD_RC_OK ? commitRc : rc;
 }
 
 }  // namespace
@@ -179,7 +180,13 @@ std::uint32_t MDContactGroup::retrieveAllContactNames(DString& group, DString& n
     DSet<DString> contacts(1, 1);
     if (const std::uint32_t rc = retrieveAllContact(wanted, contacts)) return rc;
     if (contacts.count() == 0) return GENREG_RC_NOT_FOUND;
+    std::uint64_t length = 0;
+    for (std::size_t i = 1; i <= contacts.count(); ++i) {
+      length += contacts.elementAt(i).length() + zon::LIST_TOKEN.size();
+    }
+    if (length > zon::mostListBytes) return MD_RC_LIST_TOO_LONG;
     DString list;
+    list.reserve(length);
     for (std::size_t i = 1; i <= contacts.count(); ++i) {
       list.append(contacts.elementAt(i));
       list.append(zon::LIST_TOKEN);

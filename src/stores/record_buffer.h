@@ -22,23 +22,20 @@ static_assert(MAX_RECORD_SIZE<ThreeKeyLayout> <= LARGEST_POOLED_BLOCK,
 
 class RecordBuffer {
  public:
-  static constexpr std::size_t ALL = ~std::size_t{0};
-
-  // `source` labels the allocation; the line is the caller's. Of a record of which only the first `touched` bytes are
-  // ever written, the rest need not be cleared when it is released.
-  RecordBuffer(std::size_t size, const char* source, std::size_t touched = ALL, int line = __builtin_LINE())
-      : source_(source), touched_(touched), line_(static_cast<std::uint32_t>(line)) {
+  // `source` labels the allocation; the line is the caller's.
+  RecordBuffer(std::size_t size, const char* source, int line = __builtin_LINE())
+      : source_(source), line_(static_cast<std::uint32_t>(line)) {
     if (_ossMemAlloc(&record_, 0, size, 1, source_, line_) != 0) record_ = nullptr;
   }
-  ~RecordBuffer() { ossMemFreeTouched(&record_, touched_, source_, line_); }
+  ~RecordBuffer() { _ossMemFree(&record_, 0, 0, source_, line_); }
   RecordBuffer(const RecordBuffer&) = delete;
   RecordBuffer& operator=(const RecordBuffer&) = delete;
 
   bool isAllocated() const { return record_ != nullptr; }
   void* get() const { return record_; }
 
-  // Only the first bytes turned out to be written.
-  void setTouched(std::size_t touched) { touched_ = touched; }
+  // Nothing but the first bytes is ever written: the rest need not be cleared when the record is released.
+  void setTouched(std::size_t touched) { ossMemNoteTouched(record_, touched); }
 
   // Leaves the record allocated for good, where a store's callers have always seen it outstanding.
   void keepAllocated() { record_ = nullptr; }
@@ -46,7 +43,6 @@ class RecordBuffer {
  private:
   void* record_ = nullptr;
   const char* source_;
-  std::size_t touched_;
   std::uint32_t line_;
 };
 

@@ -5,16 +5,19 @@
 // when nothing can fail any more.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <string_view>
 #include <utility>
 
 #include "platform/guarded.h"
 #include "record/record_callbacks.h"
 #include "record/record_layout.h"
 #include "record/tokenized_text.h"
+#include "stores/list_limit.h"
 #include "stores/record_buffer.h"
 #include "stores/store_scopes.h"
 #include "zonmdfile/MDOneKeyReg.h"
@@ -28,10 +31,6 @@ namespace zon {
 // The keys of one record in the layout's order; null where a match does not look.
 template <class Layout>
 using Keys = std::array<DString*, Layout::KEYS.size()>;
-
-// Match and result records: a result may be larger than the maximum record size tells.
-template <class Layout>
-inline constexpr std::size_t RECORD_BUFFER_SIZE = MAX_RECORD_SIZE<Layout> + RESULT_BUFFER_ROOM;
 
 // The first failing check of the keys that are there, in the layout's order.
 inline std::uint32_t checkKeys(MDOneKeyReg& type, const Keys<OneKeyLayout>& keys) {
@@ -74,6 +73,13 @@ void putKeys(void* record, const Keys<Layout>& keys) {
   }
 }
 
+// The same for a record that only selects others: nothing behind its keys is ever written.
+template <class Layout>
+void putMatch(RecordBuffer& match, const Keys<Layout>& keys) {
+  putKeys<Layout>(match.get(), keys);
+  match.setTouched(DATA_OFFSET<Layout>);
+}
+
 template <class Layout>
 std::size_t recordSizeFor(const DString& data) {
   return data.length() + 1 + FIXED_SIZE<Layout>;
@@ -109,11 +115,11 @@ template <class Layout>
 std::uint32_t changeRecord(GenRegBin& file, const char* source, const Keys<Layout>& keys, const DString& data,
                            const DString& version, ChangeOptions options = {}) {
   const std::size_t size = recordSizeFor<Layout>(data);
-  const RecordBuffer match(options.matchesInExactSize ? size : RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
+  RecordBuffer match(options.matchesInExactSize ? size : MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated()) return GENREG_RC_NO_MEMORY;
   RecordBuffer record(size, source);
   if (!record.isAllocated()) return GENREG_RC_NO_MEMORY;
-  putKeys<Layout>(match.get(), keys);
+  putMatch<Layout>(match, keys);
   putRecord<Layout>(record.get(), keys, data, version);
   const std::uint32_t rc = file.Change(Layout::WHOLE_KEY, match.get(), record.get());
   if (options.keepsNewRecord) record.keepAllocated();
@@ -123,9 +129,9 @@ std::uint32_t changeRecord(GenRegBin& file, const char* source, const Keys<Layou
 
 template <class Layout>
 std::uint32_t deleteRecords(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys) {
-  const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
+  RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated()) return GENREG_RC_NO_MEMORY;
-  putKeys<Layout>(match.get(), keys);
+  putMatch<Layout>(match, keys);
   return file.Delete(flags, match.get());
 }
 
@@ -134,10 +140,10 @@ template <class Layout>
 std::uint32_t getRecord(GenRegBin& file, const char* source, const Keys<Layout>& keys, DString& data,
                         DString& version) {
   const auto get = [&]() -> std::uint32_t {
-    const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
-    RecordBuffer result(RECORD_BUFFER_SIZE<Layout>, source);
+    RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
+    RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
     if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
-    putKeys<Layout>(match.get(), keys);
+    putMatch<Layout>(match, keys);
     const std::uint32_t rc = file.Get(Layout::WHOLE_KEY, match.get(), result.get());
     if (rc != MD_RC_OK) return rc;
     result.setTouched(recordSize<Layout>(result.get()));  // Get writes nothing behind the record
@@ -157,10 +163,10 @@ std::uint32_t getRecord(GenRegBin& file, const char* source, const Keys<Layout>&
 // Whether any record matches: 0, GENREG_RC_NOT_FOUND, or the code of a failure.
 template <class Layout>
 std::uint32_t findRecord(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys) {
-  const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
-  const RecordBuffer result(RECORD_BUFFER_SIZE<Layout>, source);
+  RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
+  const RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
-  putKeys<Layout>(match.get(), keys);
+  putMatch<Layout>(match, keys);
   return file.Get(flags, match.get(), result.get());
 }
 
@@ -168,10 +174,10 @@ std::uint32_t findRecord(GenRegBin& file, const char* source, unsigned long flag
 template <class Layout>
 std::uint32_t countRecords(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys,
                            std::size_t& count) {
-  const RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
-  const RecordBuffer result(RECORD_BUFFER_SIZE<Layout>, source);
+  RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
+  const RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
-  putKeys<Layout>(match.get(), keys);
+  putMatch<Layout>(match, keys);
   if (const std::uint32_t rc = file.OpenScan()) return rc;
   ScanScope scan(file);
   std::size_t found = 0;
@@ -191,16 +197,42 @@ struct ListOutput {
 
 enum class OnFailedOpen : std::uint8_t { RELEASE_BUFFERS, KEEP_BUFFERS };
 
-// Appends the chosen fields of every matching record, each followed by the separator. All lists become the outputs, or
-// all outputs become empty with GENREG_RC_NOT_FOUND. A scan that cannot begin leaves them untouched.
+// What a field comes to in a list of so many records, at most.
+template <class Layout>
+std::uint64_t mostListed(Field field, const GenRegScanExtent& extent) {
+  if (field == Field::DATA) return extent.bytes;
+  const std::size_t entry = field == Field::VERSION ? VERSION_FIELD_SIZE<Layout> : KEY_FIELD_SIZE;
+  return std::min<std::uint64_t>(extent.bytes, extent.records * entry);
+}
+
+// The matching records of an open scan, counted into lists that are not made: MD_RC_LIST_TOO_LONG when one is too long
+// to be handed out. A failure is left for the listing itself to meet.
+template <class Layout, std::size_t COUNT>
+std::uint32_t measureLists(GenRegBin& file, unsigned long flags, const RecordBuffer& match, const RecordBuffer& result,
+                           const std::array<ListOutput, COUNT>& lists) {
+  std::array<std::uint64_t, COUNT> lengths{};
+  while (file.GetNext(flags, match.get(), result.get()) == MD_RC_OK) {
+    const RecordView<Layout> record(result.get());
+    for (std::size_t i = 0; i < COUNT; ++i) {
+      lengths[i] += record.text(lists[i].field).size() + LIST_TOKEN.size();
+      if (lengths[i] > mostListBytes) return MD_RC_LIST_TOO_LONG;
+    }
+  }
+  return MD_RC_OK;
+}
+
+// Appends the chosen fields of every matching record, each followed by the separator. Without a record all outputs
+// become empty with GENREG_RC_NOT_FOUND. The first failure of the scan ends it and is the answer; the outputs then hold
+// what was read before. A scan that cannot begin, lists that are too long, and a lack of memory for them, leave the
+// outputs untouched.
 template <class Layout, std::size_t COUNT>
 std::uint32_t listRecords(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys,
                           const std::array<ListOutput, COUNT>& lists,
                           OnFailedOpen onFailedOpen = OnFailedOpen::RELEASE_BUFFERS) {
-  RecordBuffer match(RECORD_BUFFER_SIZE<Layout>, source, DATA_OFFSET<Layout>);
-  RecordBuffer result(RECORD_BUFFER_SIZE<Layout>, source);
+  RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
+  RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
-  putKeys<Layout>(match.get(), keys);
+  putMatch<Layout>(match, keys);
 
   if (const std::uint32_t rc = file.OpenScan(); rc != MD_RC_OK) {
     if (onFailedOpen == OnFailedOpen::KEEP_BUFFERS) {
@@ -210,22 +242,35 @@ std::uint32_t listRecords(GenRegBin& file, const char* source, unsigned long fla
     return rc;
   }
   ScanScope scan(file);
+  // Only what may come to too much is measured first, so that no memory is spent on lists that are refused.
+  const GenRegScanExtent extent = file.scanExtent();
+  const bool mayBeTooLong = std::any_of(lists.begin(), lists.end(), [&](const ListOutput& list) {
+    return mostListed<Layout>(list.field, extent) > mostListBytes;
+  });
+  if (mayBeTooLong) {
+    if (const std::uint32_t rc = measureLists<Layout>(file, flags, match, result, lists)) return rc;
+    scan.close();
+    if (const std::uint32_t rc = scan.begin()) return rc;
+  }
 
   std::array<DString, COUNT> gathered;
   bool foundAny = false;
-  // Only the end of the scan ends the loop: whatever else GetNext answers, the result record's present content is
-  // listed.
-  while (file.GetNext(flags, match.get(), result.get()) != GENREG_RC_END_OF_SCAN) {
+  std::uint32_t rc = MD_RC_OK;
+  while ((rc = file.GetNext(flags, match.get(), result.get())) == MD_RC_OK) {
     const RecordView<Layout> record(result.get());
     for (std::size_t i = 0; i < COUNT; ++i) {
-      gathered[i].append(record.text(lists[i].field));
+      const std::string_view text = record.text(lists[i].field);
+      if (gathered[i].length() + text.size() + LIST_TOKEN.size() > mostListBytes) return MD_RC_LIST_TOO_LONG;
+      gathered[i].append(text);
       gathered[i].append(LIST_TOKEN);
     }
     foundAny = true;
   }
-  const std::uint32_t rc = scan.close();
+  const std::uint32_t closeRc = scan.close();
   for (std::size_t i = 0; i < COUNT; ++i) *lists[i].output = std::move(gathered[i]);
-  return foundAny ? rc : GENREG_RC_NOT_FOUND;
+  if (rc != GENREG_RC_END_OF_SCAN) return rc;
+  if (closeRc != MD_RC_OK) return closeRc;
+  return foundAny ? MD_RC_OK : GENREG_RC_NOT_FOUND;
 }
 
 }  // namespace zon

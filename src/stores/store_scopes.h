@@ -28,17 +28,22 @@ std::uint32_t tracedOperation(std::uint32_t point, std::initializer_list<const D
 // A scan that OpenScan has begun.
 class ScanScope {
  public:
-  explicit ScanScope(GenRegBin& file) : file_(&file) {}
-  ~ScanScope() {
-    if (file_ != nullptr) file_->CloseScan();
-  }
+  explicit ScanScope(GenRegBin& file) : file_(file) {}
+  ~ScanScope() { close(); }
   ScanScope(const ScanScope&) = delete;
   ScanScope& operator=(const ScanScope&) = delete;
 
-  std::uint32_t close() { return std::exchange(file_, nullptr)->CloseScan(); }
+  std::uint32_t close() { return std::exchange(isOpen_, false) ? file_.CloseScan() : MD_RC_OK; }
+  // Another one, after the first was closed.
+  std::uint32_t begin() {
+    const std::uint32_t rc = file_.OpenScan();
+    isOpen_ = rc == MD_RC_OK;
+    return rc;
+  }
 
  private:
-  GenRegBin* file_;
+  GenRegBin& file_;
+  bool isOpen_ = true;
 };
 
 // Delete takes every matching record while this lives.
@@ -53,11 +58,17 @@ class DeleteAllScope {
   GenRegBin& file_;
 };
 
-// Whether a code that beginBatch gave ends the whole call. Each change would run into the same wait for the lock, one
-// after the other, and end with this very code; every other failure shows at the changes themselves.
-constexpr bool endsCall(std::uint32_t beginRc) { return beginRc == GENREG_RC_LOCK_TIMEOUT; }
+// Whether a code that beginBatch gave ends the whole call: each change would run into the same failure. Within a batch
+// that the object's owner has begun, the changes are part of that one.
+constexpr bool endsCall(std::uint32_t beginRc) { return beginRc != MD_RC_OK && beginRc != GENREG_RC_NO_BATCH; }
 
-// Changes of one file under one sync. Where no batch can begin, each change stands for itself and tells its own code.
+// What the answer to a question about records tells of the question alone: there are such records, there is none, or a
+// key is refused. Every other code is a failure that leaves the question open.
+constexpr bool isAnswer(std::uint32_t rc) {
+  return rc == MD_RC_OK || rc == GENREG_RC_NOT_FOUND || rc == MD_RC_KEY_EMPTY || rc == MD_RC_KEY_TOO_LONG;
+}
+
+// Changes of one file under one sync; within a batch of the object's owner, under his.
 class BatchScope {
  public:
   explicit BatchScope(GenRegBin& file) : file_(file) {}

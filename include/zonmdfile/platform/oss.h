@@ -37,10 +37,11 @@ ZON_EXPORT int _ossMemAlloc(void **pointer, uint64_t zero, uint64_t size, uint32
 ZON_EXPORT int _ossMemFree(void **pointer, uint64_t zero1, uint64_t zero2, const char *file, uint32_t line);
 
 /*
- * As _ossMemFree, for a buffer of which nothing but the first `touched` bytes was ever written: only those are cleared
- * for the next caller, which saves a system call for a buffer of a megabyte. Whoever is not sure uses _ossMemFree.
+ * Says of a buffer that nothing but its first `touched` bytes is or will ever be written: when it is released, only
+ * those are cleared for the next caller, which saves a system call for a buffer of a megabyte. The last word counts; a
+ * buffer of which nothing was said may have been written everywhere. Null is allowed.
  */
-ZON_EXPORT int ossMemFreeTouched(void **pointer, uint64_t touched, const char *file, uint32_t line);
+ZON_EXPORT void ossMemNoteTouched(void *pointer, uint64_t touched);
 
 /*
  * Changes the size of a buffer of _ossMemAlloc, keeping the first min(old, new) bytes; bytes gained are NOT cleared.

@@ -17,6 +17,7 @@
 #define MD_RC_KEY_EMPTY UINT32_C(31004)     /* a key of no bytes */
 #define MD_RC_DATA_TOO_LONG UINT32_C(31005) /* data of more than 1,024,000 bytes, or a version beyond its field */
 #define MD_RC_DATA_EMPTY UINT32_C(31006)    /* data of no bytes */
+#define MD_RC_LIST_TOO_LONG UINT32_C(31007) /* a list of more than 4,294,967,294 bytes */
 
 #define GENREG_RC_END_OF_SCAN UINT32_C(0x900001BE)   /* GetNext: no further record */
 #define GENREG_RC_MEMBER_ABSENT UINT32_C(0x900001C5) /* a member was in no group */

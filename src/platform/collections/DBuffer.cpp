@@ -20,7 +20,10 @@ constexpr std::size_t LARGEST_CAPACITY = std::numeric_limits<std::size_t>::max()
 void DBuffer::resizeBlock(std::size_t capacity) {
   if (capacity > LARGEST_CAPACITY) throw std::bad_alloc();
   void* block = data_;
-  if (ossMemResize(&block, capacity + 1, SOURCE, __LINE__) != 0) throw std::bad_alloc();
+  // Every block begins with _ossMemAlloc: who counts its calls and those of _ossMemFree finds them in pairs.
+  const int failure = block == nullptr ? _ossMemAlloc(&block, 0, capacity + 1, 1, SOURCE, __LINE__)
+                                       : ossMemResize(&block, capacity + 1, SOURCE, __LINE__);
+  if (failure != 0) throw std::bad_alloc();
   data_ = static_cast<char*>(block);
   data_[length_] = '\0';
   capacity_ = capacity;

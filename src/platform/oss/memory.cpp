@@ -137,7 +137,7 @@ bool countAllocationAndAskForFault() {
 
 // ---- Blocks ----
 
-enum Kind : std::uint16_t { SMALL, POOLED, MAPPED };
+enum Kind : std::uint8_t { SMALL, POOLED, MAPPED };
 
 struct alignas(16) Header {
   std::uint64_t mark;         // tells a block in use from anything else
@@ -146,6 +146,7 @@ struct alignas(16) Header {
   std::uint32_t line;
   std::uint16_t label;
   Kind kind;
+  std::uint8_t touchedPieces;  // of the caller's bytes, so many pieces from the first; 0: all may have been written
 };
 static_assert(sizeof(Header) == zon::BLOCK_HEADER_BYTES && sizeof(Header) % 16 == 0,
               "the caller's bytes must stay aligned to 16");
@@ -156,6 +157,7 @@ constexpr std::uint64_t RELEASED = 0x5A4F4E2D66726565;
 constexpr std::uint64_t SMALL_LIMIT = 128 * 1024;
 using zon::POOLED_BYTES;
 constexpr std::uint64_t KEPT_PRESENT_BYTES = 16 * 1024;  // keys, version, and the beginning of the data
+constexpr std::uint64_t TOUCHED_PIECE_BYTES = 128;
 constexpr std::uint64_t SIZE_LIMIT = std::numeric_limits<std::int64_t>::max() - (std::int64_t{1} << 20);
 
 void* bytesOf(Header* header) { return header + 1; }
@@ -335,12 +337,12 @@ Header* makeBlock(std::uint64_t size) {
   if (header == nullptr) return nullptr;
   header->mark = IN_USE;
   header->size = size;
+  header->touchedPieces = 0;
   fence(header);
   return header;
 }
 
-// Nothing behind the first `touched` bytes after the header was ever written.
-void destroyBlock(Header* header, std::uint64_t touched = std::numeric_limits<std::uint64_t>::max()) {
+void destroyBlock(Header* header) {
   header->mark = RELEASED;
   if (header->kind == SMALL) {
     std::free(header);
@@ -349,8 +351,8 @@ void destroyBlock(Header* header, std::uint64_t touched = std::numeric_limits<st
   const std::uint64_t bytes = header->mappedBytes;
   unfence(header, bytes);
   if (header->kind == POOLED) {
-    const bool isZero = touched <= KEPT_PRESENT_BYTES - sizeof(Header) ? clearFirst(header, sizeof(Header) + touched)
-                                                                       : makeZero(header);
+    const std::uint64_t touched = header->touchedPieces * TOUCHED_PIECE_BYTES;
+    const bool isZero = touched != 0 ? clearFirst(header, sizeof(Header) + touched) : makeZero(header);
     if (isZero && giveTo(ownGroup(), header)) return;
   }
   ::munmap(header, bytes);
@@ -390,6 +392,7 @@ Header* resizeBlock(Header* header, std::uint64_t size) {
                                           : moveToMapping(header, size);
   if (resized == nullptr) return nullptr;
   resized->size = size;
+  resized->touchedPieces = 0;
   fence(resized);
   return resized;
 }
@@ -449,18 +452,21 @@ extern "C" int _ossMemAlloc(void** pointer, uint64_t, uint64_t size, uint32_t, c
   return allocate(pointer, size, file, line);
 }
 
-extern "C" int ossMemFreeTouched(void** pointer, uint64_t touched, const char*, uint32_t) {
+extern "C" int _ossMemFree(void** pointer, uint64_t, uint64_t, const char*, uint32_t) {
   if (pointer == nullptr || *pointer == nullptr) return 0;
   const ErrnoKeeper keeper;
   Header* header = headerOf(*pointer);
   *pointer = nullptr;
   countOut(header->label, header->size);
-  destroyBlock(header, touched);
+  destroyBlock(header);
   return keeper.restore();
 }
 
-extern "C" int _ossMemFree(void** pointer, uint64_t, uint64_t, const char* file, uint32_t line) {
-  return ossMemFreeTouched(pointer, std::numeric_limits<uint64_t>::max(), file, line);
+extern "C" void ossMemNoteTouched(void* pointer, uint64_t touched) {
+  if (pointer == nullptr) return;
+  const std::uint64_t pieces = touched / TOUCHED_PIECE_BYTES + 1;
+  constexpr std::uint64_t MOST_PIECES = (KEPT_PRESENT_BYTES - sizeof(Header)) / TOUCHED_PIECE_BYTES;
+  headerOf(pointer)->touchedPieces = static_cast<std::uint8_t>(pieces <= MOST_PIECES ? pieces : 0);
 }
 
 extern "C" int ossMemResize(void** pointer, uint64_t size, const char* file, uint32_t line) {
