@@ -9,7 +9,10 @@
 
 #include "zonmdfile/platform/DString.h"
 
-/* Has no state; any number of threads may use one object. Throws nothing but what copying a token throws. */
+/*
+ * Has no state; any number of threads may use one object. Nothing here throws: without memory for what an output is to
+ * hold the operations answer GENREG_RC_NO_MEMORY and leave every output as it was.
+ */
 class ZON_EXPORT MDStringParser {
  public:
   MDStringParser();

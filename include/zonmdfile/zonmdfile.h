@@ -25,7 +25,8 @@
  *
  * A list is one text in which every entry, the last one too, is followed by the byte 0x0E; nothing is escaped. The
  * lists of one call run parallel, in the order in which the records were inserted. A listing that finds nothing
- * reports "no such record".
+ * reports "no such record"; one with a list of more than 4,294,967,294 bytes MD_RC_LIST_TOO_LONG. A listing that
+ * reported 0 is complete.
  *
  * Keys have 1 to 128 bytes, data 1 to 1,024,000 bytes, versions at most 10 bytes in one-key stores, 9 in two-key
  * stores and 8 in contact groups. A retrieval whose record holds an empty version reports MD_RC_NO_DATA and writes
@@ -71,9 +72,9 @@ typedef struct {
 ZON_EXPORT int32_t mapMDFileRcToSqlcode(uint32_t rc, uint32_t subjectKind);
 
 /*
- * The same, and fills *sqlca (which may be null). Only the low 32 bits of rc count. The first three of tokenCount
- * tokens, each cut at 128 bytes and joined by blanks, become the message when the SQLCODE says that a record is
- * missing or there already. tokens, and each token, may be null. Safe to call from any thread.
+ * The same, and fills *sqlca (which may be null). Only the low 32 bits of rc count. The tokenCount tokens, each cut at
+ * 128 bytes and joined by blanks, cut at 386 bytes as a whole, become the message when the SQLCODE says that a record
+ * is missing or there already. tokens, and each token, may be null. Safe to call from any thread.
  */
 ZON_EXPORT int32_t mapMDFileRcToSqlca(uint64_t rc, int32_t tokenCount, const char *const *tokens, uint32_t subjectKind,
                                       struct sqlca *sqlca);
@@ -278,7 +279,8 @@ ZON_EXPORT void ContactGroupAPI_retrieveAllContactNames(void *reserved, void **p
 ZON_EXPORT void ContactGroupAPI_retrieveList(void *reserved, void **parameterBlock, struct sqlca *sqlca);
 /*
  * 0 in detail, 1 out count, then pairs: out group, out description. No token. Without any group the count is 0 and
- * the call a success. The reported code is that of the last group's retrieval.
+ * the call a success. The reported code is that of the last group's retrieval; a failure to read (memory, device,
+ * damage) ends the call whichever group it meets.
  */
 ZON_EXPORT void ContactGroupAPI_retrieveAll(void *reserved, void **parameterBlock, struct sqlca *sqlca);
 

@@ -42,10 +42,10 @@ bool OutputText::copy(std::string_view text, int line) {
   return true;
 }
 
-void OutputText::putInto(zonOutputCell* cell) {
-  if (cell == nullptr) return;
-  cell->length = std::exchange(length_, 0);
-  cell->text = std::exchange(text_, nullptr);
+// Member by member: what lies between them may be another cell.
+void OutputText::showIn(zonOutputCell* cell) const {
+  std::memcpy(&cell->length, &length_, sizeof length_);
+  std::memcpy(&cell->text, &text_, sizeof text_);
 }
 
 }  // namespace zon

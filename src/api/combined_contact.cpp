@@ -1,6 +1,7 @@
 // The combined contact interface: a contact's fields one by one instead of one data text.
 //
-// The rule: the outcome is in the SQLCA alone; all texts are made before the first cell is touched.
+// The rule: the outcome is in the SQLCA alone. Callers see a count that is written before the detail switch is read,
+// and no other cell touched before all texts are made.
 #include <string>
 #include <string_view>
 #include <vector>
@@ -125,28 +126,34 @@ std::uint32_t readContact(MDContact& store, const ParameterBlock& block) {
   return rc;
 }
 
-// Makes each of the rows; `last` receives what the last row was made from. A data text that lacks fields
-// is no failure here.
-std::uint32_t makeRows(TraceScope& trace, const DString& keys, const DString& data, std::vector<ContactRow>& rows,
-                       ContactEntry& last) {
-  ListReader keyReader(keys);
-  ListReader dataReader(data);
-  for (ContactRow& row : rows) {
+// The contacts of the lists, one after the other. Behind the last entry, lists go on giving that entry.
+class ContactReader {
+ public:
+  ContactReader(TraceScope& trace, const DString& keys, const DString& data)
+      : trace_(trace), keys_(keys), data_(data) {}
+
+  // A data text that lacks fields is no failure here. False when there is no memory.
+  bool next(ContactRow& row) {
+    ContactEntry entry;
     std::string_view text;
-    traceFailure(trace, keyReader.next(last.name));
-    traceFailure(trace, dataReader.next(text));
-    traceFailure(trace, readFields(text, last.fields));
-    if (!row.make(last)) return GENREG_RC_NO_MEMORY;
+    traceFailure(trace_, keys_.next(entry.name));
+    traceFailure(trace_, data_.next(text));
+    traceFailure(trace_, readFields(text, entry.fields));
+    return row.make(entry);
   }
-  return MD_RC_OK;
-}
+
+ private:
+  TraceScope& trace_;
+  ListReader keys_;
+  ListReader data_;
+};
 
 // Fills contact after contact for as long as the count cell says, which an output may have overwritten if the caller
-// let their slots overlap. Behind the last entry, lists go on giving that entry.
-std::uint32_t putRows(const ParameterBlock& block, std::vector<ContactRow>& rows, const ContactEntry& last) {
+// let their slots overlap.
+std::uint32_t putRows(const ParameterBlock& block, std::vector<ContactRow>& rows, ContactReader& reader) {
   for (std::size_t k = 0; k < block.presentCount(COUNT_SLOT, rows.size()); ++k) {
     ContactRow beyond;
-    if (k >= rows.size() && !beyond.make(last)) return GENREG_RC_NO_MEMORY;
+    if (k >= rows.size() && !reader.next(beyond)) return GENREG_RC_NO_MEMORY;
     ContactRow& row = k < rows.size() ? rows[k] : beyond;
     const std::size_t first = FIRST_CONTACT_SLOT + CONTACT_SLOTS * k;
     row.putName(block, first);
@@ -168,12 +175,15 @@ std::uint32_t readAllContacts(MDContact& store, const ParameterBlock& block, Tra
   if (keys.isEmpty() || data.isEmpty() || versions.isEmpty()) return MD_RC_NO_DATA;
 
   const std::size_t count = countEntries(keys);
-  const bool wantsDetail = block.number(DETAIL_SLOT) != 0;
-  std::vector<ContactRow> rows(wantsDetail ? count : 0);
-  ContactEntry last;
-  if (const std::uint32_t rowsRc = makeRows(trace, keys, data, rows, last)) return rowsRc;
+  Provisional written(block.count(COUNT_SLOT));
   block.putCount(COUNT_SLOT, count);
-  return wantsDetail ? putRows(block, rows, last) : MD_RC_OK;
+  std::vector<ContactRow> rows(block.number(DETAIL_SLOT) != 0 ? count : 0);
+  ContactReader reader(trace, keys, data);
+  for (ContactRow& row : rows) {
+    if (!reader.next(row)) return GENREG_RC_NO_MEMORY;
+  }
+  written.keep();
+  return rows.empty() ? MD_RC_OK : putRows(block, rows, reader);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 // The combined contact-group interface: lists of contact groups split into one output cell for each entry.
 //
-// The rule: the outcome is in the SQLCA alone; all texts are made before the first cell is touched.
+// The rule: the outcome is in the SQLCA alone. Callers see a count that is written before the detail switch is read,
+// and no entry written before all texts are made; whatever was written before a failure is taken back.
 #include <string_view>
 #include <vector>
 
@@ -25,32 +26,35 @@ std::uint32_t putRows(const ParameterBlock& block, std::size_t countSlot, std::s
 // The entries of one list on their way into cells.
 class Entries {
  public:
+  Entries(TraceScope& trace, std::string_view list) : trace_(trace), reader_(list) {}
+
   // Copies the first `count` entries; false when there is no memory.
-  bool make(TraceScope& trace, std::string_view list, std::size_t count) {
-    ListReader reader(list);
+  bool make(std::size_t count) {
     texts_.resize(count);
     for (OutputText& text : texts_) {
-      traceFailure(trace, reader.next(last_));
-      if (!text.copy(last_)) return false;
+      if (!copyNext(text)) return false;
     }
     return true;
   }
 
-  // Puts entry k, from 0, into the cell; behind the last entry, lists go on giving that entry.
+  // Puts entry k, from 0 and one after the other, into the cell; behind the last entry, lists go on giving that entry.
   bool put(std::size_t k, zonOutputCell* cell) {
-    if (k < texts_.size()) {
-      texts_[k].putInto(cell);
-      return true;
-    }
     OutputText beyond;
-    if (!beyond.copy(last_)) return false;
-    beyond.putInto(cell);
+    if (k >= texts_.size() && !copyNext(beyond)) return false;
+    (k < texts_.size() ? texts_[k] : beyond).putInto(cell);
     return true;
   }
 
  private:
+  bool copyNext(OutputText& text) {
+    std::string_view entry;
+    traceFailure(trace_, reader_.next(entry));
+    return text.copy(entry);
+  }
+
+  TraceScope& trace_;
+  ListReader reader_;
   std::vector<OutputText> texts_;
-  std::string_view last_;
 };
 
 // ContactGroupAPI_retrieveAllContactNames: 0 group, 1 detail, 2 count, then the names.
@@ -67,10 +71,12 @@ std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope
   // Whatever the expansion failed with, callers see one code; an unknown group is no special case for them.
   if (store.retrieveAllContactNames(group, list) != MD_RC_OK || list.isEmpty()) return MD_RC_NO_DATA;
   const std::size_t count = countEntries(list);
-  const bool wantsDetail = block.number(DETAIL_SLOT) != 0;
-  Entries names;
-  if (wantsDetail && !names.make(trace, list, count)) return GENREG_RC_NO_MEMORY;
+  Provisional written(block.count(COUNT_SLOT));
   block.putCount(COUNT_SLOT, count);
+  const bool wantsDetail = block.number(DETAIL_SLOT) != 0;
+  Entries names(trace, list);
+  if (wantsDetail && !names.make(count)) return GENREG_RC_NO_MEMORY;
+  written.keep();
   if (!wantsDetail) return MD_RC_OK;
   return putRows(block, COUNT_SLOT, count,
                  [&](std::size_t k) { return names.put(k, block.output(FIRST_NAME_SLOT + k)); });
@@ -99,16 +105,22 @@ std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope
     return MD_RC_NO_DATA;
   }
   // Every record of a group carries its description: the first stands for the group.
-  Entries descriptions;
-  if (!descriptions.make(trace, descriptionList, 1)) return GENREG_RC_NO_MEMORY;
+  OutputText description;
+  std::string_view text;
+  traceFailure(trace, ListReader(descriptionList).next(text));
+  if (!description.copy(text)) return GENREG_RC_NO_MEMORY;
   const std::size_t count = countEntries(memberList);
-  const bool wantsDetail = block.number(DETAIL_SLOT) != 0;
-  Entries members;
-  Entries kinds;
-  if (wantsDetail && !(members.make(trace, memberList, count) && kinds.make(trace, kindList, count)))
-    return GENREG_RC_NO_MEMORY;
-  descriptions.put(0, block.output(DESCRIPTION_SLOT));
+  Provisional shown(block.output(DESCRIPTION_SLOT));
+  if (zonOutputCell* cell = block.output(DESCRIPTION_SLOT)) description.showIn(cell);
+  Provisional written(block.count(COUNT_SLOT));
   block.putCount(COUNT_SLOT, count);
+  const bool wantsDetail = block.number(DETAIL_SLOT) != 0;
+  Entries members(trace, memberList);
+  Entries kinds(trace, kindList);
+  if (wantsDetail && !(members.make(count) && kinds.make(count))) return GENREG_RC_NO_MEMORY;
+  written.keep();
+  shown.keep();
+  if (block.output(DESCRIPTION_SLOT) != nullptr) description.giveAway();
   if (!wantsDetail) return MD_RC_OK;
   return putRows(block, COUNT_SLOT, count, [&](std::size_t k) {
     return members.put(k, block.output(FIRST_MEMBER_SLOT + 2 * k)) &&
@@ -132,17 +144,17 @@ struct Row {
 };
 
 // The distinct entries of a list in the order of their first appearance.
-void gatherNames(const DString& list, DSet<DString>& names) {
+void gatherNames(TraceScope& trace, const DString& list, DSet<DString>& names) {
   ListReader reader(list);
   for (std::size_t left = countEntries(list); left > 0; --left) {
     std::string_view name;
-    reader.next(name);
+    traceFailure(trace, reader.next(name));
     names.add(DString(name));
   }
 }
 
 // The description is empty when the group's listing fails. Returns the code of that listing.
-std::uint32_t makeRow(MDContactGroup& store, const DString& name, Row& row) {
+std::uint32_t makeRow(MDContactGroup& store, TraceScope& trace, const DString& name, Row& row) {
   DString group(name);
   DString kinds;
   DString members;
@@ -150,7 +162,7 @@ std::uint32_t makeRow(MDContactGroup& store, const DString& name, Row& row) {
   DString versions;
   const std::uint32_t rc = store.retrieveList(group, kinds, members, descriptions, versions);
   std::string_view description;
-  if (rc == MD_RC_OK) ListReader(descriptions).next(description);
+  if (rc == MD_RC_OK) traceFailure(trace, ListReader(descriptions).next(description));
   return row.group.copy(name) && row.description.copy(description) ? rc : GENREG_RC_NO_MEMORY;
 }
 
@@ -169,17 +181,19 @@ std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope
   if (groupList.isEmpty()) return MD_RC_NO_DATA;
 
   DSet<DString> names(1, 1);
-  gatherNames(groupList, names);
-  const bool wantsDetail = block.number(DETAIL_SLOT) != 0;
-  std::vector<Row> rows(wantsDetail ? names.count() : 0);
-  for (std::size_t k = 0; k < rows.size(); ++k) {
-    // The code of the last group stands; only a lack of memory, which no later success makes good, ends the call.
-    rc = makeRow(store, names.elementAt(k + 1), rows[k]);
-    traceFailure(trace, rc);
-    if (rc == GENREG_RC_NO_MEMORY) return rc;
-  }
+  gatherNames(trace, groupList, names);
   // The capacity, which callers have always been told; it is the number of names as long as there is one.
+  Provisional written(block.count(COUNT_SLOT));
   block.putCount(COUNT_SLOT, names.capacity());
+  std::vector<Row> rows(block.number(DETAIL_SLOT) != 0 ? names.count() : 0);
+  for (std::size_t k = 0; k < rows.size(); ++k) {
+    // The code of the last group stands. Only what is no answer about the group, but a failure to get one, ends the
+    // call: no later success would make good for a description that is missing.
+    rc = makeRow(store, trace, names.elementAt(k + 1), rows[k]);
+    traceFailure(trace, rc);
+    if (!isAnswer(rc)) return rc;
+  }
+  written.keep();
   for (std::size_t k = 0; k < rows.size(); ++k) {
     rows[k].group.putInto(block.output(FIRST_GROUP_SLOT + 2 * k));
     rows[k].description.putInto(block.output(FIRST_DESCRIPTION_SLOT + 2 * k));

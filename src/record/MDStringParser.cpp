@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "platform/guarded.h"
 #include "platform/trace_scope.h"
 #include "record/tokenized_text.h"
 
@@ -25,22 +26,26 @@ std::uint32_t MDStringParser::occurrencesOfToken(DString& source, DString token)
 
 std::uint32_t MDStringParser::splitTokenizedString(DString& source, DString token, DString& head, DString& rest) {
   zon::TraceScope trace(TRACE_BASE + zon::trace::SPLIT_TOKENIZED_STRING_OP);
-  std::string_view headText;
-  std::string_view restText;
-  if (const std::uint32_t rc = zon::splitText(source, token, headText, restText)) return trace.exit(rc);
-  // Copied before either output changes: an output may be the source itself.
-  DString newHead(headText);
-  DString newRest(restText);
-  head = std::move(newHead);
-  rest = std::move(newRest);
-  return trace.exit(MD_RC_OK);
+  return trace.exit(zon::guarded([&]() -> std::uint32_t {
+    std::string_view headText;
+    std::string_view restText;
+    if (const std::uint32_t rc = zon::splitText(source, token, headText, restText)) return rc;
+    // Copied before either output changes: an output may be the source itself.
+    DString newHead(headText);
+    DString newRest(restText);
+    head = std::move(newHead);
+    rest = std::move(newRest);
+    return MD_RC_OK;
+  }));
 }
 
 std::uint32_t MDStringParser::parseTokenizedString(DString& source, DString token, unsigned long index,
                                                    DString& field) {
   zon::TraceScope trace(TRACE_BASE + zon::trace::PARSE_TOKENIZED_STRING_OP);
-  std::string_view text;
-  const std::uint32_t rc = zon::parseText(source, token, index, text);
-  field.assign(text);
-  return trace.exit(rc);
+  return trace.exit(zon::guarded([&] {
+    std::string_view text;
+    const std::uint32_t rc = zon::parseText(source, token, index, text);
+    field.assign(text);
+    return rc;
+  }));
 }

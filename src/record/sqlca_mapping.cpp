@@ -22,19 +22,20 @@ constexpr bool hasMessage(std::int32_t sqlcode) {
   return sqlcode <= SQLCODE_CONTACT_EXISTS && sqlcode >= SQLCODE_RECORD_MISSING;
 }
 
-// Tokens beyond the third are not read: no operation names more keys than that.
-constexpr std::int32_t MAX_TOKENS = 3;
-constexpr std::size_t JOINED_SIZE = MAX_TOKENS * zon::MAX_KEY_LENGTH + (MAX_TOKENS - 1) + 1;
+// Room for the three keys that the longest name of a record has, the blanks between them, and a NUL.
+constexpr std::size_t JOINED_SIZE = 3 * zon::MAX_KEY_LENGTH + 2 + 1;
 static_assert(JOINED_SIZE == 387);
 
-// Joins the tokens, each cut at the length of a key, by single blanks; a null token leaves its place empty.
+// Joins the tokens, each cut at the length of a key, by single blanks; a null token leaves its place empty. What does
+// not fit is cut.
 void joinTokens(std::int32_t tokenCount, const char* const* tokens, char (&joined)[JOINED_SIZE]) {
   char* end = joined;
-  const std::int32_t count = std::min(tokenCount, MAX_TOKENS);
-  for (std::int32_t i = 0; i < count; ++i) {
+  char* const last = joined + JOINED_SIZE - 1;
+  for (std::int32_t i = 0; i < tokenCount && end < last; ++i) {
     if (i > 0) *end++ = ' ';
     if (tokens[i] == nullptr) continue;
-    const std::size_t length = ::strnlen(tokens[i], zon::MAX_KEY_LENGTH);
+    const std::size_t room = static_cast<std::size_t>(last - end);
+    const std::size_t length = ::strnlen(tokens[i], std::min(room, zon::MAX_KEY_LENGTH));
     std::memcpy(end, tokens[i], length);
     end += length;
   }

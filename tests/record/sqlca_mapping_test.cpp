@@ -89,10 +89,17 @@ TEST_F(SqlcaMapping, SingleEmptyTokenIsNoMessage) {
 
 TEST_F(SqlcaMapping, JoinsThreeTokens) { EXPECT_EQ(messageOf("A", "B", "C"), "A B C"); }
 
-TEST_F(SqlcaMapping, ReadsNoTokenBeyondTheThird) {
-  const char* const tokens[] = {"A", "B", "C"};
+TEST_F(SqlcaMapping, JoinsAsManyTokensAsThereAre) {
+  EXPECT_EQ(messageOf("A", "B", "C", "D", "E"), "A B C D E");
+  const char* const null = nullptr;
+  EXPECT_EQ(messageOf(null, null, null, null, "E"), "    E");
+}
+
+TEST_F(SqlcaMapping, ReadsNoTokenForWhichThereIsNoRoom) {
+  const std::string whole(128, 'x');
+  const char* const tokens[] = {whole.c_str(), whole.c_str(), whole.c_str()};  // 386 bytes with their blanks
   map(GENREG_RC_NOT_FOUND, INT_MAX, tokens, 0);
-  EXPECT_EQ(message(), "A B C");
+  EXPECT_EQ(message(), std::string(70, 'x'));
 }
 
 TEST_F(SqlcaMapping, NegativeTokenCountIsNone) {
