@@ -138,9 +138,12 @@ std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
     return rc;
   };
   std::uint32_t rc = guarded(attempt);
-  if (isDamage(rc) && settings_.repairs && !repaired_ && !wasDirty) {
+  const bool mayMend = !wasDirty || log_->end() == end;
+  if (isDamage(rc) && settings_.repairs && !repaired_ && mayMend) {
     ended = false;
-    rc = repair();
+    // Repair keeps what is in the file: the batch's changes so far, each of them whole, go there first.
+    rc = wasDirty ? commit() : MD_RC_OK;
+    if (rc == MD_RC_OK && !repaired_) rc = repair();
     if (rc == MD_RC_OK) rc = guarded(work);
     ended = rc == MD_RC_OK || !log_->isDirty();
   }
