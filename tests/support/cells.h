@@ -38,9 +38,15 @@ class Call {
   // The same number cell as an earlier slot.
   Call& sameAs(std::size_t slot) { return add(Slot{.kind = Kind::ALIAS, .alias = slot}); }
 
-  Call& run(EntryPoint entryPoint, void* reserved = nullptr) {
+  // The parameter block, for a test that makes the call itself.
+  std::vector<void*> block() {
     std::vector<void*> block;
     for (Slot& slot : slots_) block.push_back(addressOf(slot));
+    return block;
+  }
+
+  Call& run(EntryPoint entryPoint, void* reserved = nullptr) {
+    std::vector<void*> block = this->block();
     std::memset(&sqlca_, MARK_BYTE, sizeof sqlca_);
     entryPoint(reserved, block.data(), &sqlca_);
     return *this;
