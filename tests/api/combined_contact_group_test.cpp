@@ -224,4 +224,17 @@ TEST_F(CombinedContactGroup, FailureOfTheLastGroupIsReportedAndAllAreFilled) {
   EXPECT_EQ(call.textAt(7), "");
 }
 
+TEST_F(CombinedContactGroup, CountIsWrittenBeforeTheSwitchIsRead) {
+  insertGroups("g:a");
+  Call names;
+  names.in("g").number(0).sameAs(1).out().run(ContactGroupAPI_retrieveAllContactNames);
+  EXPECT_EQ(names.textAt(3), "a");
+  Call members;
+  members.number(0).in("g").sameAs(0).out().out().out().run(ContactGroupAPI_retrieveList);
+  EXPECT_EQ(members.textAt(5), "a");
+  Call all;
+  all.number(0).sameAs(0).out().out().run(ContactGroupAPI_retrieveAll);
+  EXPECT_EQ(all.textAt(2), "g");
+}
+
 }  // namespace

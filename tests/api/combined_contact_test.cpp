@@ -229,6 +229,24 @@ TEST_F(CombinedContact, RetrieveAllRepeatsTheLastContactWhenAnOutputRaisesTheCou
   EXPECT_EQ(contactAt(call, 2), "a 3 x 2 y");
 }
 
+TEST_F(CombinedContact, RetrieveAllWritesTheCountBeforeItReadsTheSwitch) {
+  insertText("a", "x/3/y/2");
+  Call call;
+  addContacts(call.number(0).sameAs(0), 1).run(ContactAPI_retrieveAll);
+  EXPECT_EQ(call.numberAt(0), 1U);
+  EXPECT_EQ(contactAt(call, 0), "a 3 x 2 y");
+}
+
+TEST_F(CombinedContact, RetrieveAllGoesOnInTheListsWhenAnOutputRaisesTheCount) {
+  insertText("a", zontest::listOf("x/2/y/2|z/5/w/6"));
+  Call call;
+  call.number(1).number();
+  call.out().sameAs(1).out().number().out();
+  addContacts(call, 1);
+  call.run(ContactAPI_retrieveAll);
+  EXPECT_EQ(contactAt(call, 1), "a 5 z 6 w");
+}
+
 TEST_F(CombinedContact, RetrieveAllWorksWithoutACountCell) {
   insertText("a", "x/3/y/2");
   Call call;

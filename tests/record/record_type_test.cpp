@@ -65,6 +65,18 @@ class RecordType : public testing::Test {
 using Kinds = testing::Types<OneKey, TwoKey, ThreeKey>;
 TYPED_TEST_SUITE(RecordType, Kinds);
 
+template <class Type>
+class OptionsOf : public Type {
+ public:
+  using Type::Type;
+  bool isDurable() const { return (this->options_ & GenRegBase::OPTION_DURABLE) != 0; }
+};
+
+TYPED_TEST(RecordType, MakesItsChangesDurable) {
+  const OptionsOf<typename TypeParam::Type> type("zontest");
+  EXPECT_TRUE(type.isDurable());
+}
+
 TYPED_TEST(RecordType, AcceptsKeysOf1To128Bytes) {
   EXPECT_EQ(this->checkKey(1), 0U);
   EXPECT_EQ(this->checkKey(128), 0U);

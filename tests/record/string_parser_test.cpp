@@ -131,4 +131,19 @@ TEST_F(StringParser, CountsWithTheTokenUpToItsNul) {
   EXPECT_EQ(parser_.occurrencesOfToken(source, DString()), 0U);
 }
 
+TEST_F(StringParser, TellsALackOfMemoryAndLeavesTheOutputs) {
+  DString source(listOf(std::string(100, 'a') + "|" + std::string(100, 'b')).c_str());
+  DString head("stale");
+  DString rest("stale");
+  for (const std::uint64_t n : {2U, 3U}) {  // the first is the copy of the token
+    const zontest::MemoryFault fault(n);
+    EXPECT_EQ(parser_.splitTokenizedString(source, DString(char{0x0E}), head, rest), GENREG_RC_NO_MEMORY);
+  }
+  {
+    const zontest::MemoryFault fault(2);
+    EXPECT_EQ(parser_.parseTokenizedString(source, DString(char{0x0E}), 1, head), GENREG_RC_NO_MEMORY);
+  }
+  EXPECT_EQ(textOf(head) + textOf(rest), "stalestale");
+}
+
 }  // namespace

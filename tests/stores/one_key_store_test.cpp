@@ -181,6 +181,20 @@ TYPED_TEST(OneKeyStores, LargestKeyAndDataComeBackWhole) {
   EXPECT_EQ(this->store_.remove(Text(key)), 0U);
 }
 
+TYPED_TEST(OneKeyStores, LargestRecordFitsABufferOfTheMaximumSize) {
+  constexpr std::size_t SIZE = 1024148;
+  ASSERT_EQ(this->insert("A", std::string(1'024'000, 'd')), 0U);
+  std::string key(SIZE, '\0');
+  key[0] = 'A';
+  std::string out(SIZE + 64, '\x7E');
+  EXPECT_EQ(this->store_.Get(8, key.data(), out.data()), 0U);
+  EXPECT_EQ(out.substr(SIZE), std::string(64, '\x7E'));
+  ASSERT_EQ(this->store_.OpenScan(), 0U);
+  EXPECT_EQ(this->store_.GetNext(0, key.data(), out.data()), 0U);
+  EXPECT_EQ(this->store_.CloseScan(), 0U);
+  EXPECT_EQ(out.substr(SIZE), std::string(64, '\x7E'));
+}
+
 TYPED_TEST(OneKeyStores, TextsEndAtTheirNul) {
   DString key("A\0x", 3);
   DString data("da\0ta", 5);
