@@ -8,7 +8,6 @@
 #include <map>
 #include <set>
 #include <string>
-#include <utility>
 
 #include "platform/registry/system_calls.h"
 #include "support/cells.h"
