@@ -138,7 +138,7 @@ TEST(ErrorConversion, GivesEveryCodeItsSqlcodeNameAndDescription) {
 }
 
 TEST(ErrorConversion, GivesUnknownCodesOneNegativeSqlcode) {
-  for (const std::uint32_t rc : {1U, 31000U, 31007U, 0x900001F8U, 0xFFFFFFFFU}) {
+  for (const std::uint32_t rc : {1U, 31000U, 31008U, 0x900001F8U, 0xFFFFFFFFU}) {
     EXPECT_EQ(ecfToSqlError(rc), zon::UNKNOWN_CODE_SQLCODE);
     EXPECT_EQ(ecfErrorGetName(rc), nullptr);
   }
