@@ -14,21 +14,29 @@ namespace zon {
 
 namespace {
 
-// Whether every frame and block up to the published end passes its checksum.
+bool isArea(const Frame& frame, std::uint64_t packed) {
+  const Segment segment = unpackSegment(packed);
+  return segment.offset == frame.area.blocksOffset && segment.blockCount == frame.area.blockCount;
+}
+
+// Whether every frame and block up to the published end passes its checksum, and the index has its segments there.
 std::uint32_t checkWholeLog(const Reader& reader, std::uint64_t fileSize, bool& damaged) {
   const LogView& view = reader.view();
   const RawLog log(view.type(), reader.file(), view.header(), fileSize);
   Frame frame;
+  std::size_t segments = 0;
   damaged = false;
   for (std::uint64_t offset = format::LOG_START; offset < view.end(); offset = frame.end()) {
-    damaged = !log.hasFrame(offset, frame);
+    damaged = !log.hasFrame(offset, frame) || frame.end() > view.end();
     if (!damaged && frame.kind == format::FrameKind::AREA) {
+      if (segments < segmentCount(view.slot()) && isArea(frame, view.slot().segments[segments])) ++segments;
       const std::uint32_t rc = log.verifyBlocks(frame.area);
       if (rc != MD_RC_OK && !isDamage(rc)) return rc;
       damaged = rc != MD_RC_OK;
     }
     if (damaged) break;
   }
+  damaged = damaged || segments != segmentCount(view.slot());
   return log.isDeviceFailing() ? GENREG_RC_IO_ERROR : MD_RC_OK;
 }
 

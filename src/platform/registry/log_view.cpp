@@ -22,8 +22,8 @@ bool isAllZero(std::span<const std::byte> bytes) {
   return std::all_of(bytes.begin(), bytes.end(), [](std::byte byte) { return byte == std::byte{0}; });
 }
 
-// A reader beside a writer, and a writer that goes on after one that died, may meet a frame once for each segment.
-constexpr std::uint64_t READS_OF_A_FRAME = format::MAX_SEGMENTS;
+// The older form of a record is the first or second frame below it in its chain, unless whole keys come more than once.
+constexpr std::uint64_t READS_LOOKING_BACK = 2;
 
 constexpr std::uint64_t REMOVED_MARK = 1;
 static_assert(REMOVED_MARK < format::FRAME_ALIGNMENT);
@@ -34,7 +34,8 @@ bool isFrameOffset(std::uint64_t offset, std::uint64_t end) {
 
 }  // namespace
 
-ReadAllowance::ReadAllowance(const LogView& view) : view_(view), left_(view.end() * READS_OF_A_FRAME) {}
+ReadAllowance::ReadAllowance(const LogView& view, std::uint64_t readsOfAFrame)
+    : view_(view), readsOfAFrame_(readsOfAFrame), left_(view.end() * readsOfAFrame) {}
 
 std::uint32_t ReadAllowance::charge(const Frame& frame) {
   if (frame.size > left_ && !isRaised_) {
@@ -42,7 +43,7 @@ std::uint32_t ReadAllowance::charge(const Frame& frame) {
     FileState state;
     if (const std::uint32_t rc = stateOf(view_.file(), state)) return rc;
     isRaised_ = true;
-    left_ += state.size * READS_OF_A_FRAME;
+    left_ += state.size * readsOfAFrame_;
   }
   if (frame.size > left_) return GENREG_RC_DAMAGED;
   left_ -= frame.size;
@@ -516,8 +517,10 @@ void LogView::takeEvent(const Frame& frame, const void* record, std::size_t reco
 
 std::uint32_t LogView::findOlder(const Frame& event, FrameBytes& bytes, Frame& older, bool& found) const {
   found = false;
+  if (!lookingBack_.has_value()) lookingBack_.emplace(*this, READS_LOOKING_BACK);
   for (std::uint64_t offset = event.previous; offset >= event.place && offset != 0; offset = older.previous) {
     if (const std::uint32_t rc = readHead(offset, bytes, older)) return rc;
+    if (const std::uint32_t rc = lookingBack_->charge(older)) return rc;
     if (!older.isEvent() || older.place != event.place) continue;
     found = older.isRecord();
     return MD_RC_OK;

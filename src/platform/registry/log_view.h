@@ -45,13 +45,15 @@ class LogView;
 // that a search meets are no longer than the log: a file in which they are was forged to cost time.
 class ReadAllowance {
  public:
-  explicit ReadAllowance(const LogView& view);
+  // A reader beside a writer, and a writer that goes on after one that died, may meet a frame once for each segment.
+  explicit ReadAllowance(const LogView& view, std::uint64_t readsOfAFrame = format::MAX_SEGMENTS);
 
   // GENREG_RC_DAMAGED when this frame is one too many.
   std::uint32_t charge(const Frame& frame);
 
  private:
   const LogView& view_;
+  std::uint64_t readsOfAFrame_;
   std::uint64_t left_;
   bool isRaised_ = false;
 };
@@ -180,6 +182,8 @@ class LogView {
     std::uint64_t offset;
   };
   mutable std::optional<FoundHead> foundHead_;
+  // What looking for the older forms of all changes that are taken in may read together.
+  mutable std::optional<ReadAllowance> lookingBack_;
   // The tail of the log that is not in the file yet.
   std::vector<std::byte> pending_;
   std::uint64_t pendingStart_ = format::MAX_OFFSET;

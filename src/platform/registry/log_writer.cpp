@@ -665,7 +665,9 @@ std::uint32_t LogWriter::commit() {
   const std::uint32_t rc = guarded([this] { return commitAppended(); });
   if (rc != MD_RC_OK) return takeBack() ? rc : GENREG_RC_DURABILITY_UNKNOWN;
   // What fails here is tried again by a later commit.
-  if (needsApply(slot_.overlayCount)) guarded([this] { return applyPublished(); });
+  if (needsApply(slot_.overlayCount)) {
+    isIndexDamaged_ = guarded([this] { return applyPublished(); }) == GENREG_RC_DAMAGED;
+  }
   cutReserve();
   return MD_RC_OK;
 }

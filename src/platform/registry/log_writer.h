@@ -80,6 +80,8 @@ class LogWriter : public LogView {
   bool isIndexFull() const;
   // Removals have used half of what was left to them: the disk, or the process's limit, gives no more.
   bool isShortOfRoom() const;
+  // The last commit is published, and its heads found no place because of damage.
+  bool isIndexDamaged() const { return isIndexDamaged_; }
   // Notes in the published slot how far the backup reaches.
   void republish(std::uint64_t backupEnd);
 
@@ -131,6 +133,7 @@ class LogWriter : public LogView {
   format::Slot published_{};  // the newest slot in the file
   bool newestIsDurable_ = false;
   bool isBeyondRecall_ = false;  // index blocks lead to a durable commit that is not published yet
+  bool isIndexDamaged_ = false;
   std::uint64_t fileSize_ = 0;
   bool removesOnly_ = true;  // what is appended since the newest slot, which may then use the room for removals
   Frame last_;               // the newest frame of the commit being built

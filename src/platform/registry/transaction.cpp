@@ -237,6 +237,10 @@ std::uint32_t Transaction::commit() {
     log_->setNameSynced();
   }
   failure_ = log_->commit();
+  // Nobody else would come across it before the overlay is full, and then each change would fail.
+  if (failure_ == MD_RC_OK && log_->isIndexDamaged() && settings_.repairs && !repaired_) {
+    guarded([this] { return repair(); });
+  }
   if (failure_ == MD_RC_OK) maintain();
   return failure_;
 }
