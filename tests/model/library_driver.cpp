@@ -9,6 +9,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "api/entry_points.h"
 #include "support/cells.h"
 #include "zonmdfile/MDCloningMapping.h"
 #include "zonmdfile/MDContactGroup.h"
@@ -18,87 +19,14 @@ namespace zonmodel {
 
 namespace {
 
-const std::map<std::string_view, zontest::EntryPoint>& entryPoints() {
-  static const std::map<std::string_view, zontest::EntryPoint> table = {
-      {"MDCustomTree_retrieveKeys", MDCustomTree_retrieveKeys},
-      {"MDCustomTree_retrieveAll", MDCustomTree_retrieveAll},
-      {"MDCustomTree_remove", MDCustomTree_remove},
-      {"MDCustomTree_retrieve", MDCustomTree_retrieve},
-      {"MDCustomTree_update", MDCustomTree_update},
-      {"MDCustomTree_insert", MDCustomTree_insert},
-      {"MDSubSystemSetting_retrieveKeys", MDSubSystemSetting_retrieveKeys},
-      {"MDSubSystemSetting_retrieveAll", MDSubSystemSetting_retrieveAll},
-      {"MDSubSystemSetting_remove", MDSubSystemSetting_remove},
-      {"MDSubSystemSetting_retrieve", MDSubSystemSetting_retrieve},
-      {"MDSubSystemSetting_update", MDSubSystemSetting_update},
-      {"MDSubSystemSetting_insert", MDSubSystemSetting_insert},
-      {"MDUtilNameMapping_retrieveKeys", MDUtilNameMapping_retrieveKeys},
-      {"MDUtilNameMapping_retrieveAll", MDUtilNameMapping_retrieveAll},
-      {"MDUtilNameMapping_remove", MDUtilNameMapping_remove},
-      {"MDUtilNameMapping_retrieve", MDUtilNameMapping_retrieve},
-      {"MDUtilNameMapping_update", MDUtilNameMapping_update},
-      {"MDUtilNameMapping_insert", MDUtilNameMapping_insert},
-      {"MDLocationMapping_retrieveKeys", MDLocationMapping_retrieveKeys},
-      {"MDLocationMapping_retrieveAll", MDLocationMapping_retrieveAll},
-      {"MDLocationMapping_remove", MDLocationMapping_remove},
-      {"MDLocationMapping_retrieve", MDLocationMapping_retrieve},
-      {"MDLocationMapping_update", MDLocationMapping_update},
-      {"MDLocationMapping_insert", MDLocationMapping_insert},
-      {"MDCloningSubSystemSetting_retrieveKeys", MDCloningSubSystemSetting_retrieveKeys},
-      {"MDCloningSubSystemSetting_retrieveAll", MDCloningSubSystemSetting_retrieveAll},
-      {"MDCloningSubSystemSetting_remove", MDCloningSubSystemSetting_remove},
-      {"MDCloningSubSystemSetting_retrieve", MDCloningSubSystemSetting_retrieve},
-      {"MDCloningSubSystemSetting_update", MDCloningSubSystemSetting_update},
-      {"MDCloningSubSystemSetting_insert", MDCloningSubSystemSetting_insert},
-      {"MDContact_retrieveKeys", MDContact_retrieveKeys},
-      {"MDContact_retrieveAll", MDContact_retrieveAll},
-      {"MDContact_remove", MDContact_remove},
-      {"MDContact_retrieve", MDContact_retrieve},
-      {"MDContact_update", MDContact_update},
-      {"MDContact_insert", MDContact_insert},
-      {"MDJCLSkeleton_retrieveKeys", MDJCLSkeleton_retrieveKeys},
-      {"MDJCLSkeleton_retrieveAll", MDJCLSkeleton_retrieveAll},
-      {"MDJCLSkeleton_removeList", MDJCLSkeleton_removeList},
-      {"MDJCLSkeleton_retrieveList", MDJCLSkeleton_retrieveList},
-      {"MDJCLSkeleton_remove", MDJCLSkeleton_remove},
-      {"MDJCLSkeleton_retrieve", MDJCLSkeleton_retrieve},
-      {"MDJCLSkeleton_update", MDJCLSkeleton_update},
-      {"MDJCLSkeleton_insert", MDJCLSkeleton_insert},
-      {"MDCloningHistory_retrieveKeys", MDCloningHistory_retrieveKeys},
-      {"MDCloningHistory_retrieveAll", MDCloningHistory_retrieveAll},
-      {"MDCloningHistory_removeList", MDCloningHistory_removeList},
-      {"MDCloningHistory_retrieveList", MDCloningHistory_retrieveList},
-      {"MDCloningHistory_remove", MDCloningHistory_remove},
-      {"MDCloningHistory_retrieve", MDCloningHistory_retrieve},
-      {"MDCloningHistory_update", MDCloningHistory_update},
-      {"MDCloningHistory_insert", MDCloningHistory_insert},
-      {"MDUtilityHistory_retrieveKeys", MDUtilityHistory_retrieveKeys},
-      {"MDUtilityHistory_retrieveAll", MDUtilityHistory_retrieveAll},
-      {"MDUtilityHistory_removeList", MDUtilityHistory_removeList},
-      {"MDUtilityHistory_retrieveList", MDUtilityHistory_retrieveList},
-      {"MDUtilityHistory_remove", MDUtilityHistory_remove},
-      {"MDUtilityHistory_retrieve", MDUtilityHistory_retrieve},
-      {"MDUtilityHistory_update", MDUtilityHistory_update},
-      {"MDUtilityHistory_insert", MDUtilityHistory_insert},
-      {"MDContactGroup_retrieveAllContactNames", MDContactGroup_retrieveAllContactNames},
-      {"MDContactGroup_updateDescription", MDContactGroup_updateDescription},
-      {"MDContactGroup_retrieveKeys", MDContactGroup_retrieveKeys},
-      {"MDContactGroup_retrieveAll", MDContactGroup_retrieveAll},
-      {"MDContactGroup_removeList", MDContactGroup_removeList},
-      {"MDContactGroup_removeAll", MDContactGroup_removeAll},
-      {"MDContactGroup_remove", MDContactGroup_remove},
-      {"MDContactGroup_retrieveParentGroupList", MDContactGroup_retrieveParentGroupList},
-      {"MDContactGroup_retrieveContactOrGroupList", MDContactGroup_retrieveContactOrGroupList},
-      {"MDContactGroup_retrieveList", MDContactGroup_retrieveList},
-      {"MDContactGroup_insert", MDContactGroup_insert},
-      {"ContactAPI_retrieveAll", ContactAPI_retrieveAll},
-      {"ContactAPI_retrieve", ContactAPI_retrieve},
-      {"ContactAPI_update", ContactAPI_update},
-      {"ContactAPI_insert", ContactAPI_insert},
-      {"ContactGroupAPI_retrieveAllContactNames", ContactGroupAPI_retrieveAllContactNames},
-      {"ContactGroupAPI_retrieveList", ContactGroupAPI_retrieveList},
-      {"ContactGroupAPI_retrieveAll", ContactGroupAPI_retrieveAll},
-  };
+using zontest::EntryPoint;
+
+const std::map<std::string_view, EntryPoint>& entryPoints() {
+  static const auto table = [] {
+    std::map<std::string_view, EntryPoint> functions;
+    for (const zontest::EntryPointCase& entry : zontest::allEntryPoints()) functions[entry.name] = entry.function;
+    return functions;
+  }();
   return table;
 }
 
