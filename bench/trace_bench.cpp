@@ -9,6 +9,7 @@
 
 #include "platform/oss/trace_control.h"
 #include "platform/trace_scope.h"
+#include "record/trace_points.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ void bothQuestionsOff(benchmark::State& state) {
 }
 
 std::uint32_t tracedFunction(std::uint32_t rc) {
-  zon::TraceScope trace(zon::trace::MDCustomTree_retrieve);
+  zon::TraceScope trace(zon::trace::point("MDCustomTree_retrieve"));
   return trace.exit(rc);
 }
 
@@ -70,7 +71,7 @@ void variableRecording(benchmark::State& state) {
   switchOn();
   const std::string value(static_cast<std::size_t>(state.range(0)), 'v');
   for (auto _ : state) {
-    _gtraceVar(1, zon::trace::MDCustomTree_retrieve, 10, 3, 1, 0, value.size(), value.data());
+    _gtraceVar(1, zon::trace::point("MDCustomTree_retrieve"), 10, 3, 1, 0, value.size(), value.data());
   }
   switchOff();
 }

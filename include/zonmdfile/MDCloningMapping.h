@@ -16,8 +16,6 @@
 class ZON_EXPORT MDCloningMapping : public MDThreeKeyReg {
  public:
   static const char* const FILENAME;
-  static constexpr const char* SOURCE = "MDCloningMapping"; /* labels its allocations */
-  static constexpr std::uint32_t TRACE_BASE = 451413900;    /* its range of trace points */
 
   MDCloningMapping();
   ~MDCloningMapping();

@@ -12,8 +12,6 @@
 class ZON_EXPORT MDContact : public OneKeyStore<MDContact> {
  public:
   static const char* const FILENAME;
-  static constexpr const char* SOURCE = "MDContact";     /* labels its allocations */
-  static constexpr std::uint32_t TRACE_BASE = 451413100; /* its range of trace points */
   static constexpr char FIELD_SEPARATOR = 0x0F;
   static constexpr bool UPDATE_MATCHES_IN_EXACT_SIZE = true; /* data of a few bytes does not need a megabyte */
 

@@ -19,8 +19,6 @@
 class ZON_EXPORT MDContactGroup : public MDThreeKeyReg {
  public:
   static const char* const FILENAME;
-  static constexpr const char* SOURCE = "MDContactGroup"; /* labels its allocations */
-  static constexpr std::uint32_t TRACE_BASE = 451413200;  /* its range of trace points */
   static constexpr char CONTACT_KIND = '0';
   static constexpr char GROUP_KIND = '1';
 

@@ -5,15 +5,11 @@
 #ifndef ZONMDFILE_MDUTILITYHISTORY_H
 #define ZONMDFILE_MDUTILITYHISTORY_H
 
-#include <cstdint>
-
 #include "zonmdfile/TwoKeyStore.h"
 
 class ZON_EXPORT MDUtilityHistory : public TwoKeyStore<MDUtilityHistory> {
  public:
   static const char* const FILENAME;
-  static constexpr const char* SOURCE = "MDUtilityHistory"; /* labels its allocations */
-  static constexpr std::uint32_t TRACE_BASE = 451414000;    /* its range of trace points */
 
   /* update leaves the record that it wrote allocated: callers have always accounted for one buffer per update. */
   static constexpr bool UPDATE_KEEPS_NEW_RECORD = true;

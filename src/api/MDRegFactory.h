@@ -16,6 +16,7 @@
 #include "api/cells.h"
 #include "platform/guarded.h"
 #include "platform/trace_scope.h"
+#include "record/trace_points.h"
 #include "stores/store_scopes.h"
 #include "zonmdfile/MDContact.h"
 #include "zonmdfile/MDContactGroup.h"

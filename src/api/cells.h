@@ -54,7 +54,7 @@ class ParameterBlock {
     return slots_ != nullptr ? static_cast<Cell*>(slots_[slot]) : nullptr;
   }
 
-  std::uint32_t numberOr(std::size_t slot, std::uint32_t value) const {
+  [[nodiscard]] std::uint32_t numberOr(std::size_t slot, std::uint32_t value) const {
     if (const auto* cell = at<const std::uint32_t>(slot)) std::memcpy(&value, cell, sizeof value);
     return value;
   }
@@ -79,7 +79,7 @@ class Provisional {
 
  private:
   Cell* cell_;
-  Cell before_;
+  Cell before_{};
 };
 
 // A text that is the caller's as soon as it is put into a cell: the receiver releases it with _ossMemFree. What is not

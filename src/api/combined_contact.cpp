@@ -189,23 +189,23 @@ std::uint32_t readAllContacts(MDContact& store, const ParameterBlock& block, Tra
 }  // namespace
 
 MD_ENTRY ContactAPI_retrieveAll(void*, void** slots, struct sqlca* sqlca) {
-  TraceScope trace(trace::ContactAPI_retrieveAll);
+  TraceScope trace(trace::point("ContactAPI_retrieveAll"));
   const ParameterBlock block(slots);
   const std::uint32_t rc = withStore<MDContact>([&](MDContact& store) { return readAllContacts(store, block, trace); });
   reportToSqlca<MDContact>(trace, rc, sqlca);
 }
 
 MD_ENTRY ContactAPI_retrieve(void*, void** slots, struct sqlca* sqlca) {
-  TraceScope trace(trace::ContactAPI_retrieve);
+  TraceScope trace(trace::point("ContactAPI_retrieve"));
   const ParameterBlock block(slots);
   const std::uint32_t rc = withStore<MDContact>([&](MDContact& store) { return readContact(store, block); });
   reportToSqlca<MDContact>(trace, rc, block.text(NAME_SLOT), sqlca);
 }
 
 MD_ENTRY ContactAPI_update(void* reserved, void** block, struct sqlca* sqlca) {
-  writeContact(trace::ContactAPI_update, &MDContact::update, reserved, block, sqlca);
+  writeContact(trace::point("ContactAPI_update"), &MDContact::update, reserved, block, sqlca);
 }
 
 MD_ENTRY ContactAPI_insert(void* reserved, void** block, struct sqlca* sqlca) {
-  writeContact(trace::ContactAPI_insert, &MDContact::insert, reserved, block, sqlca);
+  writeContact(trace::point("ContactAPI_insert"), &MDContact::insert, reserved, block, sqlca);
 }

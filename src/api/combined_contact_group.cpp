@@ -206,7 +206,7 @@ std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope
 }  // namespace
 
 MD_ENTRY ContactGroupAPI_retrieveAllContactNames(void*, void** slots, struct sqlca* sqlca) {
-  TraceScope trace(trace::ContactGroupAPI_retrieveAllContactNames);
+  TraceScope trace(trace::point("ContactGroupAPI_retrieveAllContactNames"));
   const ParameterBlock block(slots);
   const std::uint32_t rc =
       withStore<MDContactGroup>([&](MDContactGroup& store) { return names::put(store, block, trace); });
@@ -214,7 +214,7 @@ MD_ENTRY ContactGroupAPI_retrieveAllContactNames(void*, void** slots, struct sql
 }
 
 MD_ENTRY ContactGroupAPI_retrieveList(void*, void** slots, struct sqlca* sqlca) {
-  TraceScope trace(trace::ContactGroupAPI_retrieveList);
+  TraceScope trace(trace::point("ContactGroupAPI_retrieveList"));
   const ParameterBlock block(slots);
   const std::uint32_t rc =
       withStore<MDContactGroup>([&](MDContactGroup& store) { return members::put(store, block, trace); });
@@ -222,7 +222,7 @@ MD_ENTRY ContactGroupAPI_retrieveList(void*, void** slots, struct sqlca* sqlca) 
 }
 
 MD_ENTRY ContactGroupAPI_retrieveAll(void*, void** slots, struct sqlca* sqlca) {
-  TraceScope trace(trace::ContactGroupAPI_retrieveAll);
+  TraceScope trace(trace::point("ContactGroupAPI_retrieveAll"));
   const ParameterBlock block(slots);
   const std::uint32_t rc =
       withStore<MDContactGroup>([&](MDContactGroup& store) { return groups::put(store, block, trace); });

@@ -44,27 +44,27 @@ std::uint32_t withdrawGroup(const char* group) {
 
 MD_ENTRY MDContactGroup_retrieveAllContactNames(void*, void** block, struct sqlca* sqlca) {
   callStore<MDContactGroup, &MDContactGroup::retrieveAllContactNames, RETRIEVE_ALL_CONTACT_NAMES>(
-      trace::MDContactGroup_retrieveAllContactNames, block, sqlca);
+      trace::point("MDContactGroup_retrieveAllContactNames"), block, sqlca);
 }
 
 MD_ENTRY MDContactGroup_updateDescription(void*, void** block, struct sqlca* sqlca) {
-  callStore<MDContactGroup, &MDContactGroup::update, UPDATE_DESCRIPTION>(trace::MDContactGroup_updateDescription, block,
-                                                                         sqlca);
+  callStore<MDContactGroup, &MDContactGroup::update, UPDATE_DESCRIPTION>(
+      trace::point("MDContactGroup_updateDescription"), block, sqlca);
 }
 
 MD_ENTRY MDContactGroup_retrieveKeys(void*, void** block, struct sqlca* sqlca) {
-  callStore<MDContactGroup, &MDContactGroup::retrieveKeys, RETRIEVE_KEYS>(trace::MDContactGroup_retrieveKeys, block,
-                                                                          sqlca);
+  callStore<MDContactGroup, &MDContactGroup::retrieveKeys, RETRIEVE_KEYS>(trace::point("MDContactGroup_retrieveKeys"),
+                                                                          block, sqlca);
 }
 
 MD_ENTRY MDContactGroup_retrieveAll(void*, void** block, struct sqlca* sqlca) {
-  callStore<MDContactGroup, &MDContactGroup::retrieveAll, RETRIEVE_ALL>(trace::MDContactGroup_retrieveAll, block,
-                                                                        sqlca);
+  callStore<MDContactGroup, &MDContactGroup::retrieveAll, RETRIEVE_ALL>(trace::point("MDContactGroup_retrieveAll"),
+                                                                        block, sqlca);
 }
 
 // Withdraws the group from its parents whether or not it still has members of the other kind.
 MD_ENTRY MDContactGroup_removeList(void*, void** slots, struct sqlca* sqlca) {
-  TraceScope trace(trace::MDContactGroup_removeList);
+  TraceScope trace(trace::point("MDContactGroup_removeList"));
   const ParameterBlock block(slots);
   std::uint32_t rc = callOperation<MDContactGroup, removeMembersOfKind, REMOVE_LIST>(block);
   if (rc == MD_RC_OK) rc = withdrawGroup(block.text(0));
@@ -72,7 +72,7 @@ MD_ENTRY MDContactGroup_removeList(void*, void** slots, struct sqlca* sqlca) {
 }
 
 MD_ENTRY MDContactGroup_removeAll(void*, void** slots, struct sqlca* sqlca) {
-  TraceScope trace(trace::MDContactGroup_removeAll);
+  TraceScope trace(trace::point("MDContactGroup_removeAll"));
   const ParameterBlock block(slots);
   std::uint32_t rc = callOperation<MDContactGroup, removeWholeGroup, REMOVE_ALL>(block);
   if (rc == MD_RC_OK) rc = withdrawGroup(block.text(0));
@@ -83,7 +83,7 @@ MD_ENTRY MDContactGroup_removeAll(void*, void** slots, struct sqlca* sqlca) {
 // a nested group of its name is withdrawn from all its parents; and the group that lost the member is not tested for
 // emptiness. The code of the withdrawal stands as it is.
 MD_ENTRY MDContactGroup_remove(void*, void** slots, struct sqlca* sqlca) {
-  TraceScope trace(trace::MDContactGroup_remove);
+  TraceScope trace(trace::point("MDContactGroup_remove"));
   const ParameterBlock block(slots);
   std::uint32_t rc = callOperation<MDContactGroup, &MDContactGroup::remove, REMOVE>(block);
   if (rc == MD_RC_OK) rc = withdrawMember(block.text(2), MDContactGroup::GROUP_KIND);
@@ -91,20 +91,20 @@ MD_ENTRY MDContactGroup_remove(void*, void** slots, struct sqlca* sqlca) {
 }
 
 MD_ENTRY MDContactGroup_retrieveParentGroupList(void*, void** block, struct sqlca* sqlca) {
-  callStore<MDContactGroup, retrieveParents, RETRIEVE_PARENT_GROUP_LIST>(trace::MDContactGroup_retrieveParentGroupList,
-                                                                         block, sqlca);
+  callStore<MDContactGroup, retrieveParents, RETRIEVE_PARENT_GROUP_LIST>(
+      trace::point("MDContactGroup_retrieveParentGroupList"), block, sqlca);
 }
 
 MD_ENTRY MDContactGroup_retrieveContactOrGroupList(void*, void** block, struct sqlca* sqlca) {
   callStore<MDContactGroup, &MDContactGroup::retrieveGroupOrContactList, RETRIEVE_CONTACT_OR_GROUP_LIST>(
-      trace::MDContactGroup_retrieveContactOrGroupList, block, sqlca);
+      trace::point("MDContactGroup_retrieveContactOrGroupList"), block, sqlca);
 }
 
 MD_ENTRY MDContactGroup_retrieveList(void*, void** block, struct sqlca* sqlca) {
-  callStore<MDContactGroup, &MDContactGroup::retrieveList, RETRIEVE_LIST>(trace::MDContactGroup_retrieveList, block,
-                                                                          sqlca);
+  callStore<MDContactGroup, &MDContactGroup::retrieveList, RETRIEVE_LIST>(trace::point("MDContactGroup_retrieveList"),
+                                                                          block, sqlca);
 }
 
 MD_ENTRY MDContactGroup_insert(void*, void** block, struct sqlca* sqlca) {
-  callStore<MDContactGroup, &MDContactGroup::insert, INSERT>(trace::MDContactGroup_insert, block, sqlca);
+  callStore<MDContactGroup, &MDContactGroup::insert, INSERT>(trace::point("MDContactGroup_insert"), block, sqlca);
 }

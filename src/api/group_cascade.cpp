@@ -136,7 +136,7 @@ std::uint32_t withdrawMember(const char* member, char kind) noexcept {
 }  // namespace zon
 
 extern "C" std::uint32_t removeMemberFromGroups(DString& member, DString kind) {
-  zon::TraceScope trace(zon::trace::removeMemberFromGroups);
+  zon::TraceScope trace(zon::trace::point("removeMemberFromGroups"));
   trace.variable(member.c_str(), member.length());
   trace.variable(kind.c_str(), kind.length());
   return trace.exit(

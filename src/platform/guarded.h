@@ -1,5 +1,5 @@
-// guarded: the frame of a piece of work that must not throw. It stands around whatever exported functions do, and around
-// the steps of the engine that must be cleaned up after.
+// guarded: the frame of a piece of work that must not throw. It stands around whatever exported functions do, and
+// around the steps of the engine that must be cleaned up after.
 //
 // The rule: every exception becomes a return code here, whatever its type, and no other way is needed.
 #pragma once

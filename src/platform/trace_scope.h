@@ -5,7 +5,7 @@
 // tracing is off pays for nothing but the first question.
 //
 //   std::uint32_t MDCustomTree::remove(DString& key) {
-//     zon::TraceScope trace(TRACE_BASE + zon::trace::REMOVE_OP);
+//     zon::TraceScope trace(zon::trace::point("MDCustomTree::remove"));   // its number, from the table of its floor
 //     trace.variable(key.c_str(), key.length());           // probe 10; the next one is 20
 //     if (const std::uint32_t rc = checkKeyLength(key)) return trace.exit(rc);
 //     return trace.exit(Delete(MATCH_KEY, match.get()));
@@ -15,7 +15,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "platform/trace_points.h"
 #include "zonmdfile/platform/oss.h"
 #include "zonmdfile/platform/trace.h"
 

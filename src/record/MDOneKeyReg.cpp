@@ -3,88 +3,47 @@
 // The rule: nothing here touches the file; the engine does, inside each of its operations.
 #include "zonmdfile/MDOneKeyReg.h"
 
-#include <algorithm>
-#include <cstddef>
-#include <cstdio>
-#include <iterator>
-
-#include "platform/trace_scope.h"
-#include "record/record_callbacks.h"
 #include "record/record_file_names.h"
+#include "record/record_type.h"
 
 namespace {
 
 using Layout = zon::OneKeyLayout;
-constexpr std::uint32_t TRACE_BASE = zon::trace::MD_ONE_KEY_REG;
+
+consteval std::uint32_t point(std::string_view operation) { return zon::trace::point("MDOneKeyReg", operation); }
 
 }  // namespace
 
 MDOneKeyReg::MDOneKeyReg(const char* fileName) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::CONSTRUCT_OP);
-  callbacks_ = {.match = MatchRecord,
-                .validate = ValidateRecord,
-                .print = PrintRecord,
-                .recordSize = GetRecordSize,
-                .maxRecordSize = GetMaxRecordSize,
-                .digest = zon::digestRecord<Layout>};
-  std::copy(Layout::INDEX_FLAGS.begin(), Layout::INDEX_FLAGS.end(), std::begin(indexFlags_));
-  zon::formRecordFileNames(fileName, {.file = filePath_,
-                                      .temporary = temporaryPath_,
-                                      .corruptCopy = corruptPath_,
-                                      .lock = lockPath_,
-                                      .backup = backupPath_});
-  options_ |= OPTION_DURABLE;
-  fileMode_ = zon::RECORD_FILE_MODE;
-  companionMode_ = zon::RECORD_FILE_MODE;
-  setFeature(FEATURE_REPAIR);
-  setFeature(FEATURE_BACKUP);
+  zon::TraceScope trace(point(zon::trace::CONSTRUCTOR));
+  setRecordType({MatchRecord, ValidateRecord, PrintRecord, GetRecordSize, GetMaxRecordSize, zon::digestRecord<Layout>},
+                Layout::INDEX_FLAGS);
+  zon::formRecordFileNames(fileName, fileNames());
+  keepDurably(zon::RECORD_FILE_MODE);
 }
 
-MDOneKeyReg::~MDOneKeyReg() { zon::TraceScope trace(TRACE_BASE + zon::trace::DESTROY_OP); }
+MDOneKeyReg::~MDOneKeyReg() { zon::TraceScope trace(point(zon::trace::DESTRUCTOR)); }
 
-std::uint32_t MDOneKeyReg::checkKeyLength(DString& key) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::CHECK_KEY_LENGTH_OP);
-  return trace.exit(zon::checkKeyText(key));
-}
+std::uint32_t MDOneKeyReg::checkKeyLength(DString& key) { return zon::checkKey(point("checkKeyLength"), key); }
 
-std::uint32_t MDOneKeyReg::checkDataLength(DString& data) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::CHECK_DATA_LENGTH_OP);
-  return trace.exit(zon::checkDataText(data));
-}
+std::uint32_t MDOneKeyReg::checkDataLength(DString& data) { return zon::checkData(point("checkDataLength"), data); }
 
-void MDOneKeyReg::checkRC(long rc) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::CHECK_RC_OP);
-  zon::printReturnCode(rc);
-}
+void MDOneKeyReg::checkRC(long rc) { zon::tellReturnCode(point("checkRC"), rc); }
 
 int MDOneKeyReg::MatchRecord(unsigned long flags, void* record, void* other) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::MATCH_RECORD_OP);
-  return trace.exit(zon::matchRecord<Layout>(flags, record, other));
+  return zon::matches<Layout>(point("MatchRecord"), flags, record, other);
 }
 
 int MDOneKeyReg::ValidateRecord(unsigned long /*flags*/, void* /*record*/) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::VALIDATE_RECORD_OP);
-  return trace.exit(0);
+  return zon::accept(point("ValidateRecord"));
 }
 
-int MDOneKeyReg::PrintRecord(void* record) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::PRINT_RECORD_OP);
-  const auto* bytes = static_cast<const char*>(record);
-  const zon::RecordView<Layout> view(record);
-  std::printf("Key = |%s| Version = |%s| DataSize = |%d| Data = |%s| \n", bytes + offsetof(Layout::Header, key),
-              bytes + offsetof(Layout::Header, version), static_cast<int>(view.dataSize()),
-              bytes + zon::DATA_OFFSET<Layout>);
-  return trace.exit(0);
-}
+int MDOneKeyReg::PrintRecord(void* record) { return zon::print<Layout>(point("PrintRecord"), record); }
 
 int MDOneKeyReg::GetRecordSize(void* record, unsigned long* size) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::GET_RECORD_SIZE_OP);
-  *size = zon::recordSize<Layout>(record);
-  return trace.exit(0);
+  return zon::tell(point("GetRecordSize"), zon::recordSize<Layout>(record), size);
 }
 
 int MDOneKeyReg::GetMaxRecordSize(unsigned long* size) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::GET_MAX_RECORD_SIZE_OP);
-  *size = zon::MAX_RECORD_SIZE<Layout>;
-  return trace.exit(0);
+  return zon::tell(point("GetMaxRecordSize"), zon::MAX_RECORD_SIZE<Layout>, size);
 }

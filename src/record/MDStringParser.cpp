@@ -8,24 +8,25 @@
 #include "platform/guarded.h"
 #include "platform/trace_scope.h"
 #include "record/tokenized_text.h"
+#include "record/trace_points.h"
 
 namespace {
 
-constexpr std::uint32_t TRACE_BASE = zon::trace::MD_STRING_PARSER;
+consteval std::uint32_t point(std::string_view operation) { return zon::trace::point("MDStringParser", operation); }
 
 }  // namespace
 
-MDStringParser::MDStringParser() { zon::TraceScope trace(TRACE_BASE + zon::trace::CONSTRUCT_OP); }
+MDStringParser::MDStringParser() { zon::TraceScope trace(point(zon::trace::CONSTRUCTOR)); }
 
-MDStringParser::~MDStringParser() { zon::TraceScope trace(TRACE_BASE + zon::trace::DESTROY_OP); }
+MDStringParser::~MDStringParser() { zon::TraceScope trace(point(zon::trace::DESTRUCTOR)); }
 
 std::uint32_t MDStringParser::occurrencesOfToken(DString& source, DString token) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::OCCURRENCES_OF_TOKEN_OP);
+  zon::TraceScope trace(point("occurrencesOfToken"));
   return trace.exit(static_cast<std::uint32_t>(source.occurrencesOf(token.c_str())));
 }
 
 std::uint32_t MDStringParser::splitTokenizedString(DString& source, DString token, DString& head, DString& rest) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::SPLIT_TOKENIZED_STRING_OP);
+  zon::TraceScope trace(point("splitTokenizedString"));
   return trace.exit(zon::guarded([&]() -> std::uint32_t {
     std::string_view headText;
     std::string_view restText;
@@ -41,7 +42,7 @@ std::uint32_t MDStringParser::splitTokenizedString(DString& source, DString toke
 
 std::uint32_t MDStringParser::parseTokenizedString(DString& source, DString token, unsigned long index,
                                                    DString& field) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::PARSE_TOKENIZED_STRING_OP);
+  zon::TraceScope trace(point("parseTokenizedString"));
   return trace.exit(zon::guarded([&] {
     std::string_view text;
     const std::uint32_t rc = zon::parseText(source, token, index, text);

@@ -4,6 +4,8 @@
 #pragma once
 
 #include <cstdint>
+#include <cstdio>
+#include <string_view>
 
 #include "record/key_digest.h"
 #include "record/record_layout.h"
@@ -50,6 +52,20 @@ inline std::uint32_t checkKeyText(const DString& key) {
 inline std::uint32_t checkDataText(const DString& data) {
   if (data.length() == 0) return MD_RC_DATA_EMPTY;
   return data.length() > MAX_DATA_LENGTH ? MD_RC_DATA_TOO_LONG : MD_RC_OK;
+}
+
+inline void printField(const char* name, std::string_view text) {
+  std::printf("%s = |%.*s| ", name, static_cast<int>(text.size()), text.data());
+}
+
+// Prints the fields in one line, in the layout's order.
+template <class Layout>
+void printRecord(const RecordView<Layout>& record) {
+  for (const KeyField& key : Layout::KEYS) printField(key.name, record.key(key));
+  printField("Version", record.version());
+  std::printf("DataSize = |%d| ", static_cast<int>(record.dataSize()));
+  printField("Data", record.data());
+  std::printf("\n");
 }
 
 // Prints what MDOneKeyReg::checkRC and its kin promise.

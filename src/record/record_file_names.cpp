@@ -29,7 +29,7 @@ void join(char* field, std::initializer_list<std::string_view> pieces) {
 
 }  // namespace
 
-void formRecordFileNames(const char* fileName, const RecordFileNames& names) {
+void formRecordFileNames(const char* fileName, const GenRegBase::FileNames& names) {
   // REQUIRES nothing of their content: each is read only after a call has ended it with a NUL.
   char directory[PATH_FIELD_SIZE];
   char baseName[PATH_FIELD_SIZE];

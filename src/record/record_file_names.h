@@ -15,17 +15,8 @@ inline constexpr std::size_t PATH_FIELD_SIZE = GenRegBase::PATH_SIZE;
 // Creation mode of the record file and its companions; the process's umask has the last word.
 inline constexpr std::uint32_t RECORD_FILE_MODE = 0666;
 
-// Where the names go. Each field has PATH_FIELD_SIZE bytes and is written up to its NUL only.
-struct RecordFileNames {
-  char* file;
-  char* temporary;
-  char* corruptCopy;
-  char* lock;
-  char* backup;
-};
-
 // Writes "<metadata directory>/<fileName>", or the bare file name when there is no metadata directory, and the
 // companions of that path.
-void formRecordFileNames(const char* fileName, const RecordFileNames& names);
+void formRecordFileNames(const char* fileName, const GenRegBase::FileNames& names);
 
 }  // namespace zon

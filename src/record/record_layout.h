@@ -28,9 +28,10 @@ inline constexpr unsigned long MATCH_VERSION = 64;
 // What the stores name when they fill records and gather lists.
 enum class Field : std::uint8_t { GROUP_KEY, SUB_GROUP_KEY, KEY, DATA, VERSION };
 
-// One key field: its name, the flag that selects it, and where it lies.
+// One key field: its name to us and to readers, the flag that selects it, and where it lies.
 struct KeyField {
   Field field;
+  const char* name;
   unsigned long flag;
   std::size_t offset;
 };
@@ -43,7 +44,7 @@ struct OneKeyLayout {
     char version[11];
     std::uint32_t dataSize;  // bytes of data, its closing NUL included
   };
-  static constexpr std::array<KeyField, 1> KEYS{{{Field::KEY, MATCH_KEY, offsetof(Header, key)}}};
+  static constexpr std::array<KeyField, 1> KEYS{{{Field::KEY, "Key", MATCH_KEY, offsetof(Header, key)}}};
   static constexpr unsigned long WHOLE_KEY = MATCH_KEY;
   static constexpr std::array<std::uint8_t, 3> INDEX_FLAGS{MATCH_KEY, 0, 0};
 };
@@ -55,8 +56,9 @@ struct TwoKeyLayout {
     char version[10];
     std::uint32_t dataSize;
   };
-  static constexpr std::array<KeyField, 2> KEYS{{{Field::GROUP_KEY, MATCH_GROUP_KEY, offsetof(Header, groupKey)},
-                                                 {Field::KEY, MATCH_KEY, offsetof(Header, key)}}};
+  static constexpr std::array<KeyField, 2> KEYS{
+      {{Field::GROUP_KEY, "GroupKey", MATCH_GROUP_KEY, offsetof(Header, groupKey)},
+       {Field::KEY, "Key", MATCH_KEY, offsetof(Header, key)}}};
   static constexpr unsigned long WHOLE_KEY = MATCH_GROUP_KEY | MATCH_KEY;
   static constexpr std::array<std::uint8_t, 3> INDEX_FLAGS{WHOLE_KEY, MATCH_GROUP_KEY, 0};
 };
@@ -70,9 +72,9 @@ struct ThreeKeyLayout {
     std::uint32_t dataSize;
   };
   static constexpr std::array<KeyField, 3> KEYS{
-      {{Field::GROUP_KEY, MATCH_GROUP_KEY, offsetof(Header, groupKey)},
-       {Field::SUB_GROUP_KEY, MATCH_SUB_GROUP_KEY, offsetof(Header, subGroupKey)},
-       {Field::KEY, MATCH_KEY, offsetof(Header, key)}}};
+      {{Field::GROUP_KEY, "GroupKey", MATCH_GROUP_KEY, offsetof(Header, groupKey)},
+       {Field::SUB_GROUP_KEY, "SubGroupKey", MATCH_SUB_GROUP_KEY, offsetof(Header, subGroupKey)},
+       {Field::KEY, "Key", MATCH_KEY, offsetof(Header, key)}}};
   static constexpr unsigned long WHOLE_KEY = MATCH_GROUP_KEY | MATCH_SUB_GROUP_KEY | MATCH_KEY;
   static constexpr std::array<std::uint8_t, 3> INDEX_FLAGS{WHOLE_KEY, MATCH_GROUP_KEY, MATCH_SUB_GROUP_KEY | MATCH_KEY};
 };

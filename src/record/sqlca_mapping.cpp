@@ -8,6 +8,7 @@
 #include "platform/admin/return_code_table.h"
 #include "platform/trace_scope.h"
 #include "record/record_layout.h"
+#include "record/trace_points.h"
 #include "zonmdfile/platform/admin.h"
 #include "zonmdfile/zonmdfile.h"
 
@@ -45,7 +46,7 @@ void joinTokens(std::int32_t tokenCount, const char* const* tokens, char (&joine
 }  // namespace
 
 extern "C" std::int32_t mapMDFileRcToSqlcode(std::uint32_t rc, std::uint32_t subjectKind) {
-  zon::TraceScope trace(zon::trace::mapMDFileRcToSqlcode);
+  zon::TraceScope trace(zon::trace::point("mapMDFileRcToSqlcode"));
   const bool isContact = subjectKind == ZON_SUBJECT_CONTACT;
   if (rc == MD_RC_OK) return trace.exit(0);
   if (rc == GENREG_RC_DUPLICATE_KEY) return trace.exit(isContact ? SQLCODE_CONTACT_EXISTS : SQLCODE_RECORD_EXISTS);
@@ -55,7 +56,7 @@ extern "C" std::int32_t mapMDFileRcToSqlcode(std::uint32_t rc, std::uint32_t sub
 
 extern "C" std::int32_t mapMDFileRcToSqlca(std::uint64_t rc, std::int32_t tokenCount, const char* const* tokens,
                                            std::uint32_t subjectKind, struct sqlca* sqlca) {
-  zon::TraceScope trace(zon::trace::mapMDFileRcToSqlca);
+  zon::TraceScope trace(zon::trace::point("mapMDFileRcToSqlca"));
   const std::int32_t sqlcode = mapMDFileRcToSqlcode(static_cast<std::uint32_t>(rc), subjectKind);
   char joined[JOINED_SIZE];
   joined[0] = '\0';

@@ -3,11 +3,11 @@
 // The rule: the operations of the family are compiled here for this store, and only here.
 #include "zonmdfile/MDCloningHistory.h"
 
-#include "platform/trace_points.h"
 #include "stores/two_key_store_impl.h"
 
-static_assert(MDCloningHistory::TRACE_BASE == zon::trace::MD_CLONING_HISTORY);
-
 const char* const MDCloningHistory::FILENAME = "zoncloninghistory";
+
+template <>
+inline constexpr const char* zon::NAME<MDCloningHistory> = "MDCloningHistory";
 
 template class TwoKeyStore<MDCloningHistory>;

@@ -5,14 +5,14 @@
 
 #include <string_view>
 
-#include "platform/trace_points.h"
 #include "record/tokenized_text.h"
 #include "stores/contact_fields.h"
 #include "stores/one_key_store_impl.h"
 
-static_assert(MDContact::TRACE_BASE == zon::trace::MD_CONTACT);
-
 const char* const MDContact::FILENAME = "zoncontact";
+
+template <>
+inline constexpr const char* zon::NAME<MDContact> = "MDContact";
 
 template class OneKeyStore<MDContact>;
 
@@ -36,21 +36,21 @@ std::uint32_t readNumber(const DString& data, unsigned long field, int& output) 
 }  // namespace
 
 std::uint32_t MDContact::getEmailAddress(DString& data, DString& address) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::GET_EMAIL_ADDRESS_OP, {&data},
-                              [&] { return readText(data, zon::EMAIL_ADDRESS, address); });
+  return zon::traced(zon::operation<MDContact>("getEmailAddress"), {&data},
+                     [&] { return readText(data, zon::EMAIL_ADDRESS, address); });
 }
 
 std::uint32_t MDContact::getNotificationType(DString& data, int& type) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::GET_NOTIFICATION_TYPE_OP, {&data},
-                              [&] { return readNumber(data, zon::NOTIFICATION_TYPE, type); });
+  return zon::traced(zon::operation<MDContact>("getNotificationType"), {&data},
+                     [&] { return readNumber(data, zon::NOTIFICATION_TYPE, type); });
 }
 
 std::uint32_t MDContact::getDescription(DString& data, DString& description) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::GET_DESCRIPTION_OP, {&data},
-                              [&] { return readText(data, zon::DESCRIPTION, description); });
+  return zon::traced(zon::operation<MDContact>("getDescription"), {&data},
+                     [&] { return readText(data, zon::DESCRIPTION, description); });
 }
 
 std::uint32_t MDContact::getMaxPageLength(DString& data, int& length) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::GET_MAX_PAGE_LENGTH_OP, {&data},
-                              [&] { return readNumber(data, zon::MAX_PAGE_LENGTH, length); });
+  return zon::traced(zon::operation<MDContact>("getMaxPageLength"), {&data},
+                     [&] { return readNumber(data, zon::MAX_PAGE_LENGTH, length); });
 }

@@ -9,18 +9,20 @@
 
 #include "stores/contact_group_lists.h"
 #include "stores/group_expansion.h"
-#include "stores/store_operations.h"
-
-static_assert(MDContactGroup::TRACE_BASE == zon::trace::MD_CONTACT_GROUP);
+#include "stores/store_frame.h"
 
 const char* const MDContactGroup::FILENAME = "zoncontactgroup";
 
+template <>
+inline constexpr const char* zon::NAME<MDContactGroup> = zon::CONTACT_GROUP;
+
 using zon::Field;
-using zon::Keys;
 using zon::ListOutput;
 using zon::ThreeKeyLayout;
 
 namespace {
+
+consteval zon::StoreOperation operation(std::string_view name) { return zon::operation<MDContactGroup>(name); }
 
 constexpr unsigned long MATCH_GROUP_AND_KIND = zon::MATCH_GROUP_KEY | zon::MATCH_SUB_GROUP_KEY;
 constexpr unsigned long MATCH_MEMBER = zon::MATCH_SUB_GROUP_KEY | zon::MATCH_KEY;
@@ -41,8 +43,7 @@ std::uint32_t changeListed(MDContactGroup& store, DString& group, const DString&
     if (rc != MD_RC_OK) break;
     DString kind(kindText);
     DString member(memberText);
-    rc = zon::changeRecord<ThreeKeyLayout>(store, MDContactGroup::SOURCE, {&group, &kind, &member}, description,
-                                           version);
+    rc = zon::changeRecord<ThreeKeyLayout>(store, zon::CONTACT_GROUP, {&group, &kind, &member}, description, version);
   }
   // What is not durable outweighs whatever a change had to tell.
   const std::uint32_t commitRc = batch.commit();
@@ -52,51 +53,30 @@ std::uint32_t changeListed(MDContactGroup& store, DString& group, const DString&
 }  // namespace
 
 MDContactGroup::MDContactGroup() : MDThreeKeyReg(FILENAME) {
-  zon::TraceScope trace(TRACE_BASE + zon::trace::CONSTRUCT_OP);
+  zon::TraceScope trace(operation(zon::trace::CONSTRUCTOR).point);
 }
 
-MDContactGroup::~MDContactGroup() { zon::TraceScope trace(TRACE_BASE + zon::trace::DESTROY_OP); }
+MDContactGroup::~MDContactGroup() { zon::TraceScope trace(operation(zon::trace::DESTRUCTOR).point); }
 
 std::uint32_t MDContactGroup::insert(DString& group, DString kind, DString& member, DString& description,
                                      DString version) {
-  return zon::tracedOperation(
-      TRACE_BASE + zon::trace::INSERT_OP, {&group, &kind, &member, &description, &version}, [&] {
-        const Keys<ThreeKeyLayout> recordKeys{&group, &kind, &member};
-        if (const std::uint32_t rc = zon::checkRecord<ThreeKeyLayout>(*this, recordKeys, description, version)) {
-          return rc;
-        }
-        return zon::addRecord<ThreeKeyLayout>(*this, SOURCE, recordKeys, description, version);
-      });
+  return zon::insertRecord(*this, operation("insert"), {&group, &kind, &member}, description, version);
 }
 
 std::uint32_t MDContactGroup::remove(DString& group, DString kind, DString& member) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::REMOVE_OP, {&group, &kind, &member}, [&] {
-    const Keys<ThreeKeyLayout> recordKeys{&group, &kind, &member};
-    if (const std::uint32_t rc = zon::checkKeys(*this, recordKeys)) return rc;
-    return zon::deleteRecords<ThreeKeyLayout>(*this, SOURCE, ThreeKeyLayout::WHOLE_KEY, recordKeys);
-  });
+  return zon::removeRecord(*this, operation("remove"), {&group, &kind, &member});
 }
 
 std::uint32_t MDContactGroup::removeGroup(DString& group, DString kind) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::REMOVE_GROUP_OF_KIND_OP, {&group, &kind}, [&] {
-    const Keys<ThreeKeyLayout> recordKeys{&group, &kind};
-    if (const std::uint32_t rc = zon::checkKeys(*this, recordKeys)) return rc;
-    const zon::DeleteAllScope all(*this);
-    return zon::deleteRecords<ThreeKeyLayout>(*this, SOURCE, MATCH_GROUP_AND_KIND, recordKeys);
-  });
+  return zon::removeMatches(*this, operation("removeGroup(group, kind)"), MATCH_GROUP_AND_KIND, {&group, &kind});
 }
 
 std::uint32_t MDContactGroup::removeGroup(DString& group) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::REMOVE_GROUP_OP, {&group}, [&] {
-    const Keys<ThreeKeyLayout> recordKeys{&group};
-    if (const std::uint32_t rc = zon::checkKeys(*this, recordKeys)) return rc;
-    const zon::DeleteAllScope all(*this);
-    return zon::deleteRecords<ThreeKeyLayout>(*this, SOURCE, zon::MATCH_GROUP_KEY, recordKeys);
-  });
+  return zon::removeMatches(*this, operation("removeGroup(group)"), zon::MATCH_GROUP_KEY, {&group});
 }
 
 std::uint32_t MDContactGroup::update(DString& group, DString& description, DString version) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::UPDATE_OP, {&group, &description, &version}, [&] {
+  return zon::traced(operation("update"), {&group, &description, &version}, [&] {
     if (const std::uint32_t rc = zon::checkRecord<ThreeKeyLayout>(*this, {&group}, description, version)) return rc;
     DString kinds;
     DString members;
@@ -106,67 +86,52 @@ std::uint32_t MDContactGroup::update(DString& group, DString& description, DStri
 }
 
 std::uint32_t MDContactGroup::retrieveKeys(DString& groups, DString& kinds, DString& members) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_KEYS_OP, {}, [&] {
-    return zon::listRecords<ThreeKeyLayout>(
-        *this, SOURCE, zon::MATCH_ALL, {},
-        std::array{ListOutput{Field::GROUP_KEY, &groups}, ListOutput{Field::SUB_GROUP_KEY, &kinds},
-                   ListOutput{Field::KEY, &members}});
-  });
+  return zon::listMatches(*this, operation("retrieveKeys"), zon::MATCH_ALL, {},
+                          std::array{ListOutput{Field::GROUP_KEY, &groups}, ListOutput{Field::SUB_GROUP_KEY, &kinds},
+                                     ListOutput{Field::KEY, &members}});
 }
 
 std::uint32_t MDContactGroup::retrieveAll(DString& groups, DString& kinds, DString& members, DString& descriptions,
                                           DString& versions) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_ALL_OP, {}, [&] {
-    return zon::listRecords<ThreeKeyLayout>(
-        *this, SOURCE, zon::MATCH_ALL, {},
-        std::array{ListOutput{Field::GROUP_KEY, &groups}, ListOutput{Field::SUB_GROUP_KEY, &kinds},
-                   ListOutput{Field::KEY, &members}, ListOutput{Field::DATA, &descriptions},
-                   ListOutput{Field::VERSION, &versions}});
-  });
+  return zon::listMatches(*this, operation("retrieveAll"), zon::MATCH_ALL, {},
+                          std::array{ListOutput{Field::GROUP_KEY, &groups}, ListOutput{Field::SUB_GROUP_KEY, &kinds},
+                                     ListOutput{Field::KEY, &members}, ListOutput{Field::DATA, &descriptions},
+                                     ListOutput{Field::VERSION, &versions}});
 }
 
 std::uint32_t MDContactGroup::retrieveList(DString& group, DString& kinds, DString& members, DString& descriptions,
                                            DString& versions) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_LIST_OP, {&group}, [&] {
-    const Keys<ThreeKeyLayout> recordKeys{&group};
-    if (const std::uint32_t rc = zon::checkKeys(*this, recordKeys)) return rc;
-    return zon::listRecords<ThreeKeyLayout>(
-        *this, SOURCE, zon::MATCH_GROUP_KEY, recordKeys,
-        std::array{ListOutput{Field::SUB_GROUP_KEY, &kinds}, ListOutput{Field::KEY, &members},
-                   ListOutput{Field::DATA, &descriptions}, ListOutput{Field::VERSION, &versions}});
-  });
+  return zon::listMatches(*this, operation("retrieveList"), zon::MATCH_GROUP_KEY, {&group},
+                          std::array{ListOutput{Field::SUB_GROUP_KEY, &kinds}, ListOutput{Field::KEY, &members},
+                                     ListOutput{Field::DATA, &descriptions}, ListOutput{Field::VERSION, &versions}});
 }
 
 std::uint32_t MDContactGroup::retrieveGroupOrContactList(DString& group, DString kind, DString& members,
                                                          DString& descriptions, DString& versions) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_GROUP_OR_CONTACT_LIST_OP, {&group, &kind}, [&] {
-    const Keys<ThreeKeyLayout> recordKeys{&group, &kind};
-    if (const std::uint32_t rc = zon::checkKeys(*this, recordKeys)) return rc;
-    return zon::listRecords<ThreeKeyLayout>(
-        *this, SOURCE, MATCH_GROUP_AND_KIND, recordKeys,
-        std::array{ListOutput{Field::KEY, &members}, ListOutput{Field::DATA, &descriptions},
-                   ListOutput{Field::VERSION, &versions}});
-  });
+  return zon::listMatches(*this, operation("retrieveGroupOrContactList"), MATCH_GROUP_AND_KIND, {&group, &kind},
+                          std::array{ListOutput{Field::KEY, &members}, ListOutput{Field::DATA, &descriptions},
+                                     ListOutput{Field::VERSION, &versions}});
 }
 
+// Checks the member before the kind, unlike every other listing.
 std::uint32_t MDContactGroup::retrieveParentGroupList(DString& groups, DString kind, DString& member,
                                                       DString& descriptions, DString& versions) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_PARENT_GROUP_LIST_OP, {&kind, &member}, [&] {
+  return zon::traced(operation("retrieveParentGroupList"), {&kind, &member}, [&] {
     if (const std::uint32_t rc = zon::checkMember(*this, kind, member)) return rc;
     return zon::listRecords<ThreeKeyLayout>(
-        *this, SOURCE, MATCH_MEMBER, {nullptr, &kind, &member},
+        *this, zon::CONTACT_GROUP, MATCH_MEMBER, {nullptr, &kind, &member},
         std::array{ListOutput{Field::GROUP_KEY, &groups}, ListOutput{Field::DATA, &descriptions},
                    ListOutput{Field::VERSION, &versions}});
   });
 }
 
 std::uint32_t MDContactGroup::retrieveAllNames(DString& group, DSet<DString>& contacts, DSet<DString>& groups) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_ALL_NAMES_OP, {&group},
-                              [&] { return zon::GroupExpansion(*this, contacts, groups).run(group); });
+  return zon::traced(operation("retrieveAllNames"), {&group},
+                     [&] { return zon::GroupExpansion(*this, contacts, groups).run(group); });
 }
 
 std::uint32_t MDContactGroup::retrieveAllContact(DString& group, DSet<DString>& contacts) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_ALL_CONTACT_OP, {&group}, [&] {
+  return zon::traced(operation("retrieveAllContact"), {&group}, [&] {
     DSet<DString> visited(1, 1);
     visited.add(group);
     return retrieveAllNames(group, contacts, visited);
@@ -174,7 +139,7 @@ std::uint32_t MDContactGroup::retrieveAllContact(DString& group, DSet<DString>& 
 }
 
 std::uint32_t MDContactGroup::retrieveAllContactNames(DString& group, DString& names) {
-  return zon::tracedOperation(TRACE_BASE + zon::trace::RETRIEVE_ALL_CONTACT_NAMES_OP, {&group}, [&]() -> std::uint32_t {
+  return zon::traced(operation("retrieveAllContactNames"), {&group}, [&]() -> std::uint32_t {
     DString wanted(group);  // callers may pass one string as both
     names.clear();
     DSet<DString> contacts(1, 1);
@@ -197,7 +162,7 @@ std::uint32_t MDContactGroup::retrieveAllContactNames(DString& group, DString& n
 }
 
 void printSet(DSet<DString>& names) {
-  zon::TraceScope trace(zon::trace::printSet);
+  zon::TraceScope trace(zon::trace::point("printSet"));
   for (std::size_t i = 1; i <= names.count(); ++i) std::printf("\t\t%s\n", names.elementAt(i).c_str());
   std::printf("\n");
 }

@@ -3,11 +3,11 @@
 // The rule: the operations of the family are compiled here for this store, and only here.
 #include "zonmdfile/MDCustomTree.h"
 
-#include "platform/trace_points.h"
 #include "stores/one_key_store_impl.h"
 
-static_assert(MDCustomTree::TRACE_BASE == zon::trace::MD_CUSTOM_TREE);
-
 const char* const MDCustomTree::FILENAME = "zoncustomtree";
+
+template <>
+inline constexpr const char* zon::NAME<MDCustomTree> = "MDCustomTree";
 
 template class OneKeyStore<MDCustomTree>;

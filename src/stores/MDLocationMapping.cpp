@@ -3,11 +3,11 @@
 // The rule: the operations of the family are compiled here for this store, and only here.
 #include "zonmdfile/MDLocationMapping.h"
 
-#include "platform/trace_points.h"
 #include "stores/one_key_store_impl.h"
 
-static_assert(MDLocationMapping::TRACE_BASE == zon::trace::MD_LOCATION_MAPPING);
-
 const char* const MDLocationMapping::FILENAME = "zonlocationmap";
+
+template <>
+inline constexpr const char* zon::NAME<MDLocationMapping> = "MDLocationMapping";
 
 template class OneKeyStore<MDLocationMapping>;

@@ -3,11 +3,11 @@
 // The rule: the operations of the family are compiled here for this store, and only here.
 #include "zonmdfile/MDSubSystemSetting.h"
 
-#include "platform/trace_points.h"
 #include "stores/one_key_store_impl.h"
 
-static_assert(MDSubSystemSetting::TRACE_BASE == zon::trace::MD_SUB_SYSTEM_SETTING);
-
 const char* const MDSubSystemSetting::FILENAME = "zonsubsystemsetting";
+
+template <>
+inline constexpr const char* zon::NAME<MDSubSystemSetting> = "MDSubSystemSetting";
 
 template class OneKeyStore<MDSubSystemSetting>;

@@ -3,11 +3,11 @@
 // The rule: the operations of the family are compiled here for this store, and only here.
 #include "zonmdfile/MDUtilityHistory.h"
 
-#include "platform/trace_points.h"
 #include "stores/two_key_store_impl.h"
 
-static_assert(MDUtilityHistory::TRACE_BASE == zon::trace::MD_UTILITY_HISTORY);
-
 const char* const MDUtilityHistory::FILENAME = "zonutilityhistory";
+
+template <>
+inline constexpr const char* zon::NAME<MDUtilityHistory> = "MDUtilityHistory";
 
 template class TwoKeyStore<MDUtilityHistory>;

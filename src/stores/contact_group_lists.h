@@ -8,52 +8,55 @@
 #include <cstdint>
 
 #include "stores/store_operations.h"
-#include "zonmdfile/MDContactGroup.h"
+#include "zonmdfile/MDThreeKeyReg.h"
 
 namespace zon {
 
+// The store's name, which labels what is allocated for it.
+inline constexpr const char* CONTACT_GROUP = "MDContactGroup";
+
 // The members of one kind of a group.
-inline std::uint32_t listMembers(MDContactGroup& store, DString& group, DString& kind, DString& members) {
+inline std::uint32_t listMembers(MDThreeKeyReg& file, DString& group, DString& kind, DString& members) {
   const Keys<ThreeKeyLayout> recordKeys{&group, &kind};
-  if (const std::uint32_t rc = checkKeys(store, recordKeys)) return rc;
-  return listRecords<ThreeKeyLayout>(store, MDContactGroup::SOURCE, MATCH_GROUP_KEY | MATCH_SUB_GROUP_KEY, recordKeys,
+  if (const std::uint32_t rc = checkKeys(file, recordKeys)) return rc;
+  return listRecords<ThreeKeyLayout>(file, CONTACT_GROUP, MATCH_GROUP_KEY | MATCH_SUB_GROUP_KEY, recordKeys,
                                      std::array{ListOutput{Field::KEY, &members}});
 }
 
 // Kinds and members of a group.
-inline std::uint32_t listRecordsOfGroup(MDContactGroup& store, DString& group, DString& kinds, DString& members) {
+inline std::uint32_t listRecordsOfGroup(MDThreeKeyReg& file, DString& group, DString& kinds, DString& members) {
   const Keys<ThreeKeyLayout> recordKeys{&group};
-  if (const std::uint32_t rc = checkKeys(store, recordKeys)) return rc;
+  if (const std::uint32_t rc = checkKeys(file, recordKeys)) return rc;
   return listRecords<ThreeKeyLayout>(
-      store, MDContactGroup::SOURCE, MATCH_GROUP_KEY, recordKeys,
+      file, CONTACT_GROUP, MATCH_GROUP_KEY, recordKeys,
       std::array{ListOutput{Field::SUB_GROUP_KEY, &kinds}, ListOutput{Field::KEY, &members}});
 }
 
 // Parents are looked up by the member first: its name decides the code before the kind's does.
-inline std::uint32_t checkMember(MDContactGroup& store, DString& kind, DString& member) {
-  if (const std::uint32_t rc = store.checkKeyLength(member)) return rc;
-  return store.checkSubGroupKeyLength(kind);
+inline std::uint32_t checkMember(MDThreeKeyReg& file, DString& kind, DString& member) {
+  if (const std::uint32_t rc = file.checkKeyLength(member)) return rc;
+  return file.checkSubGroupKeyLength(kind);
 }
 
 // The groups that hold a member with this kind.
-inline std::uint32_t listParents(MDContactGroup& store, DString& kind, DString& member, DString& groups) {
-  if (const std::uint32_t rc = checkMember(store, kind, member)) return rc;
-  return listRecords<ThreeKeyLayout>(store, MDContactGroup::SOURCE, MATCH_SUB_GROUP_KEY | MATCH_KEY,
-                                     {nullptr, &kind, &member}, std::array{ListOutput{Field::GROUP_KEY, &groups}});
+inline std::uint32_t listParents(MDThreeKeyReg& file, DString& kind, DString& member, DString& groups) {
+  if (const std::uint32_t rc = checkMember(file, kind, member)) return rc;
+  return listRecords<ThreeKeyLayout>(file, CONTACT_GROUP, MATCH_SUB_GROUP_KEY | MATCH_KEY, {nullptr, &kind, &member},
+                                     std::array{ListOutput{Field::GROUP_KEY, &groups}});
 }
 
 // 0 when the group has a record; else the code that its listing would give.
-inline std::uint32_t findGroup(MDContactGroup& store, DString& group) {
+inline std::uint32_t findGroup(MDThreeKeyReg& file, DString& group) {
   const Keys<ThreeKeyLayout> recordKeys{&group};
-  if (const std::uint32_t rc = checkKeys(store, recordKeys)) return rc;
-  return findRecord<ThreeKeyLayout>(store, MDContactGroup::SOURCE, MATCH_GROUP_KEY, recordKeys);
+  if (const std::uint32_t rc = checkKeys(file, recordKeys)) return rc;
+  return findRecord<ThreeKeyLayout>(file, CONTACT_GROUP, MATCH_GROUP_KEY, recordKeys);
 }
 
 // The number of the group's records.
-inline std::uint32_t countGroup(MDContactGroup& store, DString& group, std::size_t& count) {
+inline std::uint32_t countGroup(MDThreeKeyReg& file, DString& group, std::size_t& count) {
   const Keys<ThreeKeyLayout> recordKeys{&group};
-  if (const std::uint32_t rc = checkKeys(store, recordKeys)) return rc;
-  return countRecords<ThreeKeyLayout>(store, MDContactGroup::SOURCE, MATCH_GROUP_KEY, recordKeys, count);
+  if (const std::uint32_t rc = checkKeys(file, recordKeys)) return rc;
+  return countRecords<ThreeKeyLayout>(file, CONTACT_GROUP, MATCH_GROUP_KEY, recordKeys, count);
 }
 
 }  // namespace zon

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "stores/contact_group_lists.h"
+#include "zonmdfile/MDContactGroup.h"
 
 namespace zon {
 
@@ -47,13 +48,13 @@ void GroupExpansion::enter(DString& group) {
   Branch& branch = branches_.emplace_back();
   DString contactKind(MDContactGroup::CONTACT_KIND);
   DString names;
-  branch.contactsRc = listMembers(store_, group, contactKind, names);
+  branch.contactsRc = listMembers(file_, group, contactKind, names);
   if (branch.contactsRc == MD_RC_OK) {
     ListReader reader(names);
     for (std::string_view name; reader.next(name) == MD_RC_OK; ++branch.found) contacts_.add(DString(name));
   }
   DString groupKind(MDContactGroup::GROUP_KIND);
-  branch.groupsRc = listMembers(store_, group, groupKind, branch.nestedGroups);
+  branch.groupsRc = listMembers(file_, group, groupKind, branch.nestedGroups);
   if (branch.groupsRc == MD_RC_OK) branch.unvisited = ListReader(branch.nestedGroups);
 }
 

@@ -9,15 +9,16 @@
 #include <deque>
 
 #include "record/tokenized_text.h"
-#include "zonmdfile/MDContactGroup.h"
+#include "zonmdfile/MDThreeKeyReg.h"
+#include "zonmdfile/platform/DSet.h"
 
 namespace zon {
 
 class GroupExpansion {
  public:
   // Groups in `visited` are not entered again; `contacts` and `visited` grow.
-  GroupExpansion(MDContactGroup& store, DSet<DString>& contacts, DSet<DString>& visited)
-      : store_(store), contacts_(contacts), visited_(visited) {}
+  GroupExpansion(MDThreeKeyReg& file, DSet<DString>& contacts, DSet<DString>& visited)
+      : file_(file), contacts_(contacts), visited_(visited) {}
 
   std::uint32_t run(DString& group);
 
@@ -38,7 +39,7 @@ class GroupExpansion {
   void enter(DString& group);
   bool takeUnvisited(Branch& branch, DString& group);
 
-  MDContactGroup& store_;
+  MDThreeKeyReg& file_;
   DSet<DString>& contacts_;
   DSet<DString>& visited_;
   std::deque<Branch> branches_;  // branches stay in place: their readers point into them

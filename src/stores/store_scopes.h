@@ -1,29 +1,15 @@
-// Pairs that a store must close whatever happens in between: a scan, the delete-all feature, a batch, a traced
-// operation.
+// Pairs that a store must close whatever happens in between: a scan, the delete-all feature, a batch.
 //
 // The rule: no logic beyond the pair.
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
 #include <utility>
 
-#include "platform/guarded.h"
-#include "platform/trace_scope.h"
-#include "zonmdfile/platform/DString.h"
 #include "zonmdfile/platform/GenRegBin.h"
 #include "zonmdfile/platform/return_codes.h"
 
 namespace zon {
-
-// One traced operation of a store: entry, its arguments, exit with the code; exceptions become codes.
-template <class Body>
-std::uint32_t tracedOperation(std::uint32_t point, std::initializer_list<const DString*> arguments,
-                              Body&& body) noexcept {
-  TraceScope trace(point);
-  for (const DString* argument : arguments) trace.variable(argument->c_str(), argument->length());
-  return trace.exit(guarded(std::forward<Body>(body)));
-}
 
 // A scan that OpenScan has begun.
 class ScanScope {

@@ -34,7 +34,7 @@ class CloningMapping : public zontest::MetadataTest {
            textOf(version_);
   }
 
-  zontest::MemoryAccount account_{MDCloningMapping::SOURCE};
+  zontest::MemoryAccount account_{zontest::labelOf<MDCloningMapping>()};
   MDCloningMapping store_;
   DString groups_{"stale"};
   DString subGroups_{"stale"};

@@ -287,12 +287,12 @@ TEST_F(ContactGroups, ReleaseEveryBufferAlsoWhenAScanCannotBegin) {
   update("g", "x", "2");
   retrieveParents("0", "a");
   store_.removeGroup(Text("g"));
-  EXPECT_EQ(ossMemOutstanding(MDContactGroup::SOURCE), 0U);
+  EXPECT_EQ(ossMemOutstanding(zontest::labelOf<MDContactGroup>()), 0U);
   std::filesystem::remove(directory_ / MDContactGroup::FILENAME);
   blockFile(MDContactGroup::FILENAME);
   EXPECT_EQ(retrieveList("g"), GENREG_RC_NOT_REGULAR);
   EXPECT_EQ(retrieveKeys(), GENREG_RC_NOT_REGULAR);
-  EXPECT_EQ(ossMemOutstanding(MDContactGroup::SOURCE), 0U);
+  EXPECT_EQ(ossMemOutstanding(zontest::labelOf<MDContactGroup>()), 0U);
 }
 
 TEST_F(ContactGroups, DeepNestingNeedsNoStack) {

@@ -222,7 +222,7 @@ TYPED_TEST(OneKeyStores, ScanThatCannotBeginLeavesOutputsAndReleasesItsBuffers) 
   EXPECT_EQ(this->store_.retrieveKeys(this->keys_), GENREG_RC_NOT_REGULAR);
   EXPECT_EQ(this->retrieveAll(), GENREG_RC_NOT_REGULAR);
   EXPECT_EQ(textOf(this->keys_) + textOf(this->data_), "stalestale");
-  EXPECT_EQ(ossMemOutstanding(TypeParam::SOURCE), 0U);
+  EXPECT_EQ(ossMemOutstanding(zontest::labelOf<TypeParam>()), 0U);
 }
 
 TYPED_TEST(OneKeyStores, EngineFailuresPassThrough) {
@@ -245,7 +245,7 @@ TYPED_TEST(OneKeyStores, ReleasesEveryBuffer) {
   this->store_.retrieveKeys(this->keys_);
   this->store_.remove(Text("A"));
   this->store_.remove(Text("A"));
-  EXPECT_EQ(ossMemOutstanding(TypeParam::SOURCE), 0U);
+  EXPECT_EQ(ossMemOutstanding(zontest::labelOf<TypeParam>()), 0U);
 }
 
 // The n-th allocation fails, for every n that an operation has.
@@ -272,13 +272,15 @@ TYPED_TEST(OneKeyStores, EachFailedAllocationBecomesACode) {
   Text key("A");
   Text data("x");
   const DString version;  // costs no allocation when it is copied at the call
-  expectNoMemoryAtEachAllocation(TypeParam::SOURCE, [&] { return this->store_.insert(key, data, version); });
+  expectNoMemoryAtEachAllocation(zontest::labelOf<TypeParam>(),
+                                 [&] { return this->store_.insert(key, data, version); });
   Text newData("y");
-  expectNoMemoryAtEachAllocation(TypeParam::SOURCE, [&] { return this->store_.update(key, newData, version); });
-  expectNoMemoryAtEachAllocation(TypeParam::SOURCE,
+  expectNoMemoryAtEachAllocation(zontest::labelOf<TypeParam>(),
+                                 [&] { return this->store_.update(key, newData, version); });
+  expectNoMemoryAtEachAllocation(zontest::labelOf<TypeParam>(),
                                  [&] { return this->store_.retrieve(key, this->data_, this->version_); });
-  expectNoMemoryAtEachAllocation(TypeParam::SOURCE, [&] { return this->retrieveAll(); });
-  expectNoMemoryAtEachAllocation(TypeParam::SOURCE, [&] { return this->store_.remove(key); });
+  expectNoMemoryAtEachAllocation(zontest::labelOf<TypeParam>(), [&] { return this->retrieveAll(); });
+  expectNoMemoryAtEachAllocation(zontest::labelOf<TypeParam>(), [&] { return this->store_.remove(key); });
 }
 
 TEST(OneKeyFileNames, AreThoseOfTheirStores) {

@@ -38,7 +38,7 @@ class TwoKeyStores : public zontest::MetadataTest {
     return textOf(groups_) + " " + textOf(keys_) + " " + textOf(data_) + " " + textOf(version_);
   }
 
-  zontest::MemoryAccount account_{Store::SOURCE};
+  zontest::MemoryAccount account_{zontest::labelOf<Store>()};
   Store store_;
   DString groups_{"stale"};
   DString keys_{"stale"};
@@ -206,7 +206,7 @@ TYPED_TEST(TwoKeyStores, ReleasesEveryBufferOtherwise) {
 
 template <class Store>
 zontest::MemoryAccount accountOfTwoUpdates(Store& store) {
-  const zontest::MemoryAccount account(Store::SOURCE);
+  const zontest::MemoryAccount account(zontest::labelOf<Store>());
   store.insert(Text("G"), Text("K"), Text("x"), DString("1"));
   EXPECT_EQ(store.update(Text("G"), Text("K"), Text("y"), DString("1")), 0U);
   EXPECT_EQ(store.update(Text("G"), Text("missing"), Text("y"), DString("1")), GENREG_RC_NOT_FOUND);

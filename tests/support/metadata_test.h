@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <typeinfo>
 
 #include "support/temporary_folder.h"
 #include "zonmdfile/platform/DString.h"
@@ -41,6 +42,15 @@ class MetadataTest : public testing::Test {
 
   MetadataDirectory directory_;
 };
+
+// What a store labels its allocations with: the name of its class.
+template <class Store>
+const char* labelOf() {
+  // The mangled name of a class outside all namespaces: its length, then its text.
+  const char* name = typeid(Store).name();
+  while (*name >= '0' && *name <= '9') ++name;
+  return name;
+}
 
 // What a test writes as red|green| is the list of red and green.
 inline std::string listOf(std::string text) {

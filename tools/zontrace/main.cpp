@@ -12,8 +12,8 @@
 #include <map>
 #include <string>
 
+#include "catalogue.h"
 #include "exit_codes.h"
-#include "platform/trace_points.h"
 #include "print_recording.h"
 #include "process_control.h"
 #include "ring_reader.h"
@@ -151,9 +151,9 @@ int runPrint(const Options& options) {
 int runIds(const Options& options) {
   const bool isDocument = options.output == Output::JSON;
   std::size_t found = 0;
-  for (const zon::trace::TracePoint& row : zon::trace::POINTS) {
-    const std::string number = std::to_string(row.identifier);
-    if (row.name.find(options.pattern) == std::string_view::npos && number != options.pattern) continue;
+  for (const TracedFunction& row : catalogue()) {
+    const std::string number = std::to_string(row.point);
+    if (row.name.find(options.pattern) == std::string::npos && number != options.pattern) continue;
     if (options.output == Output::TEXT) {
       std::cout << number << "  " << row.name << '\n';
     } else {

@@ -6,7 +6,7 @@
 #include <cstdio>
 #include <ctime>
 
-#include "platform/trace_points.h"
+#include "catalogue.h"
 #ifdef ZON_HAS_RETURN_CODE_NAMES
 #include "zonmdfile/platform/admin.h"
 #endif
@@ -15,9 +15,13 @@ namespace zontrace {
 
 namespace {
 
-using zon::trace::Result;
-
 constexpr std::uint64_t NANOSECONDS = 1'000'000'000;
+
+// What is not in the catalogue is taken for a return code.
+Result resultOf(std::uint32_t point) {
+  const TracedFunction* const function = findFunction(point);
+  return function != nullptr ? function->result : Result::RETURN_CODE;
+}
 
 const char* codeName(std::uint32_t rc) {
 #ifdef ZON_HAS_RETURN_CODE_NAMES
@@ -60,24 +64,24 @@ std::size_t characterLength(std::string_view bytes) {
 }  // namespace
 
 std::string functionName(std::uint32_t point) {
-  const std::string_view name = zon::trace::nameOf(point);
-  return name.empty() ? "function " + std::to_string(point) : std::string(name);
+  const TracedFunction* const function = findFunction(point);
+  return function == nullptr ? "function " + std::to_string(point) : function->name;
 }
 
 std::int64_t resultNumber(std::uint32_t point, std::uint32_t result) {
-  if (zon::trace::resultOf(point) == Result::RETURN_CODE) return result;
+  if (resultOf(point) == Result::RETURN_CODE) return result;
   return static_cast<std::int32_t>(result);
 }
 
 std::string resultName(std::uint32_t point, std::uint32_t result) {
-  if (zon::trace::resultOf(point) != Result::RETURN_CODE) return {};
+  if (resultOf(point) != Result::RETURN_CODE) return {};
   const char* const name = codeName(result);
   return name == nullptr ? std::string() : std::string(name);
 }
 
 std::string resultText(std::uint32_t point, std::uint32_t result) {
   const std::string number = std::to_string(resultNumber(point, result));
-  switch (zon::trace::resultOf(point)) {
+  switch (resultOf(point)) {
     case Result::SQLCODE:
       return "SQLCODE " + number;
     case Result::NUMBER:

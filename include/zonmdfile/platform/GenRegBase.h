@@ -7,6 +7,7 @@
 #ifndef ZONMDFILE_PLATFORM_GENREGBASE_H
 #define ZONMDFILE_PLATFORM_GENREGBASE_H
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 
@@ -38,6 +39,15 @@ class ZON_EXPORT GenRegBase {
   static constexpr unsigned long FEATURE_DELETE_ALL = 2; /* Delete takes every matching record, not only the first */
   static constexpr std::uint32_t DEFAULT_LOCK_WAIT_MS = 30000;
 
+  /* Where the names of the five files go: PATH_SIZE bytes each, of which only those up to the NUL are read. */
+  struct FileNames {
+    char* file;
+    char* temporary;
+    char* corruptCopy;
+    char* lock;
+    char* backup;
+  };
+
   GenRegBase();
   ~GenRegBase(); /* NOLINT(performance-trivially-destructible): exported, so that it may come to do something */
   GenRegBase(const GenRegBase&) = delete;
@@ -60,6 +70,14 @@ class ZON_EXPORT GenRegBase {
     MaxSizeCallback maxRecordSize;
     DigestCallback digest;
   };
+
+  using IndexFlags = std::array<std::uint8_t, MAX_INDEXES>;
+
+  /* What a record type's constructor sets; indexFlags as the field below. */
+  void setRecordType(const Callbacks& callbacks, const IndexFlags& indexFlags);
+  FileNames fileNames();
+  /* Changes are durable, damage is repaired, a backup is kept; all files get this creation mode. */
+  void keepDurably(std::uint32_t creationMode);
 
   Callbacks callbacks_{};
   /*

@@ -9,6 +9,8 @@
 #include <new>
 #include <string_view>
 
+#include "platform/admin/trace_points.h"
+#include "platform/trace_scope.h"
 #include "zonmdfile/platform/admin.h"
 
 namespace {
@@ -53,20 +55,22 @@ std::string_view directory() {
 }  // namespace
 
 extern "C" int getMetadataPath(char* path, size_t size) {
-  if (path == nullptr || size == 0) return 1;
+  zon::TraceScope trace(zon::trace::adminPoint("getMetadataPath"));
+  if (path == nullptr || size == 0) return trace.exit(1);
   const std::string_view found = directory();
   path[0] = '\0';
-  if (found.empty() || found.size() >= size) return 1;
+  if (found.empty() || found.size() >= size) return trace.exit(1);
   std::memcpy(path, found.data(), found.size());
   path[found.size()] = '\0';
-  return 0;
+  return trace.exit(0);
 }
 
 extern "C" int setMetadataPath(const char* path) {
+  zon::TraceScope trace(zon::trace::adminPoint("setMetadataPath"));
   const std::string_view wanted(path != nullptr ? path : "", path != nullptr ? ::strnlen(path, PATH_SIZE) : 0);
-  if (wanted.size() >= PATH_SIZE) return 1;
+  if (wanted.size() >= PATH_SIZE) return trace.exit(1);
   const KeptPath* kept = wanted.empty() ? nullptr : keep(wanted);
-  if (kept == nullptr && !wanted.empty()) return 1;
+  if (kept == nullptr && !wanted.empty()) return trace.exit(1);
   currentPath.store(kept, std::memory_order_release);
-  return 0;
+  return trace.exit(0);
 }

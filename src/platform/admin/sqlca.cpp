@@ -8,6 +8,8 @@
 #include <string_view>
 
 #include "platform/admin/return_code_table.h"
+#include "platform/admin/trace_points.h"
+#include "platform/trace_scope.h"
 #include "zonmdfile/platform/admin.h"
 
 static_assert(sizeof(sqlca) == 136);
@@ -54,6 +56,7 @@ void joinTokens(Message message, std::int32_t tokenCount, const char* const* tok
 
 extern "C" void vekFillSqlca(struct sqlca* sqlca, int32_t sqlcode, const char* function, int32_t tokenCount,
                              const char* const* tokens) {
+  zon::TraceScope trace(zon::trace::adminPoint("vekFillSqlca"));
   if (sqlca == nullptr) return;
   std::memset(sqlca, 0, sizeof(*sqlca));
   std::memcpy(sqlca->sqlcaid, "SQLCA   ", sizeof(sqlca->sqlcaid));

@@ -59,7 +59,7 @@ struct EventSlot {
   std::uint64_t seal;
   std::uint64_t time;          // CLOCK_MONOTONIC in ns
   std::uint64_t thread;        // as the caller named it: the kernel's number of the thread
-  std::uint32_t point;         // trace_points.h
+  std::uint32_t point;         // trace_table.h
   std::uint32_t probe;         // VARIABLE: probe number; ENTRY: class of events
   std::uint8_t kind;           // Kind
   std::uint8_t slots;          // 1 and the continuations that follow

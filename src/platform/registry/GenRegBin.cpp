@@ -3,7 +3,11 @@
 
 #include "platform/registry/engine_call.h"
 #include "platform/registry/reader.h"
+#include "platform/registry/trace_points.h"
 #include "platform/registry/transaction.h"
+#include "platform/trace_scope.h"
+
+using zon::trace::enginePoint;
 
 namespace {
 
@@ -26,11 +30,11 @@ std::uint32_t runChange(zon::Transaction* batch, const zon::RecordType& type, zo
 
 }  // namespace
 
-GenRegBin::GenRegBin() = default;
-GenRegBin::~GenRegBin() = default;
+GenRegBin::GenRegBin() { zon::TraceScope trace(enginePoint("GenRegBin::GenRegBin")); }
+GenRegBin::~GenRegBin() { zon::TraceScope trace(enginePoint("GenRegBin::~GenRegBin")); }
 
 std::uint32_t GenRegBin::Add(unsigned long flags, void* record) {
-  return zon::engineCall([&] {
+  return zon::engineCall(enginePoint("GenRegBin::Add"), [&] {
     if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     return runChange(batch_, recordType(), writerSettings(), true,
                      [&](zon::Transaction& transaction) { return transaction.add(flags, record); });
@@ -38,7 +42,7 @@ std::uint32_t GenRegBin::Add(unsigned long flags, void* record) {
 }
 
 std::uint32_t GenRegBin::Get(unsigned long flags, void* key, void* out) {
-  return zon::engineCall([&] {
+  return zon::engineCall(enginePoint("GenRegBin::Get"), [&] {
     const zon::RecordType type = recordType();
     auto* bytes = static_cast<std::byte*>(out);
     if (batch_ == nullptr) return zon::Reader(type, filePath_, backupPath_).get(flags, key, bytes);
@@ -50,7 +54,7 @@ std::uint32_t GenRegBin::Get(unsigned long flags, void* key, void* out) {
 }
 
 std::uint32_t GenRegBin::Change(unsigned long flags, void* key, void* record) {
-  return zon::engineCall([&] {
+  return zon::engineCall(enginePoint("GenRegBin::Change"), [&] {
     if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     return runChange(batch_, recordType(), writerSettings(), false,
                      [&](zon::Transaction& transaction) { return transaction.change(flags, key, record); });
@@ -58,7 +62,7 @@ std::uint32_t GenRegBin::Change(unsigned long flags, void* key, void* record) {
 }
 
 std::uint32_t GenRegBin::Delete(unsigned long flags, void* key) {
-  return zon::engineCall([&] {
+  return zon::engineCall(enginePoint("GenRegBin::Delete"), [&] {
     if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     const bool all = hasFeature(FEATURE_DELETE_ALL);
     return runChange(batch_, recordType(), writerSettings(), false,
@@ -67,7 +71,7 @@ std::uint32_t GenRegBin::Delete(unsigned long flags, void* key) {
 }
 
 std::uint32_t GenRegBin::GetNext(unsigned long flags, void* key, void* out) {
-  return zon::engineCall([&] {
+  return zon::engineCall(enginePoint("GenRegBin::GetNext"), [&] {
     if (scan_ == nullptr) return GENREG_RC_NO_SCAN;
     return scan_->next(flags, key, static_cast<std::byte*>(out));
   });

@@ -5,10 +5,15 @@
 #include <cstring>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 #include "platform/registry/engine_call.h"
 #include "platform/registry/reader.h"
+#include "platform/registry/trace_points.h"
 #include "platform/registry/transaction.h"
+#include "platform/trace_scope.h"
+
+using zon::trace::enginePoint;
 
 namespace zon {
 
@@ -85,9 +90,10 @@ std::uint32_t readStatus(const RecordType& type, const char* filePath, const cha
 
 }  // namespace zon
 
-GenRegFile::GenRegFile() = default;
+GenRegFile::GenRegFile() { zon::TraceScope trace(enginePoint("GenRegFile::GenRegFile")); }
 
 GenRegFile::~GenRegFile() {
+  zon::TraceScope trace(enginePoint("GenRegFile::~GenRegFile"));
   delete scan_;
   delete batch_;
 }
@@ -131,7 +137,7 @@ zon::WriterSettings GenRegFile::writerSettings() const {
 }
 
 std::uint32_t GenRegFile::OpenScan() {
-  return zon::engineCall([&] {
+  return zon::engineCall(enginePoint("GenRegFile::OpenScan"), [&] {
     if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     auto scan = std::make_unique<zon::Scan>(recordType(), filePath_, backupPath_);
     std::uint32_t rc = MD_RC_OK;
@@ -148,15 +154,17 @@ std::uint32_t GenRegFile::OpenScan() {
 GenRegScanExtent GenRegFile::scanExtent() const { return scan_ != nullptr ? scan_->extent() : GenRegScanExtent{}; }
 
 std::uint32_t GenRegFile::CloseScan() {
-  if (scan_ == nullptr) return GENREG_RC_NO_SCAN;
-  const std::uint32_t rc = scan_->close();
-  delete scan_;
-  scan_ = nullptr;
-  return rc;
+  return zon::engineCall(enginePoint("GenRegFile::CloseScan"), [&] {
+    if (scan_ == nullptr) return GENREG_RC_NO_SCAN;
+    const std::uint32_t rc = scan_->close();
+    delete scan_;
+    scan_ = nullptr;
+    return rc;
+  });
 }
 
 std::uint32_t GenRegFile::beginBatch() {
-  return zon::engineCall([&] {
+  return zon::engineCall(enginePoint("GenRegFile::beginBatch"), [&] {
     if (batch_ != nullptr) return GENREG_RC_BATCH_OPEN;
     auto batch = std::make_unique<zon::Transaction>(recordType(), writerSettings());
     // Without a file there is nothing to change or remove yet; the first record added makes it.
@@ -168,22 +176,21 @@ std::uint32_t GenRegFile::beginBatch() {
 }
 
 std::uint32_t GenRegFile::commitBatch() {
-  if (batch_ == nullptr) return GENREG_RC_NO_BATCH;
-  const std::unique_ptr<zon::Transaction> batch(batch_);
-  batch_ = nullptr;
-  if (scan_ != nullptr && scan_->isOfBatch()) {
-    delete scan_;
-    scan_ = nullptr;
-  }
-  return zon::engineCall([&] { return batch->hasFile() ? batch->commit() : MD_RC_OK; });
+  return zon::engineCall(enginePoint("GenRegFile::commitBatch"), [&] {
+    if (batch_ == nullptr) return GENREG_RC_NO_BATCH;
+    const std::unique_ptr<zon::Transaction> batch(std::exchange(batch_, nullptr));
+    if (scan_ != nullptr && scan_->isOfBatch()) delete std::exchange(scan_, nullptr);
+    return batch->hasFile() ? batch->commit() : MD_RC_OK;
+  });
 }
 
 std::uint32_t GenRegFile::status(GenRegStatus& status) {
-  return zon::engineCall([&] { return zon::readStatus(recordType(), filePath_, backupPath_, status); });
+  return zon::engineCall(enginePoint("GenRegFile::status"),
+                         [&] { return zon::readStatus(recordType(), filePath_, backupPath_, status); });
 }
 
 std::uint32_t GenRegFile::repair() {
-  return zon::engineCall([&] {
+  return zon::engineCall(enginePoint("GenRegFile::repair"), [&] {
     if (batch_ != nullptr) return GENREG_RC_BATCH_OPEN;
     if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     zon::WriterSettings settings = writerSettings();
@@ -200,7 +207,7 @@ std::uint32_t GenRegFile::repair() {
 }
 
 std::uint32_t GenRegFile::compact() {
-  return zon::engineCall([&] {
+  return zon::engineCall(enginePoint("GenRegFile::compact"), [&] {
     if (batch_ != nullptr) return GENREG_RC_BATCH_OPEN;
     if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     zon::Transaction transaction(recordType(), writerSettings());

@@ -6,8 +6,8 @@
 
 #include <sstream>
 
-#include "platform/trace_points.h"
 #include "print_recording.h"
+#include "record/trace_points.h"
 #include "text.h"
 
 namespace {
@@ -18,7 +18,7 @@ using zontrace::Event;
 using zontrace::Output;
 using zontrace::Recording;
 
-constexpr std::uint32_t OUTER = zon::trace::MDCustomTree_retrieve;
+constexpr std::uint32_t OUTER = zon::trace::point("MDCustomTree_retrieve");
 constexpr std::uint32_t INNER = zon::trace::point("MDCustomTree::retrieve");
 
 class CallTree : public testing::Test {

@@ -10,8 +10,8 @@
 #include <set>
 #include <thread>
 
+#include "catalogue.h"
 #include "exit_codes.h"
-#include "platform/trace_points.h"
 #include "process_control.h"
 #include "ring_reader.h"
 #include "traced_process.h"
@@ -387,8 +387,8 @@ TEST_F(TraceProcess, PrintingWhatIsNoRingTellsSo) {
 TEST_F(TraceProcess, TheCatalogueListsEveryTracePoint) {
   const ToolResult all = runZontrace("ids");
   EXPECT_EQ(all.code, 0);
-  for (const zon::trace::TracePoint& row : zon::trace::POINTS) {
-    EXPECT_THAT(all.output, HasSubstr(std::to_string(row.identifier) + "  " + std::string(row.name) + '\n'));
+  for (const zontrace::TracedFunction& row : zontrace::catalogue()) {
+    EXPECT_THAT(all.output, HasSubstr(std::to_string(row.point) + "  " + row.name + '\n'));
   }
   EXPECT_EQ(runZontrace("ids 451412909").output, "451412909  mapMDFileRcToSqlca\n");
   EXPECT_EQ(runZontrace("ids nobody").code, zontrace::EXIT_NOTHING);

@@ -18,18 +18,19 @@
 #include <vector>
 
 #include "platform/trace_scope.h"
+#include "record/trace_points.h"
 
 namespace {
 
 namespace trace = zon::trace;
 
 std::uint32_t inner() {
-  zon::TraceScope scope(trace::MD_CUSTOM_TREE + trace::RETRIEVE_OP);
+  zon::TraceScope scope(trace::point("MDCustomTree::retrieve"));
   return scope.exit(std::uint32_t{31004});
 }
 
 void outer(const std::string& value) {
-  zon::TraceScope scope(trace::MDCustomTree_retrieve);
+  zon::TraceScope scope(trace::point("MDCustomTree_retrieve"));
   scope.variable(value.data(), value.size());
   inner();
   scope.exit(std::int32_t{-22273});
