@@ -81,7 +81,7 @@ inline constexpr std::uint32_t SUBJECT_KIND<MDContactGroup> = ZON_SUBJECT_CONTAC
 // Makes a store for one call, hands it to body, and destroys it before it returns body's code. Exceptions of body
 // become codes; one that the store's constructor throws goes outward.
 template <class Store, class Body>
-std::uint32_t withStore(Body&& body) {
+[[nodiscard]] std::uint32_t withStore(Body&& body) {
   const std::unique_ptr<Store> store(new (std::nothrow) Store);
   if (store == nullptr) return MD_RC_NO_DATA;
   return guarded([&] { return std::forward<Body>(body)(*store); });
@@ -89,8 +89,8 @@ std::uint32_t withStore(Body&& body) {
 
 // Hands all results out, or none: the first empty one, or a lack of memory, keeps every cell as it was.
 template <std::size_t COUNT>
-std::uint32_t putResults(const ParameterBlock& block, const std::array<std::size_t, COUNT>& slots,
-                         std::array<DString, COUNT>& results) {
+[[nodiscard]] std::uint32_t putResults(const ParameterBlock& block, const std::array<std::size_t, COUNT>& slots,
+                                       std::array<DString, COUNT>& results) {
   for (const DString& result : results) {
     if (result.isEmpty()) return MD_RC_NO_DATA;
   }
@@ -105,7 +105,7 @@ std::uint32_t putResults(const ParameterBlock& block, const std::array<std::size
 // Calls the one operation of an entry point on a store of its own: a member of the store, or a function that takes it
 // first.
 template <class Store, auto OPERATION, const auto& TABLE>
-std::uint32_t callOperation(const ParameterBlock& block) {
+[[nodiscard]] std::uint32_t callOperation(const ParameterBlock& block) {
   using Slots = SlotNumbers<TABLE>;
   return withStore<Store>([&block](Store& store) {
     std::array<DString, Slots::INPUTS.size()> inputs;

@@ -8,6 +8,6 @@
 namespace zon {
 
 // removeMemberFromGroups for the text of an input cell; null is the empty name.
-std::uint32_t withdrawMember(const char* member, char kind) noexcept;
+[[nodiscard]] std::uint32_t withdrawMember(const char* member, char kind) noexcept;
 
 }  // namespace zon

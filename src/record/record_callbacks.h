@@ -44,12 +44,12 @@ std::uint64_t digestRecord(unsigned long flags, const void* record, std::uint64_
   return digest.finish();
 }
 
-inline std::uint32_t checkKeyText(const DString& key) {
+[[nodiscard]] inline std::uint32_t checkKeyText(const DString& key) {
   if (key.length() == 0) return MD_RC_KEY_EMPTY;
   return key.length() > MAX_KEY_LENGTH ? MD_RC_KEY_TOO_LONG : MD_RC_OK;
 }
 
-inline std::uint32_t checkDataText(const DString& data) {
+[[nodiscard]] inline std::uint32_t checkDataText(const DString& data) {
   if (data.length() == 0) return MD_RC_DATA_EMPTY;
   return data.length() > MAX_DATA_LENGTH ? MD_RC_DATA_TOO_LONG : MD_RC_OK;
 }

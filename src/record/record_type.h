@@ -13,12 +13,12 @@
 
 namespace zon {
 
-inline std::uint32_t checkKey(std::uint32_t point, const DString& key) {
+[[nodiscard]] inline std::uint32_t checkKey(std::uint32_t point, const DString& key) {
   TraceScope trace(point);
   return trace.exit(checkKeyText(key));
 }
 
-inline std::uint32_t checkData(std::uint32_t point, const DString& data) {
+[[nodiscard]] inline std::uint32_t checkData(std::uint32_t point, const DString& data) {
   TraceScope trace(point);
   return trace.exit(checkDataText(data));
 }

@@ -17,8 +17,8 @@ inline constexpr std::string_view LIST_TOKEN("\x0E", 1);
 
 // head: what stands before the first token; rest: what follows one byte after the token's start, whatever the token's
 // length. Both are the whole source when the token does not occur, and untouched when source or token is empty.
-inline std::uint32_t splitText(std::string_view source, std::string_view token, std::string_view& head,
-                               std::string_view& rest) {
+[[nodiscard]] inline std::uint32_t splitText(std::string_view source, std::string_view token, std::string_view& head,
+                                             std::string_view& rest) {
   if (source.empty() || token.empty()) return MD_RC_TOKEN_MISSING;
   const std::size_t at = source.find(token);
   head = source.substr(0, at);
@@ -28,8 +28,8 @@ inline std::uint32_t splitText(std::string_view source, std::string_view token, 
 
 // Field `index` from 1, by `index` splits; the code is that of the last one. Further splits of a text that no longer
 // changes give the same again, so a large index costs no more than the number of fields.
-inline std::uint32_t parseText(std::string_view source, std::string_view token, unsigned long index,
-                               std::string_view& field) {
+[[nodiscard]] inline std::uint32_t parseText(std::string_view source, std::string_view token, unsigned long index,
+                                             std::string_view& field) {
   std::string_view head;
   std::string_view rest;
   std::string_view work = source;
@@ -51,7 +51,7 @@ class ListReader {
   explicit ListReader(std::string_view list) : rest_(list) {}
 
   // MD_RC_TOKEN_MISSING when the list is used up.
-  std::uint32_t next(std::string_view& entry) {
+  [[nodiscard]] std::uint32_t next(std::string_view& entry) {
     std::string_view rest = rest_;
     const std::uint32_t rc = splitText(rest_, LIST_TOKEN, entry_, rest);
     rest_ = rest;

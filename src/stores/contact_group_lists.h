@@ -16,7 +16,7 @@ namespace zon {
 inline constexpr const char* CONTACT_GROUP = "MDContactGroup";
 
 // The members of one kind of a group.
-inline std::uint32_t listMembers(MDThreeKeyReg& file, DString& group, DString& kind, DString& members) {
+[[nodiscard]] inline std::uint32_t listMembers(MDThreeKeyReg& file, DString& group, DString& kind, DString& members) {
   const Keys<ThreeKeyLayout> recordKeys{&group, &kind};
   if (const std::uint32_t rc = checkKeys(file, recordKeys)) return rc;
   return listRecords<ThreeKeyLayout>(file, CONTACT_GROUP, MATCH_GROUP_KEY | MATCH_SUB_GROUP_KEY, recordKeys,
@@ -24,7 +24,8 @@ inline std::uint32_t listMembers(MDThreeKeyReg& file, DString& group, DString& k
 }
 
 // Kinds and members of a group.
-inline std::uint32_t listRecordsOfGroup(MDThreeKeyReg& file, DString& group, DString& kinds, DString& members) {
+[[nodiscard]] inline std::uint32_t listRecordsOfGroup(MDThreeKeyReg& file, DString& group, DString& kinds,
+                                                      DString& members) {
   const Keys<ThreeKeyLayout> recordKeys{&group};
   if (const std::uint32_t rc = checkKeys(file, recordKeys)) return rc;
   return listRecords<ThreeKeyLayout>(
@@ -33,27 +34,27 @@ inline std::uint32_t listRecordsOfGroup(MDThreeKeyReg& file, DString& group, DSt
 }
 
 // Parents are looked up by the member first: its name decides the code before the kind's does.
-inline std::uint32_t checkMember(MDThreeKeyReg& file, DString& kind, DString& member) {
+[[nodiscard]] inline std::uint32_t checkMember(MDThreeKeyReg& file, DString& kind, DString& member) {
   if (const std::uint32_t rc = file.checkKeyLength(member)) return rc;
   return file.checkSubGroupKeyLength(kind);
 }
 
 // The groups that hold a member with this kind.
-inline std::uint32_t listParents(MDThreeKeyReg& file, DString& kind, DString& member, DString& groups) {
+[[nodiscard]] inline std::uint32_t listParents(MDThreeKeyReg& file, DString& kind, DString& member, DString& groups) {
   if (const std::uint32_t rc = checkMember(file, kind, member)) return rc;
   return listRecords<ThreeKeyLayout>(file, CONTACT_GROUP, MATCH_SUB_GROUP_KEY | MATCH_KEY, {nullptr, &kind, &member},
                                      std::array{ListOutput{Field::GROUP_KEY, &groups}});
 }
 
 // 0 when the group has a record; else the code that its listing would give.
-inline std::uint32_t findGroup(MDThreeKeyReg& file, DString& group) {
+[[nodiscard]] inline std::uint32_t findGroup(MDThreeKeyReg& file, DString& group) {
   const Keys<ThreeKeyLayout> recordKeys{&group};
   if (const std::uint32_t rc = checkKeys(file, recordKeys)) return rc;
   return findRecord<ThreeKeyLayout>(file, CONTACT_GROUP, MATCH_GROUP_KEY, recordKeys);
 }
 
 // The number of the group's records.
-inline std::uint32_t countGroup(MDThreeKeyReg& file, DString& group, std::size_t& count) {
+[[nodiscard]] inline std::uint32_t countGroup(MDThreeKeyReg& file, DString& group, std::size_t& count) {
   const Keys<ThreeKeyLayout> recordKeys{&group};
   if (const std::uint32_t rc = checkKeys(file, recordKeys)) return rc;
   return countRecords<ThreeKeyLayout>(file, CONTACT_GROUP, MATCH_GROUP_KEY, recordKeys, count);

@@ -20,7 +20,7 @@ class GroupExpansion {
   GroupExpansion(MDThreeKeyReg& file, DSet<DString>& contacts, DSet<DString>& visited)
       : file_(file), contacts_(contacts), visited_(visited) {}
 
-  std::uint32_t run(DString& group);
+  [[nodiscard]] std::uint32_t run(DString& group);
 
  private:
   // A group whose nested groups are being expanded.
@@ -33,7 +33,7 @@ class GroupExpansion {
     std::uint32_t nestedRc = 0;
 
     void noteNested(std::uint32_t rc);
-    std::uint32_t result() const;
+    [[nodiscard]] std::uint32_t result() const;
   };
 
   void enter(DString& group);

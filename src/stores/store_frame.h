@@ -47,8 +47,8 @@ using KeysOf = Keys<LayoutOf<Type>>;
 
 // Entry with the keys and texts as variables, exit with the code; exceptions become codes.
 template <std::size_t COUNT, class Work>
-std::uint32_t traced(StoreOperation operation, const std::array<DString*, COUNT>& keys,
-                     std::initializer_list<const DString*> texts, Work&& work) noexcept {
+[[nodiscard]] std::uint32_t traced(StoreOperation operation, const std::array<DString*, COUNT>& keys,
+                                   std::initializer_list<const DString*> texts, Work&& work) noexcept {
   TraceScope trace(operation.point);
   for (const DString* key : keys) {
     if (key != nullptr) trace.variable(key->c_str(), key->length());
@@ -58,13 +58,14 @@ std::uint32_t traced(StoreOperation operation, const std::array<DString*, COUNT>
 }
 
 template <class Work>
-std::uint32_t traced(StoreOperation operation, std::initializer_list<const DString*> texts, Work&& work) noexcept {
+[[nodiscard]] std::uint32_t traced(StoreOperation operation, std::initializer_list<const DString*> texts,
+                                   Work&& work) noexcept {
   return traced(operation, std::array<DString*, 0>{}, texts, std::forward<Work>(work));
 }
 
 template <class Type>
-std::uint32_t insertRecord(Type& store, StoreOperation operation, const KeysOf<Type>& keys, DString& data,
-                           const DString& version) {
+[[nodiscard]] std::uint32_t insertRecord(Type& store, StoreOperation operation, const KeysOf<Type>& keys, DString& data,
+                                         const DString& version) {
   return traced(operation, keys, {&data, &version}, [&] {
     if (const std::uint32_t rc = checkRecord<LayoutOf<Type>>(store, keys, data, version)) return rc;
     return addRecord<LayoutOf<Type>>(store, operation.label, keys, data, version);
@@ -72,8 +73,8 @@ std::uint32_t insertRecord(Type& store, StoreOperation operation, const KeysOf<T
 }
 
 template <class Type>
-std::uint32_t updateRecord(Type& store, StoreOperation operation, const KeysOf<Type>& keys, DString& data,
-                           const DString& version, ChangeOptions options = {}) {
+[[nodiscard]] std::uint32_t updateRecord(Type& store, StoreOperation operation, const KeysOf<Type>& keys, DString& data,
+                                         const DString& version, ChangeOptions options = {}) {
   return traced(operation, keys, {&data, &version}, [&] {
     if (const std::uint32_t rc = checkRecord<LayoutOf<Type>>(store, keys, data, version)) return rc;
     return changeRecord<LayoutOf<Type>>(store, operation.label, keys, data, version, options);
@@ -81,8 +82,8 @@ std::uint32_t updateRecord(Type& store, StoreOperation operation, const KeysOf<T
 }
 
 template <class Type>
-std::uint32_t retrieveRecord(Type& store, StoreOperation operation, const KeysOf<Type>& keys, DString& data,
-                             DString& version) {
+[[nodiscard]] std::uint32_t retrieveRecord(Type& store, StoreOperation operation, const KeysOf<Type>& keys,
+                                           DString& data, DString& version) {
   return traced(operation, keys, {}, [&] {
     if (const std::uint32_t rc = checkKeys(store, keys)) return rc;
     return getRecord<LayoutOf<Type>>(store, operation.label, keys, data, version);
@@ -90,7 +91,7 @@ std::uint32_t retrieveRecord(Type& store, StoreOperation operation, const KeysOf
 }
 
 template <class Type>
-std::uint32_t removeRecord(Type& store, StoreOperation operation, const KeysOf<Type>& keys) {
+[[nodiscard]] std::uint32_t removeRecord(Type& store, StoreOperation operation, const KeysOf<Type>& keys) {
   return traced(operation, keys, {}, [&] {
     if (const std::uint32_t rc = checkKeys(store, keys)) return rc;
     return deleteRecords<LayoutOf<Type>>(store, operation.label, LayoutOf<Type>::WHOLE_KEY, keys);
@@ -99,7 +100,8 @@ std::uint32_t removeRecord(Type& store, StoreOperation operation, const KeysOf<T
 
 // Every record that has the keys which the flags select, all or nothing.
 template <class Type>
-std::uint32_t removeMatches(Type& store, StoreOperation operation, unsigned long flags, const KeysOf<Type>& keys) {
+[[nodiscard]] std::uint32_t removeMatches(Type& store, StoreOperation operation, unsigned long flags,
+                                          const KeysOf<Type>& keys) {
   return traced(operation, keys, {}, [&] {
     if (const std::uint32_t rc = checkKeys(store, keys)) return rc;
     const DeleteAllScope all(store);
@@ -109,9 +111,9 @@ std::uint32_t removeMatches(Type& store, StoreOperation operation, unsigned long
 
 // Lists of the records that have the keys which the flags select.
 template <class Type, std::size_t COUNT>
-std::uint32_t listMatches(Type& store, StoreOperation operation, unsigned long flags, const KeysOf<Type>& keys,
-                          const std::array<ListOutput, COUNT>& lists,
-                          OnFailedOpen onFailedOpen = OnFailedOpen::RELEASE_BUFFERS) {
+[[nodiscard]] std::uint32_t listMatches(Type& store, StoreOperation operation, unsigned long flags,
+                                        const KeysOf<Type>& keys, const std::array<ListOutput, COUNT>& lists,
+                                        OnFailedOpen onFailedOpen = OnFailedOpen::RELEASE_BUFFERS) {
   return traced(operation, keys, {}, [&] {
     if (const std::uint32_t rc = checkKeys(store, keys)) return rc;
     return listRecords<LayoutOf<Type>>(store, operation.label, flags, keys, lists, onFailedOpen);

@@ -33,17 +33,17 @@ template <class Layout>
 using Keys = std::array<DString*, Layout::KEYS.size()>;
 
 // The first failing check of the keys that are there, in the layout's order.
-inline std::uint32_t checkKeys(MDOneKeyReg& type, const Keys<OneKeyLayout>& keys) {
+[[nodiscard]] inline std::uint32_t checkKeys(MDOneKeyReg& type, const Keys<OneKeyLayout>& keys) {
   return keys[0] != nullptr ? type.checkKeyLength(*keys[0]) : MD_RC_OK;
 }
 
-inline std::uint32_t checkKeys(MDTwoKeyReg& type, const Keys<TwoKeyLayout>& keys) {
+[[nodiscard]] inline std::uint32_t checkKeys(MDTwoKeyReg& type, const Keys<TwoKeyLayout>& keys) {
   std::uint32_t rc = keys[0] != nullptr ? type.checkGroupKeyLength(*keys[0]) : MD_RC_OK;
   if (rc == MD_RC_OK && keys[1] != nullptr) rc = type.checkKeyLength(*keys[1]);
   return rc;
 }
 
-inline std::uint32_t checkKeys(MDThreeKeyReg& type, const Keys<ThreeKeyLayout>& keys) {
+[[nodiscard]] inline std::uint32_t checkKeys(MDThreeKeyReg& type, const Keys<ThreeKeyLayout>& keys) {
   std::uint32_t rc = keys[0] != nullptr ? type.checkGroupKeyLength(*keys[0]) : MD_RC_OK;
   if (rc == MD_RC_OK && keys[1] != nullptr) rc = type.checkSubGroupKeyLength(*keys[1]);
   if (rc == MD_RC_OK && keys[2] != nullptr) rc = type.checkKeyLength(*keys[2]);
@@ -52,13 +52,14 @@ inline std::uint32_t checkKeys(MDThreeKeyReg& type, const Keys<ThreeKeyLayout>& 
 
 // A version must leave room for its NUL; without this check it would run over the data size behind it.
 template <class Layout>
-std::uint32_t checkVersionText(const DString& version) {
+[[nodiscard]] std::uint32_t checkVersionText(const DString& version) {
   return version.length() < VERSION_FIELD_SIZE<Layout> ? MD_RC_OK : MD_RC_DATA_TOO_LONG;
 }
 
 // The first failing check of a record that is to be written: keys, data, version.
 template <class Layout, class RecordType>
-std::uint32_t checkRecord(RecordType& type, const Keys<Layout>& keys, DString& data, const DString& version) {
+[[nodiscard]] std::uint32_t checkRecord(RecordType& type, const Keys<Layout>& keys, DString& data,
+                                        const DString& version) {
   if (const std::uint32_t rc = checkKeys(type, keys)) return rc;
   if (const std::uint32_t rc = type.checkDataLength(data)) return rc;
   return checkVersionText<Layout>(version);
@@ -98,8 +99,8 @@ void putRecord(void* record, const Keys<Layout>& keys, const DString& data, cons
 }
 
 template <class Layout>
-std::uint32_t addRecord(GenRegBin& file, const char* source, const Keys<Layout>& keys, const DString& data,
-                        const DString& version) {
+[[nodiscard]] std::uint32_t addRecord(GenRegBin& file, const char* source, const Keys<Layout>& keys,
+                                      const DString& data, const DString& version) {
   const RecordBuffer record(recordSizeFor<Layout>(data), source);
   if (!record.isAllocated()) return GENREG_RC_NO_MEMORY;
   putRecord<Layout>(record.get(), keys, data, version);
@@ -112,8 +113,8 @@ struct ChangeOptions {
 };
 
 template <class Layout>
-std::uint32_t changeRecord(GenRegBin& file, const char* source, const Keys<Layout>& keys, const DString& data,
-                           const DString& version, ChangeOptions options = {}) {
+[[nodiscard]] std::uint32_t changeRecord(GenRegBin& file, const char* source, const Keys<Layout>& keys,
+                                         const DString& data, const DString& version, ChangeOptions options = {}) {
   const std::size_t size = recordSizeFor<Layout>(data);
   RecordBuffer match(options.matchesInExactSize ? size : MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated()) return GENREG_RC_NO_MEMORY;
@@ -128,7 +129,8 @@ std::uint32_t changeRecord(GenRegBin& file, const char* source, const Keys<Layou
 }
 
 template <class Layout>
-std::uint32_t deleteRecords(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys) {
+[[nodiscard]] std::uint32_t deleteRecords(GenRegBin& file, const char* source, unsigned long flags,
+                                          const Keys<Layout>& keys) {
   RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated()) return GENREG_RC_NO_MEMORY;
   putMatch<Layout>(match, keys);
@@ -137,8 +139,8 @@ std::uint32_t deleteRecords(GenRegBin& file, const char* source, unsigned long f
 
 // Any failure empties both outputs.
 template <class Layout>
-std::uint32_t getRecord(GenRegBin& file, const char* source, const Keys<Layout>& keys, DString& data,
-                        DString& version) {
+[[nodiscard]] std::uint32_t getRecord(GenRegBin& file, const char* source, const Keys<Layout>& keys, DString& data,
+                                      DString& version) {
   const auto get = [&]() -> std::uint32_t {
     RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
     RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
@@ -162,7 +164,8 @@ std::uint32_t getRecord(GenRegBin& file, const char* source, const Keys<Layout>&
 
 // Whether any record matches: 0, GENREG_RC_NOT_FOUND, or the code of a failure.
 template <class Layout>
-std::uint32_t findRecord(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys) {
+[[nodiscard]] std::uint32_t findRecord(GenRegBin& file, const char* source, unsigned long flags,
+                                       const Keys<Layout>& keys) {
   RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
   const RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
@@ -172,8 +175,8 @@ std::uint32_t findRecord(GenRegBin& file, const char* source, unsigned long flag
 
 // How many records match; a failure of the scan leaves `count` untouched.
 template <class Layout>
-std::uint32_t countRecords(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys,
-                           std::size_t& count) {
+[[nodiscard]] std::uint32_t countRecords(GenRegBin& file, const char* source, unsigned long flags,
+                                         const Keys<Layout>& keys, std::size_t& count) {
   RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
   const RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
@@ -208,8 +211,8 @@ std::uint64_t mostListed(Field field, const GenRegScanExtent& extent) {
 // The matching records of an open scan, counted into lists that are not made: MD_RC_LIST_TOO_LONG when one is too long
 // to be handed out. A failure is left for the listing itself to meet.
 template <class Layout, std::size_t COUNT>
-std::uint32_t measureLists(GenRegBin& file, unsigned long flags, const RecordBuffer& match, const RecordBuffer& result,
-                           const std::array<ListOutput, COUNT>& lists) {
+[[nodiscard]] std::uint32_t measureLists(GenRegBin& file, unsigned long flags, const RecordBuffer& match,
+                                         const RecordBuffer& result, const std::array<ListOutput, COUNT>& lists) {
   std::array<std::uint64_t, COUNT> lengths{};
   while (file.GetNext(flags, match.get(), result.get()) == MD_RC_OK) {
     const RecordView<Layout> record(result.get());
@@ -226,9 +229,9 @@ std::uint32_t measureLists(GenRegBin& file, unsigned long flags, const RecordBuf
 // what was read before. A scan that cannot begin, lists that are too long, and a lack of memory for them, leave the
 // outputs untouched.
 template <class Layout, std::size_t COUNT>
-std::uint32_t listRecords(GenRegBin& file, const char* source, unsigned long flags, const Keys<Layout>& keys,
-                          const std::array<ListOutput, COUNT>& lists,
-                          OnFailedOpen onFailedOpen = OnFailedOpen::RELEASE_BUFFERS) {
+[[nodiscard]] std::uint32_t listRecords(GenRegBin& file, const char* source, unsigned long flags,
+                                        const Keys<Layout>& keys, const std::array<ListOutput, COUNT>& lists,
+                                        OnFailedOpen onFailedOpen = OnFailedOpen::RELEASE_BUFFERS) {
   RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
   RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
@@ -249,7 +252,7 @@ std::uint32_t listRecords(GenRegBin& file, const char* source, unsigned long fla
   });
   if (mayBeTooLong) {
     if (const std::uint32_t rc = measureLists<Layout>(file, flags, match, result, lists)) return rc;
-    scan.close();
+    if (const std::uint32_t rc = scan.close()) return rc;
     if (const std::uint32_t rc = scan.begin()) return rc;
   }
 

@@ -15,13 +15,13 @@ namespace zon {
 class ScanScope {
  public:
   explicit ScanScope(GenRegBin& file) : file_(file) {}
-  ~ScanScope() { close(); }
+  ~ScanScope() { static_cast<void>(close()); }
   ScanScope(const ScanScope&) = delete;
   ScanScope& operator=(const ScanScope&) = delete;
 
-  std::uint32_t close() { return std::exchange(isOpen_, false) ? file_.CloseScan() : MD_RC_OK; }
+  [[nodiscard]] std::uint32_t close() { return std::exchange(isOpen_, false) ? file_.CloseScan() : MD_RC_OK; }
   // Another one, after the first was closed.
-  std::uint32_t begin() {
+  [[nodiscard]] std::uint32_t begin() {
     const std::uint32_t rc = file_.OpenScan();
     isOpen_ = rc == MD_RC_OK;
     return rc;
@@ -58,12 +58,12 @@ constexpr bool isAnswer(std::uint32_t rc) {
 class BatchScope {
  public:
   explicit BatchScope(GenRegBin& file) : file_(file) {}
-  ~BatchScope() { commit(); }
+  ~BatchScope() { static_cast<void>(commit()); }
   BatchScope(const BatchScope&) = delete;
   BatchScope& operator=(const BatchScope&) = delete;
 
   // Before the first change, so that a call without changes takes no lock.
-  std::uint32_t begin() {
+  [[nodiscard]] std::uint32_t begin() {
     const std::uint32_t rc = file_.beginBatch();
     isOpen_ = rc == MD_RC_OK;
     return rc;
@@ -72,7 +72,7 @@ class BatchScope {
 
   // 0 once all changes are durable; 0 also without a batch. Also done, with the code lost, at the end of the scope:
   // changes made before a failure stay made.
-  std::uint32_t commit() { return std::exchange(isOpen_, false) ? file_.commitBatch() : MD_RC_OK; }
+  [[nodiscard]] std::uint32_t commit() { return std::exchange(isOpen_, false) ? file_.commitBatch() : MD_RC_OK; }
 
  private:
   GenRegBin& file_;
