@@ -30,8 +30,9 @@ FLOORS = (
      "include/zonmdfile/MDTwoKeyReg.h", "include/zonmdfile/MDThreeKeyReg.h", "src/record"),
     ("include/zonmdfile", "src/stores"),
     ("src/api",),
-    ("tools", "bench", "fuzz", "examples"),
+    ("tools", "bench", "examples"),
     ("tests",),
+    ("fuzz",),
 )
 # Platform folders that know nothing of each other.
 STRANGERS = (
