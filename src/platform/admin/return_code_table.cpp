@@ -100,7 +100,7 @@ constexpr std::array RETURN_CODES{
     ReturnCode{GENREG_RC_BAD_RECORD, "GENREG_RC_BAD_RECORD", -22336, "22000",
                "The record was refused by the checks of its record type. Correct its lengths and fields."},
     ReturnCode{GENREG_RC_DURABILITY_UNKNOWN, "GENREG_RC_DURABILITY_UNKNOWN", -22337, "08007",
-               "The change was made, but the system did not confirm that it would outlast a loss of power. Check the "
+               "The system did not confirm that the change is on the disk, or that it is gone from there. Check the "
                "disk, then read the record and repeat the change if it is missing."},
     ReturnCode{GENREG_RC_LOCK_UNSUPPORTED, "GENREG_RC_LOCK_UNSUPPORTED", -22338, "0A000",
                "The file system of the metadata directory has no file locks, without which nothing is changed. Use a "

@@ -126,25 +126,46 @@ std::uint32_t chooseHeader(const PageBytes& bytes, HeaderPage& page) {
 
 }  // namespace
 
-BootId currentBootId() {
-  BootId id{};
+std::uint32_t currentBootId(BootId& id) {
+  id = {};
   Descriptor file;
-  if (openAnything(AT_FDCWD, BOOT_ID_PATH, O_RDONLY, 0, file) != MD_RC_OK) return id;
+  const std::uint32_t opened = openAnything(AT_FDCWD, BOOT_ID_PATH, O_RDONLY, 0, file);
+  if (opened == GENREG_RC_NOT_FOUND) return MD_RC_OK;
+  if (opened != MD_RC_OK) return opened;
   std::array<char, 64> text{};
   std::size_t got = 0;
-  if (readAt(file.get(), 0, std::as_writable_bytes(std::span(text).first(36)), got) != MD_RC_OK) return id;
+  const std::uint32_t rc = readAt(file.get(), 0, std::as_writable_bytes(std::span(text).first(36)), got);
+  if (rc != MD_RC_OK) return rc == RC_UNREADABLE ? GENREG_RC_IO_ERROR : rc;
+  BootId read{};
   std::size_t digits = 0;
   for (std::size_t at = 0; at < got && digits < 32; ++at) {
     const int digit = hexDigit(text[at]);
     if (digit < 0) continue;
-    id[digits / 2] = static_cast<std::uint8_t>(id[digits / 2] << 4 | digit);
+    read[digits / 2] = static_cast<std::uint8_t>(read[digits / 2] << 4 | digit);
     ++digits;
   }
-  return digits == 32 ? id : BootId{};
+  if (digits == 32) id = read;
+  return MD_RC_OK;
 }
 
-bool isSameBoot(const BootId& current, const format::Slot& slot) {
-  return current != BootId{} && std::memcmp(current.data(), slot.bootId, current.size()) == 0;
+Run compareRuns(const RunId& present, const format::Slot& slot) {
+  const bool isSameBoot =
+      present.boot != BootId{} && std::memcmp(present.boot.data(), slot.bootId, present.boot.size()) == 0;
+  if (!isSameBoot) return Run::OTHER;
+  if (present.mount == 0 || slot.mountId == 0) return Run::UNSURE;
+  return present.mount == slot.mountId ? Run::SAME : Run::OTHER;
+}
+
+std::uint32_t currentRun(int file, RunId& run) {
+  FileState state;
+  if (const std::uint32_t rc = stateOf(file, state)) return rc;
+  run.mount = state.mount;
+  return currentBootId(run.boot);
+}
+
+bool isOfPresentRun(int file, const format::Slot& slot) {
+  RunId run;
+  return currentRun(file, run) == MD_RC_OK && compareRuns(run, slot) != Run::OTHER;
 }
 
 std::uint32_t headerChecksum(const format::FileHeader& header) {

@@ -14,11 +14,24 @@ namespace zon {
 
 using BootId = std::array<std::uint8_t, 16>;
 
-// The identity of this run of the machine's kernel; all zero when the system does not tell.
-BootId currentBootId();
+// The identity of this run of the machine's kernel; all zero when the system does not tell. A failure to ask is an
+// answer of its own: who guessed could take a commit under way for one that outlasted a restart.
+std::uint32_t currentBootId(BootId& id);
 
-// Two slots or a slot and the running kernel are of the same run. An unknown run is never the same.
-bool isSameBoot(const BootId& current, const format::Slot& slot);
+// What the page cache lives as long as: a run of the kernel, and a mount of the file system in it. Zeros: not known.
+struct RunId {
+  BootId boot{};
+  std::uint64_t mount = 0;
+};
+
+enum class Run {
+  SAME,    // whatever was written since is still there, in the cache or on the disk
+  UNSURE,  // the same run of the kernel, of which nobody knows whether the file system was mounted anew in it
+  OTHER,   // only what was durable is there for sure
+};
+
+// How the run in which the slot was written stands to the present one.
+Run compareRuns(const RunId& present, const format::Slot& slot);
 
 std::uint32_t headerChecksum(const format::FileHeader& header);
 
@@ -46,6 +59,12 @@ struct HeaderPage {
 // GENREG_RC_NOT_RECORD_FILE, GENREG_RC_NEWER_FORMAT and GENREG_RC_DAMAGED tell what is wrong with the header itself;
 // slots are judged by slotValid.
 std::uint32_t readHeaderPage(int file, HeaderPage& page);
+
+// The present run as an open record file is reached in it.
+std::uint32_t currentRun(int file, RunId& run);
+
+// For readers: nothing that the slot does not show can be an acknowledged commit, as far as is known.
+bool isOfPresentRun(int file, const format::Slot& slot);
 
 }  // namespace zon
 

@@ -47,7 +47,10 @@ int openRetrying(int directory, const char* path, int flags, std::uint32_t mode)
 
 // Times are left out on purpose: a file system with fine-grained time stamps gives a file whose times were asked for a
 // new stamp at its next write, and the sync of that write has the inode to write as well, a third more.
-constexpr unsigned STATE_MASK = STATX_TYPE | STATX_MODE | STATX_NLINK | STATX_UID | STATX_GID | STATX_INO | STATX_SIZE;
+constexpr unsigned UNIQUE_MOUNT_ID =
+    0x4000;  // STATX_MNT_ID_UNIQUE, which older headers lack; Linux 6.8 and later tell it
+constexpr unsigned STATE_MASK =
+    STATX_TYPE | STATX_MODE | STATX_NLINK | STATX_UID | STATX_GID | STATX_INO | STATX_SIZE | UNIQUE_MOUNT_ID;
 
 std::uint32_t askState(int directory, const char* path, int flags, FileState& state) {
   struct statx status {};
@@ -58,7 +61,8 @@ std::uint32_t askState(int directory, const char* path, int flags, FileState& st
                     .mode = status.stx_mode,
                     .owner = status.stx_uid,
                     .group = status.stx_gid,
-                    .links = status.stx_nlink};
+                    .links = status.stx_nlink,
+                    .mount = (status.stx_mask & UNIQUE_MOUNT_ID) != 0 ? status.stx_mnt_id : 0};
   return MD_RC_OK;
 }
 
@@ -221,6 +225,11 @@ std::uint32_t shrink(int file, std::uint64_t size) {
 std::uint32_t syncData(int file) {
   if (uninterrupted([&] { return systemCalls.fdatasync(file); }) == 0) return MD_RC_OK;
   return codeOfErrno(errno);
+}
+
+std::uint32_t makeReadBytesDurable(int file) {
+  const std::uint32_t rc = syncData(file);
+  return rc == GENREG_RC_READ_ONLY || rc == GENREG_RC_SYSTEM_ERROR ? MD_RC_OK : rc;
 }
 
 std::uint32_t syncFile(int file) {

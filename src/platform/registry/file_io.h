@@ -51,6 +51,7 @@ struct FileState {
   std::uint32_t owner = 0;
   std::uint32_t group = 0;
   std::uint64_t links = 0;
+  std::uint64_t mount = 0;  // which mount of its file system it was reached through, never used again; 0 when not known
 };
 
 // Opens path relative to a directory descriptor (AT_FDCWD for the current one). Never follows a link in the last
@@ -75,6 +76,10 @@ std::uint32_t stateAt(int directory, const char* path, FileState& state);
 // Within the engine: a place that the device cannot read, also when asked once more. It is lost like what fails its
 // checksum, and helped by the same means. Callers of the engine are told GENREG_RC_IO_ERROR.
 constexpr std::uint32_t RC_UNREADABLE = 0x900002FF;
+
+// For what a reader takes in that no slot shows: a sync through its own descriptor. A file system that is mounted to be
+// read only, or knows no sync, has nothing to write.
+std::uint32_t makeReadBytesDurable(int file);
 
 // Reads until the range is full or the file ends; `got` tells how far. RC_UNREADABLE when the device fails.
 std::uint32_t readAt(int file, std::uint64_t offset, std::span<std::byte> range, std::size_t& got);

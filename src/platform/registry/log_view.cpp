@@ -15,7 +15,8 @@ namespace zon {
 namespace {
 
 constexpr std::size_t PIECE_SIZE = 16384;
-constexpr int MOST_PAGE_READS = 20;
+constexpr int MOST_PAGE_READS = 4;  // a slot is written in a moment
+constexpr int MOST_OPENINGS = 100;
 constexpr std::uint64_t INDEX_MASK = format::FRAME_ALIGNMENT - 1;
 
 bool isAllZero(std::span<const std::byte> bytes) {
@@ -64,18 +65,89 @@ std::uint32_t LogView::takePage(const HeaderPage& page) {
 
 std::uint32_t LogView::open(int file) {
   file_ = file;
+  for (int round = 0; round < MOST_OPENINGS; ++round) {
+    bool isSettled = false;
+    if (const std::uint32_t rc = openOnce(isSettled)) return rc;
+    if (isSettled) return MD_RC_OK;
+  }
+  return GENREG_RC_LOCK_TIMEOUT;
+}
+
+// What lies behind the newest slot's end is a commit under way, or the remains of one, or acknowledged and its slot
+// lost. In the run that wrote the slot it is not the last.
+std::uint32_t LogView::openOnce(bool& isSettled) {
   HeaderPage page;
   for (int round = 0;; ++round) {
-    if (const std::uint32_t rc = readHeaderPage(file, page)) return rc;
+    if (const std::uint32_t rc = readHeaderPage(file_, page)) return rc;
     if (page.bothSlots() || round == MOST_PAGE_READS) break;
   }
+  forgetNewHeads();
   if (const std::uint32_t rc = takePage(page)) return rc;
+  if (const std::uint32_t rc = takeUnindexed()) return rc;
   bool clean = false;
   if (const std::uint32_t rc = tailIsClean(clean)) return rc;
-  if (clean && page.bothSlots()) return MD_RC_OK;
-  // Same run of the machine: what lies behind the end is a commit under way, which no reader may see before its sync.
-  if (isSameBoot(currentBootId(), slot_)) return page.bothSlots() ? MD_RC_OK : GENREG_RC_DAMAGED;
-  return rollForward();
+  isSettled = clean && page.bothSlots();
+  if (isSettled) return MD_RC_OK;
+  RunId run;
+  if (const std::uint32_t rc = currentRun(file_, run)) return rc;
+  const bool isOther = compareRuns(run, slot_) == Run::OTHER;
+  isSettled = page.bothSlots() && !isOther;
+  return isSettled ? MD_RC_OK : takeIn(isOther, isSettled);
+}
+
+// Visible means durable: what is taken in is synced before anybody sees it. The first writer after a restart publishes
+// what it took in before it writes anything of its own, so that what was just taken in is not of a writer at work when
+// the newest slot is still the same.
+std::uint32_t LogView::takeIn(bool isOtherRun, bool& isSettled) {
+  const std::uint64_t sequence = slot_.sequence;
+  const std::uint64_t published = end_;
+  if (const std::uint32_t rc = rollForward()) return rc;
+  if (!isOtherRun) {
+    // One slot is lost, and with it where the log ends.
+    bool clean = false;
+    if (const std::uint32_t rc = tailIsClean(clean)) return rc;
+    if (!clean) return GENREG_RC_DAMAGED;
+  }
+  if (end_ != published) {
+    if (const std::uint32_t rc = makeReadBytesDurable(file_)) return rc;
+  }
+  HeaderPage now;
+  if (const std::uint32_t rc = readHeaderPage(file_, now)) return rc;
+  if (!now.hasSlot()) return GENREG_RC_DAMAGED;
+  const format::Slot& newest = now.slots[now.newest()];
+  isSettled = newest.sequence == sequence || (newest.end == end_ && newest.chain == slot_.chain);
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::takeUnindexed() {
+  std::vector<std::byte> record;
+  for (std::uint64_t offset = slot_.indexedEnd; offset < end_;) {
+    FrameBytes bytes;
+    Frame frame;
+    if (const std::uint32_t rc = readHead(offset, bytes, frame)) return rc;
+    record.resize(type_.maxSize);
+    if (const std::uint32_t rc = takeHeads(frame, bytes, record)) return rc;
+    offset = frame.end();
+  }
+  return MD_RC_OK;
+}
+
+std::uint32_t LogView::takeHeads(const Frame& frame, const FrameBytes& bytes, std::vector<std::byte>& record) {
+  if (frame.kind == format::FrameKind::SUMMARY) takeHead(frame.summary.index, frame.summary.digest, frame.offset);
+  if (!frame.isEvent()) return MD_RC_OK;
+  RemovedDigests digests{};
+  std::size_t size = 0;
+  const std::uint32_t rc = frame.isRecord() ? readRecord(frame, bytes.all(), record.data(), size)
+                                            : readRemovedDigests(frame, bytes.all(), digests);
+  if (rc != MD_RC_OK) return rc;
+  for (std::size_t index = 0; index < type_.indexCount; ++index) {
+    takeHead(index, frame.isRecord() ? digestOf(index, record.data()) : digests[index], frame.offset);
+  }
+  return MD_RC_OK;
+}
+
+void LogView::forgetNewHeads() {
+  for (auto& heads : newHeads_) heads.clear();
 }
 
 std::uint32_t LogView::tailIsClean(bool& clean) const {

@@ -64,8 +64,9 @@ class LogView {
   LogView(const LogView&) = delete;
   LogView& operator=(const LogView&) = delete;
 
-  // Reads the header and chooses the newest published state. When the machine was started anew since then, the commits
-  // that lie behind it are durable, and are taken in. The descriptor stays the caller's and must outlive the view.
+  // Reads the header and chooses the newest published state. When the machine was started anew since then, or the file
+  // system mounted anew, complete commits that lie behind it are made durable and taken in. The descriptor stays the
+  // caller's and must outlive the view.
   std::uint32_t open(int file);
 
   const RecordType& type() const { return type_; }
@@ -143,6 +144,12 @@ class LogView {
   std::uint32_t walkChain(std::size_t index, std::uint64_t head, std::vector<LiveRecord>& events) const;
   std::uint32_t readSummary(const Frame& frame, std::vector<LiveRecord>& events) const;
 
+  std::uint32_t openOnce(bool& isSettled);
+  std::uint32_t takeIn(bool isOtherRun, bool& isSettled);
+  // Takes over the heads that neither overlay nor blocks lead to yet.
+  std::uint32_t takeUnindexed();
+  std::uint32_t takeHeads(const Frame& frame, const FrameBytes& bytes, std::vector<std::byte>& record);
+  void forgetNewHeads();
   std::uint32_t tailIsClean(bool& clean) const;
   // Takes all valid commits behind end() into the state.
   std::uint32_t rollForward();

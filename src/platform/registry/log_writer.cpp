@@ -21,6 +21,7 @@ constexpr std::uint64_t MOST_RESERVE = 8 << 20;
 // a record takes at most 96 bytes, whatever its keys.
 constexpr std::uint64_t REMOVAL_ROOM = 8192;
 constexpr std::uint64_t LEAST_BLOCKS = 8;
+constexpr std::uint64_t MOST_ENTRY_BYTES = 48;  // of index for each live record and index; more counts as dead
 // One more commit with this many new heads must fit the overlay, or the blocks take over.
 constexpr std::size_t OVERLAY_HEADROOM = 8;
 constexpr std::size_t WIPE_PIECE = 8192;
@@ -28,6 +29,7 @@ constexpr std::uint64_t LEAST_SEEN_BITS = 1024;
 constexpr std::uint64_t MOST_SEEN_BITS = std::uint64_t{1} << 25;
 constexpr std::size_t HEAVY_PENDING = 1 << 20;
 constexpr std::size_t HEAVY_HEADS = 8192;
+constexpr std::uint64_t LARGE_COMMIT = 256 * 1024;
 // A chain is summarized when following it reads so many times more frames than it has live records.
 constexpr std::uint32_t CHAIN_FACTOR = 2;
 constexpr std::uint32_t CHAIN_SLACK = 32;
@@ -83,16 +85,19 @@ std::uint32_t LogWriter::open(int file, std::uint64_t fileSize) {
   if (!page.isWhole || slot_.end > fileSize || slot_.sequence >= format::LAST_SEQUENCE) return GENREG_RC_DAMAGED;
   fileSize_ = fileSize;
   if (const std::uint32_t rc = restoreHeaders(page)) return rc;
-  // What was applied to the blocks without a sync is gone when the machine was started anew since then.
-  if (!isSameBoot(boot_, slot_)) slot_.overlayApplied = 0;
+  if (const std::uint32_t rc = takeUnindexed()) return rc;
+  const Run run = compareRuns(run_, slot_);
+  // What was applied to the blocks without a sync may be gone.
+  if (run == Run::OTHER) slot_.overlayApplied = 0;
   published_ = slot_;
   newestIsDurable_ = !page.bothSlots();  // the slot that is no good is the one to write
   pendingStart_ = end_;
   bool clean = false;
   if (const std::uint32_t rc = tailIsClean(clean)) return rc;
-  // A power cut may have taken the first part of a commit and left the rest.
-  const bool mayHideRest = boot_ != BootId{} && !isSameBoot(boot_, slot_);
-  return clean && page.bothSlots() && !mayHideRest ? MD_RC_OK : settle();
+  if (clean && page.bothSlots() && run != Run::OTHER) return MD_RC_OK;
+  if (const std::uint32_t rc = requireAllowedSize(touchedSize())) return rc;
+  if (page.bothSlots() && run == Run::SAME) return discardUnpublished();
+  return takeInUnpublished(page.bothSlots() || run == Run::OTHER);
 }
 
 // A header that is lost, as with the slot in its sector when the power went while that was written, is written again
@@ -107,25 +112,62 @@ std::uint32_t LogWriter::restoreHeaders(const HeaderPage& page) {
   return sync();
 }
 
-// What lies behind the end is of a writer that died, or whose sync failed. A valid commit is written once more before
-// it is synced: after a failed sync the kernel takes its pages for clean and would sync nothing. For the same reason
-// the blocks that the slot takes for applied are applied again, and the slot itself is written again. The bytes at the
-// end go last: should this writer die too, the next one sees by them that something is to be settled.
-std::uint32_t LogWriter::settle() {
-  if (const std::uint32_t rc = requireAllowedSize(touchedSize())) return rc;
+// A commit of this run that no slot shows is of a writer that died, or whose sync failed: nobody has seen it, and
+// nobody ever will.
+std::uint32_t LogWriter::discardUnpublished() {
+  if (const std::uint32_t rc = clearBehind()) return rc;
+  slot_ = published_;
+  return unmark();
+}
+
+// What another run left behind its newest slot was acknowledged, as far as anybody knows. The very same bytes are
+// written again, as the kernel may take pages for clean whose sync had failed; what follows is wiped, as a power cut
+// may have kept the second part of a commit without the first. All of it is synced, and published as of this run,
+// before anything else is written. Should any of this fail, whatever counted is where it was.
+std::uint32_t LogWriter::takeInUnpublished(bool mayBeTorn) {
   slot_.overlayApplied = 0;
   published_.overlayApplied = 0;
-  if (const std::uint32_t rc = adoptCommits()) return rc;
-  if (isSameBoot(boot_, published_)) {
-    if (const std::uint32_t rc = writeSlot(published_)) return rc;
+  pendingStart_ = format::MAX_OFFSET;  // all is read from the file
+  const std::uint32_t rolled = rollForward();
+  pendingStart_ = end_;
+  if (rolled != MD_RC_OK) return rolled;
+  if (!mayBeTorn) {
+    // One slot is lost, and with it where the log ends.
+    bool isZero = false;
+    if (const std::uint32_t rc = isZeroFrom(end_, isZero)) return rc;
+    if (!isZero) return GENREG_RC_DAMAGED;
   }
-  if (const std::uint32_t rc = wipeFrom(end_ + format::TERMINATOR_SIZE)) return rc;
-  if (isDirty()) return commit();
-  // Before the next commit is written: its beginning may be the same as that of what was wiped, now or by a writer that
-  // died at it.
+  if (const std::uint32_t rc = writeAgain(published_.end, end_)) return rc;
+  if (const std::uint32_t rc = wipeFrom(end_)) return rc;
   if (const std::uint32_t rc = sync()) return rc;
-  if (const std::uint32_t rc = flushPending()) return rc;
-  return publish(mergedOverlay(), 0);
+  return publishCommitted();
+}
+
+std::uint32_t LogWriter::writeAgain(std::uint64_t from, std::uint64_t to) const {
+  std::array<std::byte, WIPE_PIECE> piece;
+  for (std::uint64_t at = from; at < to;) {
+    std::size_t got = 0;
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), to - at));
+    if (const std::uint32_t rc = readAt(file_, at, std::span(piece).first(wanted), got)) return rc;
+    if (got < wanted) return GENREG_RC_DAMAGED;
+    if (const std::uint32_t rc = writeAt(file_, at, std::span(piece).first(got))) return rc;
+    at += got;
+  }
+  return MD_RC_OK;
+}
+
+std::uint32_t LogWriter::isZeroFrom(std::uint64_t offset, bool& isZero) const {
+  std::array<std::byte, WIPE_PIECE> piece;
+  isZero = true;
+  for (std::uint64_t at = offset; isZero && (at = skipHole(file_, at, fileSize_)) < fileSize_;) {
+    std::size_t got = 0;
+    if (const std::uint32_t rc = readAt(file_, at, piece, got)) return rc;
+    if (got == 0) break;
+    isZero = std::all_of(piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(got),
+                         [](std::byte byte) { return byte == std::byte{0}; });
+    at += got;
+  }
+  return MD_RC_OK;
 }
 
 std::uint32_t LogWriter::wipeFrom(std::uint64_t offset) const {
@@ -141,28 +183,6 @@ std::uint32_t LogWriter::wipeFrom(std::uint64_t offset) const {
     }
     at += got;
   }
-  return MD_RC_OK;
-}
-
-std::uint32_t LogWriter::adoptCommits() {
-  std::vector<Frame> frames;
-  std::vector<std::byte> bytes;
-  for (;;) {
-    pendingStart_ = format::MAX_OFFSET;  // the commits are read from the file
-    std::uint32_t rc = readCommit(frames);
-    if (rc != MD_RC_OK) return rc;
-    if (frames.empty()) break;
-    const auto size = static_cast<std::size_t>(frames.back().end() - end_);
-    bytes.resize(size);
-    std::size_t got = 0;
-    rc = readAt(file_, end_, bytes, got);
-    if (rc != MD_RC_OK) return rc;
-    if (got < size) return GENREG_RC_DAMAGED;
-    pending_.insert(pending_.end(), bytes.begin(), bytes.end());
-    rc = takeCommit(frames);
-    if (rc != MD_RC_OK) return rc;
-  }
-  pendingStart_ = published_.end;
   return MD_RC_OK;
 }
 
@@ -356,6 +376,7 @@ std::uint32_t LogWriter::appendArea(std::uint64_t blockCount) {
   appendFrame(frame, {}, key_, pending_);
   pending_.resize(static_cast<std::size_t>(frame.area.blocksOffset - pendingStart_));
   const Segment segment{.offset = frame.area.blocksOffset, .blockCount = blockCount};
+  hasWritten_ = true;
   if (const std::uint32_t rc = writeAt(file_, pendingStart_, pending_)) return rc;
   if (const std::uint32_t rc = writeEmptyBlocks(file_, key_.salt, segment)) return rc;
   pending_.clear();
@@ -406,6 +427,7 @@ bool LogWriter::isShortOfRoom() const { return fileSize_ < end_ + format::TERMIN
 std::uint32_t LogWriter::flushPending() {
   if (const std::uint32_t rc = ensureFileSize(end_ + format::TERMINATOR_SIZE)) return rc;
   pending_.resize(pending_.size() + format::TERMINATOR_SIZE);
+  hasWritten_ = true;
   const std::uint32_t rc = writeAt(file_, pendingStart_, pending_);
   if (rc != MD_RC_OK) return rc;
   pending_.clear();
@@ -498,7 +520,8 @@ class EntryPlacer {
  public:
   EntryPlacer(const LogView& view, BlockSet& blocks) : view_(view), blocks_(blocks), allowance_(view) {}
 
-  std::uint32_t place(const format::OverlayEntry& entry, bool& isNew) {
+  // `isFull`: there is no room for it in the newest segment.
+  std::uint32_t place(const format::OverlayEntry& entry, bool& isNew, bool& isFull) {
     const std::size_t segments = segmentCount(view_.slot());
     isNew = false;
     // A chain that starts with this frame has no entry in the older segments; in the newest one it may have, by a
@@ -516,7 +539,7 @@ class EntryPlacer {
       if (done) return MD_RC_OK;
     }
     isNew = true;
-    return addTo(unpackSegment(view_.slot().segments[segments - 1]), entry);
+    return addTo(unpackSegment(view_.slot().segments[segments - 1]), entry, isFull);
   }
 
  private:
@@ -567,7 +590,7 @@ class EntryPlacer {
     return MD_RC_OK;
   }
 
-  std::uint32_t addTo(const Segment& segment, const format::OverlayEntry& entry) {
+  std::uint32_t addTo(const Segment& segment, const format::OverlayEntry& entry, bool& isFull) {
     std::uint64_t at = homeBlock(entry.digest, segment.blockCount);
     for (std::uint64_t probe = 0; probe < std::min(MOST_PROBES, segment.blockCount); ++probe) {
       const std::uint64_t offset = segment.offset + at * format::BLOCK_SIZE;
@@ -581,7 +604,8 @@ class EntryPlacer {
       block->overflowed = 1;
       at = at + 1 == segment.blockCount ? 0 : at + 1;
     }
-    return GENREG_RC_INTERNAL;
+    isFull = true;
+    return MD_RC_OK;
   }
 
   const LogView& view_;
@@ -591,7 +615,18 @@ class EntryPlacer {
 
 }  // namespace
 
-std::uint32_t LogWriter::applyToBlocks(std::vector<format::OverlayEntry> entries) {
+// How many entries the newest segment has is only known as well as the slots that counted them: when it turns out to be
+// full, there is another one.
+std::uint32_t LogWriter::applyToBlocks(const std::vector<format::OverlayEntry>& entries) {
+  for (;;) {
+    bool isFull = false;
+    if (const std::uint32_t rc = placeEntries(entries, isFull)) return rc;
+    if (!isFull) return MD_RC_OK;
+    if (const std::uint32_t rc = growIndex()) return rc;
+  }
+}
+
+std::uint32_t LogWriter::placeEntries(std::vector<format::OverlayEntry> entries, bool& isFull) {
   const std::size_t segments = segmentCount(slot_);
   if (segments == 0) return GENREG_RC_DAMAGED;
   const std::uint64_t newest = unpackSegment(slot_.segments[segments - 1]).blockCount;
@@ -602,13 +637,43 @@ std::uint32_t LogWriter::applyToBlocks(std::vector<format::OverlayEntry> entries
   EntryPlacer placer(*this, blocks);
   for (const format::OverlayEntry& entry : entries) {
     bool isNew = false;
-    if (const std::uint32_t rc = placer.place(entry, isNew)) return rc;
+    if (const std::uint32_t rc = placer.place(entry, isNew, isFull)) return rc;
+    if (isFull) break;
     if (isNew) ++slot_.segmentEntries;
     if (blocks.size() > MOST_CACHED_BLOCKS) {
       if (const std::uint32_t rc = blocks.write()) return rc;
     }
   }
   return blocks.write();
+}
+
+// A segment more, as a commit of its own. Without room for its number in the slot the heads wait to be indexed until
+// the file is written anew.
+std::uint32_t LogWriter::growIndex() {
+  const std::size_t segments = segmentCount(slot_);
+  if (segments == format::MAX_SEGMENTS) return GENREG_RC_INTERNAL;
+  const std::uint64_t newest = unpackSegment(slot_.segments[segments - 1]).blockCount;
+  if (fresh_) return appendArea(2 * newest);
+  const format::Slot before = slot_;
+  const bool isIndexed = slot_.indexedEnd == end_;
+  hasWritten_ = false;
+  std::uint32_t rc = appendArea(2 * newest);
+  if (rc == MD_RC_OK) rc = flushPending();
+  if (rc == MD_RC_OK) rc = sync();
+  if (rc == MD_RC_OK) {
+    newestIsDurable_ = true;
+    if (isIndexed) slot_.indexedEnd = end_;
+    rc = publishSlot();
+  }
+  if (rc == MD_RC_OK) return MD_RC_OK;
+  takeBack();
+  pending_.clear();
+  slot_ = before;
+  slot_.overlayApplied = 0;
+  slot_.sequence = published_.sequence;
+  end_ = published_.end;
+  pendingStart_ = end_;
+  return rc;
 }
 
 void LogWriter::setOverlay(const std::vector<format::OverlayEntry>& overlay, std::size_t applied) {
@@ -621,39 +686,69 @@ std::uint32_t LogWriter::writeSlot(format::Slot& slot) {
   // I7: slots take turns by sync: while the newest one may not be durable, it is the one to be written over, so that
   // the other one stays whole whatever a crash of the machine does.
   slot.sequence = published_.sequence + (newestIsDurable_ ? 1 : 2);
-  newestIsDurable_ = false;
-  std::copy(boot_.begin(), boot_.end(), slot.bootId);
+  std::copy(run_.boot.begin(), run_.boot.end(), slot.bootId);
+  slot.mountId = run_.mount;
   sealSlot(slot, key_.salt);
   const auto bytes = bytesOf(slot).first(slotSize(slot));
-  return writeAt(file_, format::SLOT_OFFSET[slot.sequence % 2], bytes);
+  // After a failure the same one is to be written: the other one is all that may be durable.
+  if (const std::uint32_t rc = writeAt(file_, format::SLOT_OFFSET[slot.sequence % 2], bytes)) return rc;
+  newestIsDurable_ = false;
+  return MD_RC_OK;
 }
 
-void LogWriter::forgetNewHeads() {
-  for (auto& heads : newHeads_) heads.clear();
+std::uint32_t LogWriter::publishSlot() {
+  slot_.end = end_;
+  if (const std::uint32_t rc = writeSlot(slot_)) return rc;
+  published_ = slot_;
+  removesOnly_ = true;
+  return MD_RC_OK;
 }
 
 std::uint32_t LogWriter::publish(const std::vector<format::OverlayEntry>& overlay, std::size_t applied) {
   setOverlay(overlay, applied);
-  slot_.end = end_;
   slot_.indexedEnd = end_;
-  if (const std::uint32_t rc = writeSlot(slot_)) return rc;
-  published_ = slot_;
-  removesOnly_ = true;
+  if (const std::uint32_t rc = publishSlot()) return rc;
   forgetNewHeads();
   return MD_RC_OK;
 }
 
-// I3: the slot shows these entries already, so that nothing is lost when this fails or stops half way.
+// More heads than the slot can hold are published without an entry that leads to them: who opens the file walks the
+// frames from indexedEnd on. The blocks take them over after that, so that a commit is never led to before it counts.
+std::uint32_t LogWriter::publishCommitted() {
+  const std::vector<format::OverlayEntry> overlay = mergedOverlay();
+  return overlay.size() <= format::OVERLAY_CAPACITY ? publish(overlay, 0) : publishSlot();
+}
+
+// I3: all of this is published already, so that nothing is lost when it fails or stops half way.
 std::uint32_t LogWriter::applyPublished() {
-  const std::vector<format::OverlayEntry> entries(slot_.overlay, slot_.overlay + slot_.overlayCount);
+  const bool isIndexed = slot_.indexedEnd == end_;
+  const std::vector<format::OverlayEntry> entries =
+      isIndexed ? std::vector<format::OverlayEntry>(slot_.overlay, slot_.overlay + slot_.overlayCount)
+                : mergedOverlay();
   if (const std::uint32_t rc = applyToBlocks(entries)) return rc;
-  return publish(entries, entries.size());
+  // Where a new mount cannot be told from the old one, an applied entry must be durable when the slot says so.
+  if (!isIndexed || run_.mount == 0) {
+    if (const std::uint32_t rc = syncPublished()) return rc;
+  }
+  return isIndexed ? publish(entries, entries.size()) : publish({}, 0);
+}
+
+// A sync that takes nothing back when it fails. The kernel may then have dropped the slot's page and the blocks' though
+// they are no longer to be written: the slot is written once more, and what was applied counts as not applied.
+std::uint32_t LogWriter::syncPublished() {
+  const std::uint32_t rc = sync();
+  if (rc == MD_RC_OK) {
+    newestIsDurable_ = true;
+    return MD_RC_OK;
+  }
+  slot_.overlayApplied = 0;
+  publishSlot();
+  return rc;
 }
 
 void LogWriter::republish(std::uint64_t backupEnd) {
   slot_.backupEnd = backupEnd;
-  const std::vector<format::OverlayEntry> overlay(slot_.overlay, slot_.overlay + slot_.overlayCount);
-  publish(overlay, slot_.overlayApplied);  // should this fail, the next writer looks at the backup once more
+  publishSlot();  // should this fail, the next writer looks at the backup once more
 }
 
 std::size_t LogWriter::mergedOverlaySize() const { return mergedOverlay().size(); }
@@ -662,12 +757,12 @@ std::uint32_t LogWriter::commit() {
   if (!isDirty()) return MD_RC_OK;
   // Before the first byte is written: what would have to be taken back could not be written either.
   if (const std::uint32_t rc = requireAllowedSize(touchedSize())) return rc;
+  const std::uint64_t start = published_.end;
+  hasWritten_ = false;
   const std::uint32_t rc = guarded([this] { return commitAppended(); });
   if (rc != MD_RC_OK) return takeBack() ? rc : GENREG_RC_DURABILITY_UNKNOWN;
   // What fails here is tried again by a later commit.
-  if (needsApply(slot_.overlayCount)) {
-    isIndexDamaged_ = guarded([this] { return applyPublished(); }) == GENREG_RC_DAMAGED;
-  }
+  isIndexDamaged_ = guarded([&] { return settlePublished(end_ - start); }) == GENREG_RC_DAMAGED;
   cutReserve();
   return MD_RC_OK;
 }
@@ -677,35 +772,44 @@ std::uint32_t LogWriter::commitAppended() {
   if (const std::uint32_t rc = flushPending()) return rc;
   if (const std::uint32_t rc = sync()) return rc;
   newestIsDurable_ = true;
-  std::vector<format::OverlayEntry> overlay = mergedOverlay();
-  if (overlay.size() > format::OVERLAY_CAPACITY) {
-    // More heads than the slot can hold: the blocks must be durable before the slot may do without them (I4).
-    isBeyondRecall_ = true;
-    if (const std::uint32_t rc = applyToBlocks(std::move(overlay))) return rc;
-    if (const std::uint32_t rc = sync()) return rc;
-    overlay.clear();
-  }
-  return publish(overlay, 0);
+  return publishCommitted();
 }
 
-// I6: nothing of a failed commit may be found later. First a mark that is no commit goes where it stood: should the
-// rest fail too, the next writer sees that something is to be settled. After a failed sync the slot is written again,
-// as its page and the blocks that it takes for applied may never have reached the disk.
+// After a restart each reader would read a commit whose slot was lost, until somebody writes: the slot of a large one
+// is made durable at once.
+std::uint32_t LogWriter::settlePublished(std::uint64_t commitSize) {
+  if (slot_.indexedEnd < end_ || needsApply(slot_.overlayCount)) return applyPublished();
+  return commitSize > LARGE_COMMIT ? syncPublished() : MD_RC_OK;
+}
+
+// False when nobody knows whether the commit will be found after a crash. Only what this writer appended itself is
+// touched.
 bool LogWriter::takeBack() {
-  if (fresh_) return true;
-  if (isBeyondRecall_) return false;
+  if (fresh_ || !hasWritten_) return true;
+  if (clearBehind() != MD_RC_OK) return false;
+  unmark();  // the mark does no harm
+  return true;
+}
+
+// I6: nothing behind the published end may be found later. First a mark that is no commit goes to the end: should the
+// rest fail, the next writer sees that something is to be cleared. After a failed sync the slot is written again, as
+// its page and the blocks that it takes for applied may never have reached the disk. What is cleared may have reached
+// it: so must the mark.
+std::uint32_t LogWriter::clearBehind() {
   std::array<std::byte, format::TERMINATOR_SIZE> mark;
   mark.fill(std::byte{0xFF});
-  if (writeAt(file_, published_.end, mark) != MD_RC_OK) return false;
+  if (const std::uint32_t rc = writeAt(file_, published_.end, mark)) return rc;
   format::Slot slot = published_;
   slot.overlayApplied = 0;
-  if (writeSlot(slot) != MD_RC_OK) return true;
-  if (wipeFrom(published_.end + mark.size()) != MD_RC_OK) return true;
-  // The commit may have reached the disk for all that: so must the mark.
-  if (sync() != MD_RC_OK) return true;
-  mark.fill(std::byte{0});
-  writeAt(file_, published_.end, mark);
-  return true;
+  if (const std::uint32_t rc = writeSlot(slot)) return rc;
+  published_ = slot;
+  if (const std::uint32_t rc = wipeFrom(published_.end + mark.size())) return rc;
+  return sync();
+}
+
+std::uint32_t LogWriter::unmark() const {
+  constexpr std::array<std::byte, format::TERMINATOR_SIZE> ZEROS{};
+  return writeAt(file_, published_.end, ZEROS);
 }
 
 std::uint32_t LogWriter::spill() {
@@ -742,7 +846,10 @@ std::uint64_t LogWriter::areaBytes() const {
 
 std::uint64_t LogWriter::deadBytes() const {
   const std::uint64_t used = end_ - format::LOG_START;
-  const std::uint64_t live = slot_.liveFrameBytes + areaBytes();
+  // Segments that were lost count with slots leave more room in the index than the records need.
+  const std::uint64_t entries = slot_.records * type_.indexCount;
+  const std::uint64_t useful = 4 * LEAST_BLOCKS * format::BLOCK_SIZE + entries * MOST_ENTRY_BYTES;
+  const std::uint64_t live = slot_.liveFrameBytes + std::min(areaBytes(), useful);
   return used > live ? used - live : 0;
 }
 

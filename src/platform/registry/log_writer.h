@@ -37,12 +37,12 @@ class SeenDigests {
 class LogWriter : public LogView {
  public:
   // Without `durable` no commit is synced: a crash of the machine may then cost commits, and damage the file.
-  LogWriter(const RecordType& type, const BootId& boot, bool durable) : LogView(type), boot_(boot), durable_(durable) {}
+  LogWriter(const RecordType& type, const RunId& run, bool durable) : LogView(type), run_(run), durable_(durable) {}
 
   // Begins a new log in an empty file, with room in the index for so many records.
   std::uint32_t create(int file, const format::FileHeader& header, std::uint64_t expectedRecords);
 
-  // Opens the log and settles it: what a crash left behind its end is taken in or overwritten.
+  // Opens the log and settles it: what lies behind its end is taken in after a crash, and discarded in the same run.
   std::uint32_t open(int file, std::uint64_t fileSize);
 
   // Each appends one event; finishCommit completes what was appended since the last one, and only then does it count.
@@ -92,10 +92,12 @@ class LogWriter : public LogView {
   };
 
   std::uint32_t restoreHeaders(const HeaderPage& page);
-  std::uint32_t settle();
+  std::uint32_t discardUnpublished();
+  std::uint32_t takeInUnpublished(bool mayBeTorn);
+  std::uint32_t writeAgain(std::uint64_t from, std::uint64_t to) const;
+  std::uint32_t isZeroFrom(std::uint64_t offset, bool& isZero) const;
   // Zeros from offset to the end of the file.
   std::uint32_t wipeFrom(std::uint64_t offset) const;
-  std::uint32_t adoptCommits();
   std::uint32_t appendEvent(Frame& frame, const void* record, std::size_t size, const Sizes* old);
   std::uint32_t extendChains(Frame& frame, const void* record, int liveChange);
   std::uint32_t findBelow(Frame& frame) const;
@@ -107,7 +109,9 @@ class LogWriter : public LogView {
   bool needsApply(std::size_t entries) const;
   std::uint32_t makeRoomInIndex(std::size_t entries);
   std::vector<format::OverlayEntry> mergedOverlay() const;
-  std::uint32_t applyToBlocks(std::vector<format::OverlayEntry> entries);
+  std::uint32_t applyToBlocks(const std::vector<format::OverlayEntry>& entries);
+  std::uint32_t placeEntries(std::vector<format::OverlayEntry> entries, bool& isFull);
+  std::uint32_t growIndex();
   std::uint32_t flushPending();
   std::uint64_t touchedSize() const;
   std::uint32_t ensureFileSize(std::uint64_t size);
@@ -117,22 +121,27 @@ class LogWriter : public LogView {
   void cutReserve();
   std::uint32_t publish(const std::vector<format::OverlayEntry>& overlay, std::size_t applied);
   std::uint32_t writeSlot(format::Slot& slot);
+  std::uint32_t publishSlot();
+  std::uint32_t publishCommitted();
   std::uint32_t applyPublished();
+  std::uint32_t syncPublished();
+  std::uint32_t settlePublished(std::uint64_t commitSize);
   std::uint32_t commitAppended();
   // False when the failed commit may still be found by the next writer.
   bool takeBack();
-  void forgetNewHeads();
+  std::uint32_t clearBehind();
+  std::uint32_t unmark() const;
   void setOverlay(const std::vector<format::OverlayEntry>& overlay, std::size_t applied);
 
   std::uint32_t sync() const { return durable_ ? syncData(file_) : MD_RC_OK; }
 
-  BootId boot_;
+  RunId run_;
   bool durable_;
   SeenDigests seen_;
   bool fresh_ = false;        // create() began this log; nothing of it is published
   format::Slot published_{};  // the newest slot in the file
   bool newestIsDurable_ = false;
-  bool isBeyondRecall_ = false;  // index blocks lead to a durable commit that is not published yet
+  bool hasWritten_ = false;  // something of what is being committed
   bool isIndexDamaged_ = false;
   std::uint64_t fileSize_ = 0;
   bool removesOnly_ = true;  // what is appended since the newest slot, which may then use the room for removals

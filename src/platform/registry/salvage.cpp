@@ -23,12 +23,6 @@ bool isVerdict(std::uint32_t rc) {
          rc == RC_UNREADABLE;
 }
 
-// A file system that takes no writes has nothing that could get lost.
-std::uint32_t makeReadBytesDurable(int file) {
-  const std::uint32_t rc = syncData(file);
-  return rc == GENREG_RC_READ_ONLY || rc == GENREG_RC_SYSTEM_ERROR ? MD_RC_OK : rc;
-}
-
 bool isUnreadable(int file) {
   std::array<std::byte, 1> byte;
   std::size_t got = 0;
@@ -146,7 +140,8 @@ std::uint32_t Salvage::identify(int file, int backup) {
 void Salvage::chooseEnd(const HeaderPage* backupPage) {
   const bool fileHasSlots = fileHasHeader_ && file_ != nullptr;
   isEndKnown_ = fileHasSlots && filePage_.bothSlots();
-  isSameRun_ = fileHasSlots && filePage_.hasSlot() && isSameBoot(currentBootId(), filePage_.slots[filePage_.newest()]);
+  isSameRun_ =
+      fileHasSlots && filePage_.hasSlot() && isOfPresentRun(file_->file(), filePage_.slots[filePage_.newest()]);
   takesBehind_ = !isEndKnown_ || !isSameRun_;
   const HeaderPage* filePage = fileHasSlots ? &filePage_ : nullptr;
   for (const HeaderPage* page : {filePage, backupPage}) {

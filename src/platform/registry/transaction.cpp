@@ -62,15 +62,12 @@ std::uint32_t makeHeader(const RecordType& type, const format::FileHeader& old, 
 }  // namespace
 
 Transaction::Transaction(const RecordType& type, WriterSettings settings)
-    : type_(type),
-      settings_(std::move(settings)),
-      deadline_(nowMs() + settings_.lockWaitMs),
-      boot_(currentBootId()),
-      scratch_(type.maxSize) {}
+    : type_(type), settings_(std::move(settings)), deadline_(nowMs() + settings_.lockWaitMs), scratch_(type.maxSize) {}
 
 std::uint32_t Transaction::begin(bool create) {
   if (!scratch_.isThere()) return GENREG_RC_NO_MEMORY;
   if (settings_.paths.isCut) return GENREG_RC_NAME_TOO_LONG;
+  if (const std::uint32_t rc = currentBootId(boot_)) return rc;
   if (const std::uint32_t rc = lockFiles(create)) return rc;
   return log_ == nullptr ? openLog() : MD_RC_OK;
 }
@@ -103,7 +100,8 @@ std::uint32_t Transaction::make() {
 }
 
 std::uint32_t Transaction::openLog() {
-  auto log = std::make_unique<LogWriter>(type_, boot_, settings_.durable);
+  const RunId run{.boot = boot_, .mount = data_.state().mount};
+  auto log = std::make_unique<LogWriter>(type_, run, settings_.durable);
   const std::uint32_t rc = log->open(data_.get(), data_.state().size);
   if (rc == MD_RC_OK) {
     log_ = std::move(log);
@@ -325,7 +323,8 @@ std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t exp
   if (const std::uint32_t rc = lockTemporary(temporary)) return rc;
   std::unique_ptr<LogWriter> fresh;
   const std::uint32_t rc = guarded([&] {
-    fresh = std::make_unique<LogWriter>(type_, boot_, settings_.durable);
+    const RunId run{.boot = boot_, .mount = temporary.state().mount};
+    fresh = std::make_unique<LogWriter>(type_, run, settings_.durable);
     format::FileHeader header;
     if (const std::uint32_t failed = makeHeader(type_, old, header)) return failed;
     if (const std::uint32_t failed = takeOverRights(temporary.get())) return failed;
@@ -576,6 +575,7 @@ std::uint32_t Transaction::sealBackup(int backup, std::uint64_t sequence) {
   slot.end = log_->end();
   slot.sequence = sequence;
   std::fill(std::begin(slot.bootId), std::end(slot.bootId), std::uint8_t{0});
+  slot.mountId = 0;
   sealSlot(slot, log_->key().salt);
   return writeAt(backup, format::SLOT_OFFSET[sequence % 2], bytesOf(slot).first(slotSize(slot)));
 }

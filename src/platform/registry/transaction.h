@@ -97,7 +97,7 @@ class Transaction {
   const RecordType type_;
   WriterSettings settings_;
   std::uint64_t deadline_;
-  BootId boot_;
+  BootId boot_{};
   Descriptor directory_;
   LockedFile lock_;
   LockedFile data_;

@@ -140,6 +140,11 @@ class Reader {
       : file_(std::move(file)), layout_(layout), met_(met) {
     readHeader();
     readSlots();
+    for (std::uint64_t offset = indexedEnd_; offset < end_;) {
+      const Frame frame = frameAt(offset);
+      takeHeads(frame);
+      offset = frame.end;
+    }
     const bool clean = std::all_of(file_.begin() + offsetIn(end_),
                                    file_.begin() + offsetIn(std::min<std::uint64_t>(end_ + 24, file_.size())),
                                    [](std::uint8_t byte) { return byte == 0; });
@@ -291,6 +296,7 @@ class Reader {
     if (!newest) refuse("no slot");
     const std::uint64_t at = newest->at;
     end_ = number<std::uint64_t>(at + 16);
+    indexedEnd_ = number<std::uint64_t>(at + 112);
     chain_ = number<std::uint32_t>(at + 24);
     isUnique_ = (number<std::uint32_t>(at + 28) & 1) == 0;
     records_ = number<std::uint64_t>(at + 32);
@@ -466,6 +472,10 @@ class Reader {
 
   void takeFrame(const Frame& frame) {
     if (frame.kind == AREA) segments_.push_back({frame.blocksOffset, frame.blockCount});
+    takeHeads(frame);
+  }
+
+  void takeHeads(const Frame& frame) {
     if (frame.kind == SUMMARY) heads_[{frame.index, frame.digest}] = frame.offset;
     if (!frame.isEvent()) return;
     for (std::size_t index = 0; index < layout_.indexes.size(); ++index) {
@@ -481,6 +491,7 @@ class Reader {
   std::uint32_t salt_ = 0;
   std::uint64_t seed_ = 0;
   std::uint64_t end_ = 0;
+  std::uint64_t indexedEnd_ = 0;
   std::uint32_t chain_ = 0;
   bool isUnique_ = true;
   std::uint64_t records_ = 0;
@@ -501,7 +512,7 @@ void write(const std::filesystem::path& path, const Bytes& bytes) {
   file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
-// The engine gets its boot id and its random numbers from here.
+// The engine gets its boot id, its mount and its random numbers from here.
 class FixedSurroundings {
  public:
   explicit FixedSurroundings(const std::filesystem::path& folder) {
@@ -511,6 +522,7 @@ class FixedSurroundings {
     real = zon::realSystemCalls();
     zon::systemCalls.openAt = openAt;
     zon::systemCalls.getRandom = getRandom;
+    zon::systemCalls.statx = statx;
   }
   ~FixedSurroundings() { zon::systemCalls = real; }
   FixedSurroundings(const FixedSurroundings&) = delete;
@@ -539,6 +551,13 @@ class FixedSurroundings {
   static int openAt(int directory, const char* path, int flags, mode_t mode) {
     const bool isBootId = std::string_view(path) == "/proc/sys/kernel/random/boot_id";
     return real.openAt(directory, isBootId ? bootIdPath.c_str() : path, flags, mode);
+  }
+
+  // A system that does not tell one mount from the next.
+  static int statx(int directory, const char* path, int flags, unsigned mask, struct statx* status) {
+    const int result = real.statx(directory, path, flags, mask, status);
+    status->stx_mask &= ~0x4000U;
+    return result;
   }
 
   static ssize_t getRandom(void* data, std::size_t size, unsigned) {

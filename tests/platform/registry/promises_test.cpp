@@ -1193,7 +1193,7 @@ TEST_F(Refusals, ConcernRecordsWhoseSizeIsNotTold) {
 }
 
 TEST_F(Refusals, OfAFileSizeLimitComeAsAnAnswerAndNotAsASignal) {
-  for (rlim_t most = 30000; most < 60000; most += 2500) {
+  for (rlim_t most = 35000; most < 65000; most += 2500) {
     std::filesystem::remove(folder_.file());
     ASSERT_EQ(store_.add({"g", "first", "x"}), MD_RC_OK);
     const int result = inChild([&] {

@@ -23,6 +23,7 @@ SimulatedDisk* theDisk = nullptr;
 constexpr const char* BOOT_ID_PATH = "/proc/sys/kernel/random/boot_id";
 constexpr std::uint64_t FOLDER_INODE = 2;
 constexpr std::uint64_t PAGE = 4096;
+constexpr unsigned UNIQUE_MOUNT_ID = 0x4000;  // STATX_MNT_ID_UNIQUE
 constexpr std::uint64_t HEADER_PAGE_SIZE = 2 * PAGE;
 constexpr std::uint64_t MOST_STATES = std::uint64_t{1} << 40;
 
@@ -249,6 +250,9 @@ struct SimulatedCalls {
     status->stx_gid = inode->rights.group;
     status->stx_nlink = theDisk->linkCount(*inode);
     status->stx_size = inode->bytes->size();
+    if (!theDisk->tellsMounts) return;
+    status->stx_mask |= UNIQUE_MOUNT_ID;
+    status->stx_mnt_id = std::uint64_t{1} << 31 | theDisk->mountNumber_;
   }
 
   static int statx(int directory, const char* path, int, unsigned, struct statx* status) {
@@ -483,6 +487,13 @@ void SimulatedDisk::boot(const DiskImage& content) {
     names_[name] = inode;
     nextInode_ = std::max(nextInode_, number + 1);
   }
+}
+
+void SimulatedDisk::remount(const DiskImage& content) {
+  const unsigned number = bootNumber_;
+  boot(content);
+  bootNumber_ = number;
+  ++mountNumber_;
 }
 
 void SimulatedDisk::killProcesses() {

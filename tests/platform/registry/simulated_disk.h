@@ -101,6 +101,10 @@ class SimulatedDisk {
   // What is random begins anew, so that the same work asks for the same calls.
   void reseed() { random_.seed(20240607); }
   unsigned bootNumber() const { return bootNumber_; }
+  // The file system is mounted anew with this content while the machine goes on: what was not durable may be gone.
+  void remount(const DiskImage& content);
+  void setMountNumber(unsigned number) { mountNumber_ = number; }
+  unsigned mountNumber() const { return mountNumber_; }
 
   std::vector<DiskOp> log;
   bool isRecording = false;
@@ -111,6 +115,8 @@ class SimulatedDisk {
   std::set<std::pair<std::uint64_t, std::uint64_t>> badSectors;
   // Whether the system tells its runs apart; without it there is no boot id to read.
   bool tellsBoots = true;
+  // Whether the system tells one mount from the next.
+  bool tellsMounts = true;
   // At most so many bytes by one read or write; 0 for no limit.
   std::size_t mostBytes = 0;
 
@@ -152,6 +158,7 @@ class SimulatedDisk {
   std::uint64_t nextInode_ = 10;
   int nextDescriptor_ = 1000;
   unsigned bootNumber_ = 1;
+  unsigned mountNumber_ = 1;
   std::size_t calls_ = 0;
   std::uint64_t clockNs_ = 1000000000;
   std::mt19937_64 random_{20240607};
