@@ -21,10 +21,6 @@
 namespace zon::test {
 namespace {
 
-using Values = std::vector<Value>;
-
-std::string numbered(const char* prefix, int number) { return prefix + std::to_string(number); }
-
 class ManyAtOnce : public ::testing::Test {
  protected:
   ManyAtOnce() { largestData = 8192; }

@@ -28,7 +28,6 @@
 namespace zon::test {
 namespace {
 
-using Values = std::vector<Value>;
 using Work = std::function<std::uint32_t(TestStore&)>;
 
 constexpr std::size_t SMALL_RECORDS = 8192;

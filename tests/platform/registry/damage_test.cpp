@@ -22,8 +22,6 @@
 namespace zon::test {
 namespace {
 
-using Values = std::vector<Value>;
-
 constexpr std::size_t SMALL_RECORDS = 4096;
 constexpr int MOST_FAILURES = 5;
 const Value PROBE{"probe", "probe", "p"};

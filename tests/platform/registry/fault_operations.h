@@ -13,8 +13,6 @@
 
 namespace zon::test {
 
-using Values = std::vector<Value>;
-
 constexpr std::size_t SMALL_RECORDS = 8192;
 
 // What a call answered; of a listing that failed: what it delivered before.

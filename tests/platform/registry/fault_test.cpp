@@ -58,8 +58,6 @@ void operator delete[](void* memory, const std::nothrow_t&) noexcept { release(m
 namespace zon::test {
 namespace {
 
-using Values = std::vector<Value>;
-
 constexpr std::size_t SMALL_RECORDS = 8192;
 constexpr std::size_t MOST_CALLS = 2000000;  // more than any wait that ends needs
 constexpr int MOST_FAILURES = 5;

@@ -22,8 +22,6 @@
 namespace zon::test {
 namespace {
 
-using Values = std::vector<Value>;
-
 constexpr std::size_t SMALL_RECORDS = 65536;
 constexpr uid_t OWNER = 1234;
 constexpr gid_t GROUP_OF_FILE = 5678;

@@ -25,8 +25,6 @@
 namespace zon::test {
 namespace {
 
-using Values = std::vector<Value>;
-
 constexpr std::size_t SMALL_RECORDS = 4096;
 constexpr std::size_t INDEXES = 2;
 constexpr std::uint64_t MEMORY_SLACK = std::uint64_t{8} << 20;

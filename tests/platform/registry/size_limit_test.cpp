@@ -19,8 +19,6 @@
 namespace zon::test {
 namespace {
 
-using Values = std::vector<Value>;
-
 constexpr std::size_t SMALL_RECORDS = 65536;
 constexpr int WORKED = 0;
 constexpr int REFUSED = 1;

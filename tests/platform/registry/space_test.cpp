@@ -10,8 +10,6 @@
 namespace zon::test {
 namespace {
 
-using Values = std::vector<Value>;
-
 constexpr std::size_t SMALL_RECORDS = 262144;
 constexpr int REMOVALS = 80;  // that a full disk always has room for
 

@@ -43,6 +43,8 @@ struct Value {
   bool operator==(const Value&) const = default;
 };
 
+using Values = std::vector<Value>;
+
 inline void PrintTo(const Value& value, std::ostream* out) {
   *out << '(' << value.group << ", " << value.key << ", " << value.data.substr(0, 20) << "... " << value.data.size()
        << ')';
@@ -160,8 +162,8 @@ class TestStore : public GenRegBin {
   }
 
   // All records that match, in scan order; rc is the scan's.
-  std::vector<Value> list(unsigned long flags = 0, const Value& match = {}, std::uint32_t* result = nullptr) {
-    std::vector<Value> values;
+  Values list(unsigned long flags = 0, const Value& match = {}, std::uint32_t* result = nullptr) {
+    Values values;
     std::uint32_t rc = OpenScan();
     if (rc == MD_RC_OK) {
       auto key = encode(match, true);
@@ -184,6 +186,8 @@ inline std::string noise(std::size_t size, unsigned seed) {
   }
   return out;
 }
+
+inline std::string numbered(const char* prefix, int number) { return prefix + std::to_string(number); }
 
 // Damages one byte, whatever it was: what a file holds is random in part.
 inline void flipByte(const std::filesystem::path& path, std::streamoff offset) {

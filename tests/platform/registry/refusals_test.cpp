@@ -1,0 +1,143 @@
+// What is refused: each cause has its own code, nothing is written, and the next call works.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <string>
+
+#include "engine_promises.h"
+#include "platform/registry/system_calls.h"
+#include "test_records.h"
+
+namespace zon::test {
+namespace {
+
+class Refusals : public EnginePromises {};
+
+TEST_F(Refusals, TellTheirCause) {
+  EXPECT_EQ(store_.add({"g", "refuse me", "x"}), GENREG_RC_BAD_RECORD);
+  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
+  EXPECT_EQ(store_.add({"g", "k", "y"}), GENREG_RC_DUPLICATE_KEY);
+  EXPECT_EQ(store_.change({"g", "k", "x"}), GENREG_RC_NO_CHANGE);
+  EXPECT_EQ(store_.change({"g", "none", "x"}), GENREG_RC_NOT_FOUND);
+  EXPECT_EQ(store_.changeTo({"g", "k", ""}, {"g", "refuse me", "x"}), GENREG_RC_BAD_RECORD);
+  EXPECT_EQ(store_.CloseScan(), GENREG_RC_NO_SCAN);
+  EXPECT_EQ(store_.commitBatch(), GENREG_RC_NO_BATCH);
+  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
+  EXPECT_EQ(store_.OpenScan(), GENREG_RC_SCAN_OPEN);
+  EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
+  TestStore elsewhere(folder_.path() / "missing");
+  EXPECT_EQ(elsewhere.add({"g", "k", "x"}), GENREG_RC_NO_DIRECTORY);
+}
+
+TEST_F(Refusals, ConcernRecordsThatAreLongerThanTheLargest) {
+  const std::string largest(MAX_DATA - 1, '\0');
+  ASSERT_EQ(store_.add({"g", "largest", largest}), MD_RC_OK);
+  EXPECT_EQ(store_.add({"g", "zeros", largest + std::string(100, '\0')}), GENREG_RC_BAD_RECORD);
+  EXPECT_EQ(store_.add({"g", "letters", largest + "letters"}), GENREG_RC_BAD_RECORD);
+  EXPECT_EQ(store_.changeTo({"g", "largest", ""}, {"g", "largest", largest + std::string(100, '\0')}),
+            GENREG_RC_BAD_RECORD);
+  EXPECT_EQ(store_.list().size(), 1u);
+}
+
+TEST_F(Refusals, ConcernRecordsWhoseSizeIsNotTold) {
+  class Sizeless : public TestStore {
+   public:
+    Sizeless(const std::filesystem::path& folder, SizeCallback size) : TestStore(folder) {
+      callbacks_.recordSize = size;
+    }
+  };
+  Sizeless refusing(folder_.path(), [](void* record, unsigned long* size) { return recordSize(record, size) + 1; });
+  EXPECT_EQ(refusing.add({"g", "k", "x"}), GENREG_RC_BAD_RECORD);
+  Sizeless empty(folder_.path(), [](void*, unsigned long* size) {
+    *size = 0;
+    return 0;
+  });
+  EXPECT_EQ(empty.add({"g", "k", "x"}), GENREG_RC_BAD_RECORD);
+  EXPECT_TRUE(store_.list().empty());
+}
+
+TEST_F(Refusals, OfAFileSizeLimitComeAsAnAnswerAndNotAsASignal) {
+  for (rlim_t most = 35000; most < 65000; most += 2500) {
+    std::filesystem::remove(folder_.file());
+    ASSERT_EQ(store_.add({"g", "first", "x"}), MD_RC_OK);
+    const int result = inChild([&] {
+      const struct rlimit limit { .rlim_cur = most, .rlim_max = most };
+      if (setrlimit(RLIMIT_FSIZE, &limit) != 0) return 90;
+      TestStore store(folder_.path());
+      if (store.add({"g", "large", noise(60000, 1)}) != GENREG_RC_FILE_TOO_LARGE) return 1;
+      for (int at = 0; at < 2000; ++at) {
+        const std::uint32_t rc = store.add({numbered("g", at), numbered("k", at), ""});
+        if (rc != MD_RC_OK) return rc == GENREG_RC_FILE_TOO_LARGE && at > 5 ? 0 : 2;
+      }
+      return 3;
+    });
+    EXPECT_EQ(result, 0) << most;
+    std::uint32_t rc = MD_RC_OK;
+    EXPECT_GT(store_.list(0, {}, &rc).size(), 5u);
+    EXPECT_EQ(rc, MD_RC_OK);
+    EXPECT_EQ(store_.add({"g", "later", noise(60000, 1)}), MD_RC_OK);
+  }
+}
+
+TEST_F(Refusals, OfADiskThatTakesNothingComeToAnEnd) {
+  fill(5);
+  systemCalls.pwrite = [](int, const void*, std::size_t, off_t) { return ssize_t{0}; };
+  alarm(20);
+  EXPECT_EQ(store_.add({"g", "k", "x"}), GENREG_RC_DURABILITY_UNKNOWN);
+  alarm(0);
+  systemCalls = realSystemCalls();
+  EXPECT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
+}
+
+TEST_F(Refusals, MeetASecondBatchOfTheSameObject) {
+  store_.setLockWait(0);
+  for (const bool hasFile : {false, true}) {
+    ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
+    EXPECT_EQ(store_.beginBatch(), GENREG_RC_BATCH_OPEN) << hasFile;
+    ASSERT_EQ(store_.add({"g", numbered("k", hasFile), "x"}), MD_RC_OK);
+    EXPECT_EQ(store_.beginBatch(), GENREG_RC_BATCH_OPEN) << hasFile;
+    EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
+    EXPECT_EQ(store_.commitBatch(), GENREG_RC_NO_BATCH);
+  }
+  EXPECT_EQ(store_.list().size(), 2u);
+}
+
+TEST_F(Refusals, MeetCareOfTheFileWithinABatch) {
+  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
+  ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
+  EXPECT_EQ(store_.compact(), GENREG_RC_BATCH_OPEN);
+  EXPECT_EQ(store_.repair(), GENREG_RC_BATCH_OPEN);
+  ASSERT_EQ(store_.add({"g", "l", "x"}), MD_RC_OK);
+  EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
+  EXPECT_EQ(store_.compact(), MD_RC_OK);
+  EXPECT_EQ(store_.repair(), MD_RC_OK);
+  EXPECT_EQ(store_.list().size(), 2u);
+}
+
+TEST_F(Refusals, MeetCareOfTheFileWithinAScan) {
+  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
+  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
+  EXPECT_EQ(store_.compact(), GENREG_RC_SCAN_OPEN);
+  EXPECT_EQ(store_.repair(), GENREG_RC_SCAN_OPEN);
+  EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
+  EXPECT_EQ(store_.compact(), MD_RC_OK);
+}
+
+TEST_F(Refusals, WriteNothing) {
+  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
+  const auto before = filesIn(folder_.path());
+  store_.add({"g", "k", "y"});
+  store_.change({"g", "k", "x"});
+  store_.change({"g", "none", "x"});
+  store_.remove("g", "none");
+  store_.removeAll("none", "", GROUP);
+  EXPECT_EQ(filesIn(folder_.path()), before);
+}
+
+}  // namespace
+}  // namespace zon::test
