@@ -50,7 +50,8 @@ constexpr std::array RETURN_CODES{
 
     ReturnCode{GENREG_RC_LOCK_TIMEOUT, "GENREG_RC_LOCK_TIMEOUT", -22320, "57033",
                "Another process kept the record file locked for longer than the lock wait; nothing was changed. Try "
-               "again, and look for a process that is stopped or hangs if it happens again."},
+               "again. If it happens again, find the process that has the lock with lslocks, or in /proc/locks by the "
+               "inodes of the record file and its lock file, and see whether it is stopped or hangs."},
     ReturnCode{
         GENREG_RC_DAMAGED, "GENREG_RC_DAMAGED", -22321, "58004",
         "Part of the record file that is needed for the answer is damaged. Keep a copy of the file, then let a change "
@@ -112,8 +113,10 @@ constexpr std::array RETURN_CODES{
         "The software met a state that must not occur. Keep the record file and a trace of the call, and report it."},
     ReturnCode{GENREG_RC_SCAN_OPEN, "GENREG_RC_SCAN_OPEN", -22341, "24502",
                "A scan is open on this object already. Close it first, or use a second object."},
-    ReturnCode{GENREG_RC_NO_BATCH, "GENREG_RC_NO_BATCH", -22342, "25000",
-               "No batch of changes is under way on this object. Begin one before committing it."},
+    ReturnCode{
+        GENREG_RC_NO_BATCH, "GENREG_RC_NO_BATCH", -22342, "25000",
+        "No batch of changes is under way on this object, or it was begun before this process was forked. Begin one "
+        "first."},
     ReturnCode{GENREG_RC_BATCH_OPEN, "GENREG_RC_BATCH_OPEN", -22343, "25001",
                "A batch of changes is under way on this object. Commit it first, or use a second object."},
 };
