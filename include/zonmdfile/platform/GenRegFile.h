@@ -59,7 +59,8 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
    * open within a batch, changes are refused with GENREG_RC_SCAN_OPEN. commitBatch ends the batch, whatever it answers,
    * and a scan that was opened in it; GENREG_RC_NO_BATCH without one; while one is under way, beginBatch, repair and
    * compact answer GENREG_RC_BATCH_OPEN. After a change that failed half way (no memory, a failed sync in between) all
-   * further ones of the batch, and commitBatch, answer that failure, and what was not synced is taken back.
+   * further ones of the batch, and commitBatch, answer that failure, and what was not synced is taken back. In a child
+   * that is forked meanwhile all that belongs to the batch answers GENREG_RC_NO_BATCH; the parent's goes on.
    */
   std::uint32_t beginBatch();
   std::uint32_t commitBatch();

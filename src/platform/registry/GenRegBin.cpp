@@ -47,6 +47,7 @@ std::uint32_t GenRegBin::Get(unsigned long flags, void* key, void* out) {
     auto* bytes = static_cast<std::byte*>(out);
     if (batch_ == nullptr) return zon::Reader(type, filePath_, backupPath_).get(flags, key, bytes);
     if (!batch_->hasFile()) return GENREG_RC_NOT_FOUND;
+    if (const std::uint32_t rc = batch_->requireOwner()) return rc;
     zon::LiveRecord found{};
     std::size_t size = 0;
     return zon::findFirst(batch_->view(), flags, key, bytes, found, size);
@@ -73,6 +74,9 @@ std::uint32_t GenRegBin::Delete(unsigned long flags, void* key) {
 std::uint32_t GenRegBin::GetNext(unsigned long flags, void* key, void* out) {
   return zon::engineCall(enginePoint("GenRegBin::GetNext"), [&] {
     if (scan_ == nullptr) return GENREG_RC_NO_SCAN;
+    if (scan_->isOfBatch()) {
+      if (const std::uint32_t rc = batch_->requireOwner()) return scan_->fail(rc);
+    }
     return scan_->next(flags, key, static_cast<std::byte*>(out));
   });
 }

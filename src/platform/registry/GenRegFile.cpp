@@ -144,6 +144,7 @@ std::uint32_t GenRegFile::OpenScan() {
     if (batch_ == nullptr) {
       rc = scan->open();
     } else if (batch_->hasFile()) {
+      rc = batch_->requireOwner();
       scan->openOn(batch_->view());
     }
     if (rc == MD_RC_OK) scan_ = scan.release();

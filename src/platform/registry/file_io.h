@@ -35,6 +35,8 @@ class Descriptor {
   int get() const { return value_; }
   bool isOpen() const { return value_ >= 0; }
   void reset();
+  // For a number that is not this object's to close any more.
+  void forget() { value_ = -1; }
   // Closes and tells what close said: for files that were written, where a late error counts.
   std::uint32_t close();
 

@@ -2,12 +2,12 @@
 #include "platform/registry/file_lock.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/file.h>
 
 #include <algorithm>
 #include <cerrno>
 
+#include "platform/registry/forks.h"
 #include "platform/registry/system_calls.h"
 
 namespace zon {
@@ -17,11 +17,6 @@ namespace {
 // A holder is usually done within one sync: first look often, then ever less so.
 constexpr std::uint32_t FIRST_PAUSE_US = 10;
 constexpr std::uint32_t LONGEST_PAUSE_US = 2000;
-
-// The forks that led from the process that loaded this library to this one. Counted in the child alone, where there is
-// one thread; cheaper than asking for the process's number at every lock.
-unsigned forks = 0;
-[[maybe_unused]] const int COUNTS_FORKS = pthread_atfork(nullptr, nullptr, [] { ++forks; });
 
 }  // namespace
 
@@ -35,22 +30,30 @@ LockedFile& LockedFile::operator=(LockedFile&& other) noexcept {
   return *this;
 }
 
-bool LockedFile::isOurs() const { return file_.isOpen() && forks_ == forks; }
+void LockedFile::take(Descriptor file) {
+  release();
+  file_ = std::move(file);
+  forks_ = forksToHere();
+  closeInChildren(file_.get());
+}
+
+bool LockedFile::isOurs() const { return file_.isOpen() && forks_ == forksToHere(); }
 
 void LockedFile::release() {
   if (!file_.isOpen()) return;
-  if (isOurs()) systemCalls.flock(file_.get(), LOCK_UN);
+  if (isOurs()) {
+    systemCalls.flock(file_.get(), LOCK_UN);
+    // In this order: a copy without the lock does no harm.
+    keepInChildren(file_.get());
+  } else if (canBeClosedInChildren(file_.get())) {
+    file_.forget();
+  }
   file_.reset();
 }
 
-std::uint32_t LockedFile::lock(Descriptor file, std::uint64_t deadlineMs) {
-  release();
+std::uint32_t LockedFile::lock(std::uint64_t deadlineMs) {
   for (std::uint32_t pause = FIRST_PAUSE_US;; pause = std::min(pause * 2, LONGEST_PAUSE_US)) {
-    if (systemCalls.flock(file.get(), LOCK_EX | LOCK_NB) == 0) {
-      file_ = std::move(file);
-      forks_ = forks;
-      return MD_RC_OK;
-    }
+    if (systemCalls.flock(file_.get(), LOCK_EX | LOCK_NB) == 0) return MD_RC_OK;
     if (errno != EWOULDBLOCK && errno != EINTR) return codeOfErrno(errno);
     if (nowMs() >= deadlineMs) return GENREG_RC_LOCK_TIMEOUT;
     sleepMicroseconds(pause);
@@ -67,11 +70,19 @@ std::uint32_t LockedFile::isNamed(int directory, const char* path, bool& result)
 
 std::uint32_t lockByName(int directory, const char* path, int flags, std::uint32_t mode, std::uint64_t deadlineMs,
                          LockedFile& locked) {
+  ForkPatience patience;
   for (;;) {
+    const ForkWatch watch(patience);
     Descriptor file;
     if (const std::uint32_t rc = openAnything(directory, path, flags, mode, file)) return rc;
     LockedFile candidate;
-    if (const std::uint32_t rc = candidate.lock(std::move(file), deadlineMs)) return rc;
+    candidate.take(std::move(file));
+    // A child may have a copy that it does not know of: this one must never be locked.
+    if (watch.sawFork() && !patience.isOver()) {
+      patience.pause();
+      continue;
+    }
+    if (const std::uint32_t rc = candidate.lock(deadlineMs)) return rc;
     bool isNamed = false;
     if (const std::uint32_t rc = candidate.isNamed(directory, path, isNamed)) return rc;
     if (isNamed) {

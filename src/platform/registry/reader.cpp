@@ -92,7 +92,11 @@ GenRegScanExtent Scan::extent() const {
 std::uint32_t Scan::next(unsigned long flags, const void* key, std::byte* out) {
   if (over_) return GENREG_RC_END_OF_SCAN;
   const std::uint32_t rc = guarded([&] { return nextAnywhere(flags, key, out); });
-  if (rc == MD_RC_OK || rc == GENREG_RC_END_OF_SCAN) return rc;
+  return rc == MD_RC_OK || rc == GENREG_RC_END_OF_SCAN ? rc : fail(rc);
+}
+
+std::uint32_t Scan::fail(std::uint32_t rc) {
+  if (over_) return GENREG_RC_END_OF_SCAN;
   over_ = true;
   failure_ = codeForCallers(rc);
   return rc;

@@ -66,6 +66,8 @@ class Scan {
   // again.
   std::uint32_t next(unsigned long flags, const void* key, std::byte* out);
   std::uint32_t close() const { return failure_; }
+  // Ends the scan for this cause, unless it is over.
+  std::uint32_t fail(std::uint32_t rc);
 
  private:
   std::uint32_t nextAnywhere(unsigned long flags, const void* key, std::byte* out);

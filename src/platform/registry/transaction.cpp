@@ -125,6 +125,7 @@ std::uint32_t Transaction::sizeOfRecord(const void* record, std::size_t& size) c
 
 // Runs a piece of work; when it meets damage, mends the file and runs it once more.
 std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
+  if (const std::uint32_t rc = requireOwner()) return rc;
   if (failure_ != MD_RC_OK) return failure_;
   const bool wasDirty = log_->isDirty();
   const std::uint64_t end = log_->end();
@@ -225,8 +226,7 @@ std::uint32_t Transaction::removeAll(unsigned long flags, const void* key) {
 }
 
 std::uint32_t Transaction::commit() {
-  // A child that was forked during a batch would write beside the process whose lock it is.
-  if (log_ != nullptr && !data_.isOurs()) failure_ = GENREG_RC_NO_BATCH;
+  if (const std::uint32_t rc = requireOwner()) return rc;
   if (failure_ != MD_RC_OK) return failure_;
   if (!log_->isDirty()) return MD_RC_OK;
   if (log_->isNameUnsynced()) {
@@ -393,7 +393,7 @@ std::uint32_t Transaction::compact() {
 }
 
 std::uint32_t Transaction::repair() {
-  if (!data_.isOurs()) return GENREG_RC_NO_BATCH;
+  if (const std::uint32_t rc = requireOwner()) return rc;
   repaired_ = true;
   Descriptor backup;
   const std::uint32_t opened = openRegular(directory_.get(), settings_.paths.backup.c_str(), O_RDONLY, 0, backup);

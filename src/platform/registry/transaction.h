@@ -49,6 +49,8 @@ class Transaction {
 
   const LogView& view() const { return *log_; }
   bool hasFile() const { return log_ != nullptr; }
+  // GENREG_RC_NO_BATCH in a child that was forked meanwhile: neither the lock nor the descriptors are its own.
+  std::uint32_t requireOwner() const { return hasFile() && !data_.isOurs() ? GENREG_RC_NO_BATCH : MD_RC_OK; }
   // The file was written anew because it was damaged.
   bool isRepaired() const { return repaired_; }
 
