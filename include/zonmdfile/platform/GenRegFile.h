@@ -26,7 +26,10 @@ struct GenRegStatus {
   std::uint64_t repairs;     /* repairs in the file's history */
   std::uint64_t lostBytes;   /* bytes that repairs could restore neither from the file nor from the backup */
   std::uint32_t formatVersion;
-  std::uint32_t damaged; /* non-zero when the last full check, done by this call, met damage */
+  std::uint32_t damaged;              /* non-zero when the last full check, done by this call, met damage */
+  std::uint64_t unacknowledgedLosses; /* how often records were lost, or may have been, since acknowledgeLoss */
+  std::uint32_t orphanedBackup;       /* non-zero when there is no record file, but its backup */
+  std::uint32_t corruptCopy; /* non-zero when a damaged file or an orphaned backup was kept under the name for it */
 };
 
 /* What the records of a scan come to at most. */
@@ -72,6 +75,18 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
    * damaged. */
   std::uint32_t repair();
 
+  /*
+   * Whether a call of this object repaired the file with a loss, or met a backup without its file: records are gone, or
+   * may be, though the call may have answered 0.
+   */
+  bool hasMetLoss() const { return hasMetLoss_; }
+
+  /*
+   * Takes note of all losses so far: GenRegStatus::unacknowledgedLosses counts from here. Durable when it answers 0.
+   * GENREG_RC_NOT_FOUND when there is no file.
+   */
+  std::uint32_t acknowledgeLoss();
+
   /* Writes the live records anew, in their order. Happens by itself when needed. */
   std::uint32_t compact();
 
@@ -82,6 +97,11 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
 
   zon::Scan* scan_ = nullptr;
   zon::Transaction* batch_ = nullptr;
+  bool hasMetLoss_ = false;
+
+ private:
+  template <class Work>
+  std::uint32_t withFile(const zon::WriterSettings& settings, Work work);
 };
 
 #endif

@@ -1,6 +1,9 @@
 // The record operations: each is a reader's question or a transaction of its own, unless a batch is under way.
 #include "zonmdfile/platform/GenRegBin.h"
 
+#include <optional>
+#include <utility>
+
 #include "platform/registry/engine_call.h"
 #include "platform/registry/reader.h"
 #include "platform/registry/trace_points.h"
@@ -11,21 +14,24 @@ using zon::trace::enginePoint;
 
 namespace {
 
+template <class Work>
+std::uint32_t runIn(zon::Transaction& transaction, bool isBatch, bool create, Work work) {
+  if (!transaction.hasFile()) {
+    if (const std::uint32_t rc = transaction.begin(create)) return rc;
+  }
+  if (const std::uint32_t rc = work(transaction)) return rc;
+  return isBatch ? transaction.commitWhenHeavy() : transaction.commit();
+}
+
 // Runs a change in the batch under way, or in a transaction of its own. `create`: the change may make the file.
 template <class Work>
 std::uint32_t runChange(zon::Transaction* batch, const zon::RecordType& type, zon::WriterSettings settings, bool create,
-                        Work work) {
-  if (batch != nullptr) {
-    if (!batch->hasFile()) {
-      if (const std::uint32_t rc = batch->begin(create)) return rc;
-    }
-    const std::uint32_t rc = work(*batch);
-    return rc != MD_RC_OK ? rc : batch->commitWhenHeavy();
-  }
-  zon::Transaction transaction(type, std::move(settings));
-  if (const std::uint32_t rc = transaction.begin(create)) return rc;
-  const std::uint32_t rc = work(transaction);
-  return rc != MD_RC_OK ? rc : transaction.commit();
+                        bool& hasMetLoss, Work work) {
+  std::optional<zon::Transaction> own;
+  zon::Transaction& transaction = batch != nullptr ? *batch : own.emplace(type, std::move(settings));
+  const std::uint32_t rc = runIn(transaction, batch != nullptr, create, work);
+  if (transaction.hasMetLoss()) hasMetLoss = true;
+  return rc;
 }
 
 }  // namespace
@@ -36,7 +42,7 @@ GenRegBin::~GenRegBin() { zon::TraceScope trace(enginePoint("GenRegBin::~GenRegB
 std::uint32_t GenRegBin::Add(unsigned long flags, void* record) {
   return zon::engineCall(enginePoint("GenRegBin::Add"), [&] {
     if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
-    return runChange(batch_, recordType(), writerSettings(), true,
+    return runChange(batch_, recordType(), writerSettings(), true, hasMetLoss_,
                      [&](zon::Transaction& transaction) { return transaction.add(flags, record); });
   });
 }
@@ -57,7 +63,7 @@ std::uint32_t GenRegBin::Get(unsigned long flags, void* key, void* out) {
 std::uint32_t GenRegBin::Change(unsigned long flags, void* key, void* record) {
   return zon::engineCall(enginePoint("GenRegBin::Change"), [&] {
     if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
-    return runChange(batch_, recordType(), writerSettings(), false,
+    return runChange(batch_, recordType(), writerSettings(), false, hasMetLoss_,
                      [&](zon::Transaction& transaction) { return transaction.change(flags, key, record); });
   });
 }
@@ -66,7 +72,7 @@ std::uint32_t GenRegBin::Delete(unsigned long flags, void* key) {
   return zon::engineCall(enginePoint("GenRegBin::Delete"), [&] {
     if (batch_ != nullptr && scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     const bool all = hasFeature(FEATURE_DELETE_ALL);
-    return runChange(batch_, recordType(), writerSettings(), false,
+    return runChange(batch_, recordType(), writerSettings(), false, hasMetLoss_,
                      [&](zon::Transaction& transaction) { return transaction.remove(flags, key, all); });
   });
 }

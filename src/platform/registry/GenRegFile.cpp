@@ -1,7 +1,9 @@
 // Scans, batches and care of a record file as a whole.
 #include "zonmdfile/platform/GenRegFile.h"
 
-#include <array>
+#include <fcntl.h>
+#include <sys/stat.h>
+
 #include <cstring>
 #include <memory>
 #include <string_view>
@@ -45,13 +47,8 @@ std::uint32_t checkWholeLog(const Reader& reader, std::uint64_t fileSize, bool& 
   return log.isDeviceFailing() ? GENREG_RC_IO_ERROR : MD_RC_OK;
 }
 
-// Of a file that could not be opened, something at least must be readable.
-std::uint32_t checkDevice(int file, std::uint64_t fileSize) {
-  BadSectors bad(fileSize);
-  std::array<std::byte, format::LOG_START> page;
-  std::size_t got = 0;
-  if (const std::uint32_t rc = bad.read(file, 0, page, got)) return rc;
-  return bad.isDeviceFailing(file) ? GENREG_RC_IO_ERROR : MD_RC_OK;
+std::uint64_t unacknowledged(const format::FileHeader& header, std::uint64_t acknowledged) {
+  return header.lossyRepairs > acknowledged ? header.lossyRepairs - acknowledged : 0;
 }
 
 void fillStatus(const Reader& reader, std::uint64_t fileSize, GenRegStatus& status) {
@@ -66,19 +63,50 @@ void fillStatus(const Reader& reader, std::uint64_t fileSize, GenRegStatus& stat
   status.repairs = header.repairs;
   status.lostBytes = header.lostBytes;
   status.formatVersion = header.version;
+  status.unacknowledgedLosses = unacknowledged(header, slot.acknowledgedLosses);
 }
 
-std::uint32_t readStatus(const RecordType& type, const char* filePath, const char* backupPath, GenRegStatus& status) {
+bool isNonEmptyFile(const char* path) {
+  FileState state;
+  return stateAt(AT_FDCWD, path, state) == MD_RC_OK && S_ISREG(state.mode) && state.size > 0;
+}
+
+bool isAnything(const char* path) {
+  FileState state;
+  return stateAt(AT_FDCWD, path, state) == MD_RC_OK;
+}
+
+// Of a file that cannot be opened, what is left of it tells something.
+std::uint32_t fillFromSalvage(const Reader& reader, GenRegStatus& status) {
+  std::unique_ptr<Salvage> intact;
+  const std::uint32_t rc = reader.salvage(intact);
+  if (rc == GENREG_RC_NOT_FOUND) return MD_RC_OK;  // an empty one
+  status.damaged = 1;
+  if (rc == GENREG_RC_DAMAGED) return MD_RC_OK;
+  if (rc != MD_RC_OK) return rc;
+  status.records = intact->count();
+  status.repairs = intact->header().repairs;
+  status.lostBytes = intact->header().lostBytes;
+  status.formatVersion = intact->header().version;
+  status.unacknowledgedLosses = unacknowledged(intact->header(), intact->acknowledgedLosses());
+  return MD_RC_OK;
+}
+
+std::uint32_t readStatus(const RecordType& type, const char* filePath, const char* backupPath, const char* corruptPath,
+                         GenRegStatus& status) {
   status = GenRegStatus{};
+  status.corruptCopy = isAnything(corruptPath) ? 1 : 0;
   Reader reader(type, filePath, backupPath);
   const std::uint32_t opened = reader.open();
-  if (opened == GENREG_RC_NOT_FOUND) return MD_RC_OK;
-  if (opened != MD_RC_OK && opened != GENREG_RC_DAMAGED && opened != RC_UNREADABLE) return opened;
+  if (opened == GENREG_RC_NOT_FOUND) {
+    status.orphanedBackup = isNonEmptyFile(backupPath) ? 1 : 0;
+    return MD_RC_OK;
+  }
+  if (opened != MD_RC_OK && !isDamage(opened)) return opened;
   FileState state;
   if (const std::uint32_t rc = stateOf(reader.file(), state)) return rc;
   status.fileBytes = state.size;
-  status.damaged = 1;
-  if (opened != MD_RC_OK) return checkDevice(reader.file(), state.size);
+  if (opened != MD_RC_OK) return fillFromSalvage(reader, status);
   fillStatus(reader, state.size, status);
   bool damaged = false;
   const std::uint32_t rc = checkWholeLog(reader, state.size, damaged);
@@ -170,6 +198,7 @@ std::uint32_t GenRegFile::beginBatch() {
     auto batch = std::make_unique<zon::Transaction>(recordType(), writerSettings());
     // Without a file there is nothing to change or remove yet; the first record added makes it.
     const std::uint32_t rc = batch->begin(false);
+    if (batch->hasMetLoss()) hasMetLoss_ = true;
     if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
     batch_ = batch.release();
     return MD_RC_OK;
@@ -181,13 +210,27 @@ std::uint32_t GenRegFile::commitBatch() {
     if (batch_ == nullptr) return GENREG_RC_NO_BATCH;
     const std::unique_ptr<zon::Transaction> batch(std::exchange(batch_, nullptr));
     if (scan_ != nullptr && scan_->isOfBatch()) delete std::exchange(scan_, nullptr);
-    return batch->hasFile() ? batch->commit() : MD_RC_OK;
+    const std::uint32_t rc = batch->hasFile() ? batch->commit() : MD_RC_OK;
+    if (batch->hasMetLoss()) hasMetLoss_ = true;
+    return rc;
   });
 }
 
 std::uint32_t GenRegFile::status(GenRegStatus& status) {
   return zon::engineCall(enginePoint("GenRegFile::status"),
-                         [&] { return zon::readStatus(recordType(), filePath_, backupPath_, status); });
+                         [&] { return zon::readStatus(recordType(), filePath_, backupPath_, corruptPath_, status); });
+}
+
+// Work on the file as a whole, outside of scans and batches.
+template <class Work>
+std::uint32_t GenRegFile::withFile(const zon::WriterSettings& settings, Work work) {
+  if (batch_ != nullptr) return GENREG_RC_BATCH_OPEN;
+  if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
+  zon::Transaction transaction(recordType(), settings);
+  std::uint32_t rc = transaction.begin(false);
+  if (rc == MD_RC_OK) rc = work(transaction);
+  if (transaction.hasMetLoss()) hasMetLoss_ = true;
+  return rc;
 }
 
 std::uint32_t GenRegFile::repair() {
@@ -196,26 +239,29 @@ std::uint32_t GenRegFile::repair() {
     if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
     zon::WriterSettings settings = writerSettings();
     settings.repairs = true;
-    zon::Transaction transaction(recordType(), settings);
     GenRegStatus before;
     const std::uint32_t told = status(before);
     if (told != MD_RC_OK && told != GENREG_RC_NOT_RECORD_FILE) return told;
-    const std::uint32_t rc = transaction.begin(false);
-    if (rc == GENREG_RC_NOT_FOUND) return MD_RC_OK;
-    if (rc != MD_RC_OK || before.damaged == 0 || transaction.isRepaired()) return rc;
-    return transaction.repair();
+    const std::uint32_t rc = withFile(settings, [&](zon::Transaction& transaction) {
+      return before.damaged == 0 || transaction.isRepaired() ? MD_RC_OK : transaction.repair();
+    });
+    return rc == GENREG_RC_NOT_FOUND ? MD_RC_OK : rc;
   });
 }
 
 std::uint32_t GenRegFile::compact() {
   return zon::engineCall(enginePoint("GenRegFile::compact"), [&] {
-    if (batch_ != nullptr) return GENREG_RC_BATCH_OPEN;
-    if (scan_ != nullptr) return GENREG_RC_SCAN_OPEN;
-    zon::Transaction transaction(recordType(), writerSettings());
-    const std::uint32_t rc = transaction.begin(false);
-    if (rc != MD_RC_OK) return rc == GENREG_RC_NOT_FOUND ? MD_RC_OK : rc;
-    const std::uint32_t compacted = transaction.compact();
-    const bool mayRepair = hasFeature(FEATURE_REPAIR) && !transaction.isRepaired();
-    return zon::isDamage(compacted) && mayRepair ? transaction.repair() : compacted;
+    const std::uint32_t rc = withFile(writerSettings(), [&](zon::Transaction& transaction) {
+      const std::uint32_t compacted = transaction.compact();
+      const bool mayRepair = hasFeature(FEATURE_REPAIR) && !transaction.isRepaired();
+      return zon::isDamage(compacted) && mayRepair ? transaction.repair() : compacted;
+    });
+    return rc == GENREG_RC_NOT_FOUND ? MD_RC_OK : rc;
+  });
+}
+
+std::uint32_t GenRegFile::acknowledgeLoss() {
+  return zon::engineCall(enginePoint("GenRegFile::acknowledgeLoss"), [&] {
+    return withFile(writerSettings(), [](zon::Transaction& transaction) { return transaction.acknowledgeLoss(); });
   });
 }

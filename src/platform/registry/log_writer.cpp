@@ -751,6 +751,14 @@ void LogWriter::republish(std::uint64_t backupEnd) {
   publishSlot();  // should this fail, the next writer looks at the backup once more
 }
 
+// Should the sync fail, the blocks that the slot takes for applied may be lost with it: it takes none for applied.
+std::uint32_t LogWriter::acknowledgeLosses() {
+  slot_.acknowledgedLosses = header_.lossyRepairs;
+  slot_.overlayApplied = 0;
+  if (const std::uint32_t rc = publishSlot()) return rc;
+  return sync();
+}
+
 std::size_t LogWriter::mergedOverlaySize() const { return mergedOverlay().size(); }
 
 std::uint32_t LogWriter::commit() {

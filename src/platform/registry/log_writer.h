@@ -59,6 +59,10 @@ class LogWriter : public LogView {
   bool isNameUnsynced() const { return (slot_.flags & format::SLOT_NAME_UNSYNCED) != 0; }
   void setNameSynced() { slot_.flags &= ~format::SLOT_NAME_UNSYNCED; }
 
+  void setAcknowledgedLosses(std::uint64_t losses) { slot_.acknowledgedLosses = losses; }
+  // Takes note, durably, of all losses that the header counts. REQUIRES: nothing is dirty.
+  std::uint32_t acknowledgeLosses();
+
   // Something was appended that is not published.
   bool isDirty() const { return end_ != published_.end; }
   // So much waits in memory that it should be committed, or written, before more is appended.

@@ -88,6 +88,7 @@ class Salvage {
   // The file is known to hold several records of one whole key.
   bool hasRepeatedKeys() const { return hasSlot_ && (slot_.flags & format::SLOT_NOT_UNIQUE) != 0; }
   const format::FileHeader& header() const { return header_; }
+  std::uint64_t acknowledgedLosses() const { return hasSlot_ ? slot_.acknowledgedLosses : 0; }
   // Frames that had to be taken from the backup.
   std::uint64_t fromBackup() const { return fromBackup_; }
 

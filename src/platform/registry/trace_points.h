@@ -9,9 +9,9 @@ namespace zon::trace {
 
 inline constexpr Operation RECORD_OPERATIONS[] = {{0, CONSTRUCTOR}, {1, DESTRUCTOR}, {2, "Add"},    {3, "Get"},
                                                   {4, "Change"},    {5, "Delete"},   {6, "GetNext"}};
-inline constexpr Operation FILE_OPERATIONS[] = {{0, CONSTRUCTOR}, {1, DESTRUCTOR},   {2, "OpenScan"},
-                                                {3, "CloseScan"}, {4, "beginBatch"}, {5, "commitBatch"},
-                                                {6, "status"},    {7, "repair"},     {8, "compact"}};
+inline constexpr Operation FILE_OPERATIONS[] = {
+    {0, CONSTRUCTOR},   {1, DESTRUCTOR}, {2, "OpenScan"}, {3, "CloseScan"}, {4, "beginBatch"},
+    {5, "commitBatch"}, {6, "status"},   {7, "repair"},   {8, "compact"},   {9, "acknowledgeLoss"}};
 inline constexpr Operation SETTING_OPERATIONS[] = {
     {0, CONSTRUCTOR}, {1, DESTRUCTOR}, {2, "setFeature"}, {3, "unsetFeature"}};
 

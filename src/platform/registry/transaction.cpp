@@ -94,9 +94,30 @@ std::uint32_t Transaction::lockFiles(bool create) {
   }
 }
 
+// A backup without its file is all that is left of records that somebody may miss. It is kept, and the new file tells
+// of it.
 std::uint32_t Transaction::make() {
+  bool hasOrphan = false;
+  if (const std::uint32_t rc = keepOrphanedBackup(hasOrphan)) return rc;
+  format::FileHeader header{};
+  header.lossyRepairs = hasOrphan ? 1 : 0;
   const RecordSource nothing = [](std::byte*, std::size_t&) { return GENREG_RC_END_OF_SCAN; };
-  return rewrite(nothing, 0, format::FileHeader{}, Keys::DIFFER);
+  const std::uint32_t rc = rewrite(nothing, 0, header, Keys::DIFFER);
+  if (!hasOrphan || (rc != MD_RC_OK && rc != GENREG_RC_DURABILITY_UNKNOWN)) return rc;
+  hasMetLoss_ = true;
+  if (rc != MD_RC_OK) return rc;
+  // The other name keeps it. Should this fail, the first backup of the new file takes its place.
+  systemCalls.unlinkAt(directory_.get(), settings_.paths.backup.c_str(), 0);
+  return MD_RC_OK;
+}
+
+std::uint32_t Transaction::keepOrphanedBackup(bool& isKept) {
+  FileState state;
+  const std::uint32_t rc = stateAt(directory_.get(), settings_.paths.backup.c_str(), state);
+  if (rc == GENREG_RC_NOT_FOUND) return MD_RC_OK;
+  if (rc != MD_RC_OK) return rc;
+  isKept = S_ISREG(state.mode) && state.size > 0;
+  return isKept ? keepAsCorruptCopy(settings_.paths.backup) : MD_RC_OK;
 }
 
 std::uint32_t Transaction::openLog() {
@@ -137,7 +158,8 @@ std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
     return rc;
   };
   std::uint32_t rc = guarded(attempt);
-  const bool mayMend = !wasDirty || log_->end() == end;
+  // Where the device fails, nothing may be committed on the way to a repair that is not sure to succeed.
+  const bool mayMend = !wasDirty || (log_->end() == end && rc != RC_UNREADABLE);
   if (isDamage(rc) && settings_.repairs && !repaired_ && mayMend) {
     ended = false;
     // Repair keeps what is in the file: the batch's changes so far, each of them whole, go there first.
@@ -329,6 +351,7 @@ std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t exp
     if (const std::uint32_t failed = makeHeader(type_, old, header)) return failed;
     if (const std::uint32_t failed = takeOverRights(temporary.get())) return failed;
     if (const std::uint32_t failed = fresh->create(temporary.get(), header, expectedRecords)) return failed;
+    fresh->setAcknowledgedLosses(acknowledgedLosses_);
     if (keys == Keys::REPEAT) fresh->setNotUnique();
     if (const std::uint32_t failed = fill(*fresh, source, keys)) return failed;
     // They may have been changed meanwhile.
@@ -382,6 +405,7 @@ std::uint32_t Transaction::compact() {
   const std::uint64_t records =
       std::min(log_->records(), dataBytes(data_.get(), log_->end()) / format::LEAST_RECORD_FRAME);
   const Keys keys = log_->isUnique() ? Keys::DIFFER : Keys::REPEAT;
+  acknowledgedLosses_ = log_->slot().acknowledgedLosses;
   if (const std::uint32_t rc = rewrite(source, records, log_->header(), keys)) return rc;
   // A backup of what was given up would be no smaller than before.
   FileState backup;
@@ -404,7 +428,8 @@ std::uint32_t Transaction::repair() {
   if (rc == GENREG_RC_NOT_RECORD_FILE) {
     FileState state;
     if (const std::uint32_t failed = stateOf(data_.get(), state)) return failed;
-    return state.size == 0 ? make() : rc;
+    if (state.size != 0) return rc;
+    return make();
   }
   if (rc != MD_RC_OK) return rc;
   if (const std::uint32_t failed = keepAsCorruptCopy(settings_.paths.file)) return failed;
@@ -413,10 +438,20 @@ std::uint32_t Transaction::repair() {
     return next == salvage.count() ? GENREG_RC_END_OF_SCAN : salvage.readRecord(next++, out, size);
   };
   format::FileHeader header = salvage.header();
+  const bool isLossy = salvage.lostBytes() > 0;
   ++header.repairs;
   header.lostBytes += salvage.lostBytes();
-  const Keys keys = salvage.hasRepeatedKeys() ? Keys::REPEAT : salvage.lostBytes() > 0 ? Keys::MERGE : Keys::FIND_OUT;
-  return rewrite(source, salvage.count(), header, keys);
+  if (isLossy) ++header.lossyRepairs;
+  acknowledgedLosses_ = salvage.acknowledgedLosses();
+  const Keys keys = salvage.hasRepeatedKeys() ? Keys::REPEAT : isLossy ? Keys::MERGE : Keys::FIND_OUT;
+  const std::uint32_t written = rewrite(source, salvage.count(), header, keys);
+  if (isLossy && (written == MD_RC_OK || written == GENREG_RC_DURABILITY_UNKNOWN)) hasMetLoss_ = true;
+  return written;
+}
+
+std::uint32_t Transaction::acknowledgeLoss() {
+  if (log_->slot().acknowledgedLosses >= log_->header().lossyRepairs) return MD_RC_OK;
+  return log_->acknowledgeLosses();
 }
 
 // A file gets a second name under which it is kept, which must be durable before its first one is given away. Of

@@ -53,6 +53,10 @@ class Transaction {
   std::uint32_t requireOwner() const { return hasFile() && !data_.isOurs() ? GENREG_RC_NO_BATCH : MD_RC_OK; }
   // The file was written anew because it was damaged.
   bool isRepaired() const { return repaired_; }
+  // Records were lost in this, or may have been.
+  bool hasMetLoss() const { return hasMetLoss_; }
+  // Makes it durable that somebody has taken note of all losses so far.
+  std::uint32_t acknowledgeLoss();
 
  private:
   // Answers one record after the other of what is to be written anew, then GENREG_RC_END_OF_SCAN.
@@ -61,6 +65,7 @@ class Transaction {
   std::uint32_t lockFiles(bool create);
   std::uint32_t openLog();
   std::uint32_t make();
+  std::uint32_t keepOrphanedBackup(bool& isKept);
   std::uint32_t mending(const std::function<std::uint32_t()>& work);
   std::uint32_t sizeOfRecord(const void* record, std::size_t& size) const;
   std::uint32_t addSized(unsigned long flags, const void* record, std::size_t size);
@@ -108,6 +113,8 @@ class Transaction {
   // A change that failed half way, or a commit that failed: nothing that is not durable yet may be taken for done.
   std::uint32_t failure_ = MD_RC_OK;
   bool repaired_ = false;
+  bool hasMetLoss_ = false;
+  std::uint64_t acknowledgedLosses_ = 0;  // of the file that is written anew
 };
 
 }  // namespace zon

@@ -345,6 +345,130 @@ TEST_F(LostFiles, AreNotAnsweredFromATrailingBackupAsIfNothingWereMissing) {
   }
 }
 
+TEST_F(LostFiles, LeaveABackupThatTheFirstWriterKeeps) {
+  ASSERT_NO_FATAL_FAILURE(makeAheadOfBackup());
+  DiskImage gone = golden_;
+  gone.names.erase("store");
+  for (const bool hasOlder : {false, true}) {
+    if (hasOlder) {
+      gone.names["store.cor"] = 4000;
+      gone.files[4000] = std::make_shared<Bytes>(10, std::byte{7});
+    }
+    disk_.boot(gone);
+    TestStore store(DISK_FOLDER);
+    EXPECT_EQ(store.list(), Values{});
+    GenRegStatus status{};
+    note(store.status(status));
+    EXPECT_NE(status.orphanedBackup, 0u);
+    EXPECT_EQ(store.remove("g", "stays"), GENREG_RC_NOT_FOUND);
+    EXPECT_FALSE(store.hasMetLoss());
+    EXPECT_EQ(store.acknowledgeLoss(), GENREG_RC_NOT_FOUND);
+    note(store.add(PROBE));
+    EXPECT_TRUE(store.hasMetLoss());
+    note(store.status(status));
+    EXPECT_EQ(status.orphanedBackup, 0u);
+    EXPECT_EQ(status.unacknowledgedLosses, 1u);
+    EXPECT_NE(status.corruptCopy, 0u);
+    for (unsigned at = 0; at < 30; ++at) note(store.add({"new", std::to_string(at), noise(3000, at)}));
+    const DiskImage after = disk_.image();
+    EXPECT_EQ(after.names.at("store.cor"), golden_.names.at(".store.bkp"));
+    EXPECT_EQ(*after.files.at(after.names.at("store.cor")), bytesOf(".store.bkp"));
+    EXPECT_EQ(after.has("store.cor.1"), hasOlder);
+    EXPECT_NE(after.names.at(".store.bkp"), golden_.names.at(".store.bkp"));
+  }
+}
+
+// At no moment is the backup without a name, and a file that stands there counts the loss.
+TEST_F(LostFiles, KeepTheirBackupThroughAPowerCutInTheFirstWriter) {
+  ASSERT_NO_FATAL_FAILURE(makeAheadOfBackup());
+  DiskImage gone = golden_;
+  gone.names.erase("store");
+  disk_.boot(gone);
+  disk_.isRecording = true;
+  {
+    TestStore store(DISK_FOLDER);
+    note(store.add(PROBE));
+  }
+  disk_.isRecording = false;
+  const std::vector<DiskOp> ops = std::move(disk_.log);
+  disk_.log.clear();
+  const std::uint64_t kept = golden_.names.at(".store.bkp");
+  PowerCut cut(gone);
+  std::mt19937_64 random(7);
+  for (const DiskOp& op : ops) {
+    cut.follow(op);
+    for (int number = 0; number < 12; ++number) {
+      const DiskImage image = number == 0 ? cut.oldest() : number == 1 ? cut.newest() : cut.randomState(random);
+      const bool isNamed =
+          std::any_of(image.names.begin(), image.names.end(), [&](const auto& name) { return name.second == kept; });
+      ASSERT_TRUE(isNamed);
+      disk_.boot(image);
+      TestStore store(DISK_FOLDER);
+      note(store.add({"g", "second", "x"}));
+      GenRegStatus status{};
+      note(store.status(status));
+      ASSERT_EQ(status.unacknowledgedLosses, 1u);
+      ASSERT_EQ(disk_.image().names.at("store.cor"), kept);
+    }
+  }
+}
+
+TEST_F(LostFiles, AreToldUntilSomebodyTakesNote) {
+  ASSERT_NO_FATAL_FAILURE(makeAheadOfBackup());
+  bootWith(std::make_shared<Bytes>());
+  GenRegStatus status{};
+  {
+    TestStore store(DISK_FOLDER);
+    note(store.status(status));
+    EXPECT_NE(status.damaged, 0u);
+    note(store.add(PROBE));
+    EXPECT_TRUE(store.hasMetLoss());
+  }
+  TestStore store(DISK_FOLDER);
+  note(store.add({"g", "next", "x"}));
+  EXPECT_FALSE(store.hasMetLoss());
+  note(store.compact());
+  note(store.status(status));
+  EXPECT_EQ(status.unacknowledgedLosses, 1u);
+  note(store.acknowledgeLoss());
+  note(store.acknowledgeLoss());
+  note(store.compact());
+  disk_.boot(disk_.image());
+  note(store.add({"g", "later", "x"}));
+  note(store.status(status));
+  EXPECT_EQ(status.unacknowledgedLosses, 0u);
+  EXPECT_GE(status.lostBytes, 1u);
+  // A repair without a loss carries on what was acknowledged.
+  take();
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  for (const std::uint64_t slot : {format::SLOT_OFFSET[0]}) (*bytes)[slot + 20] ^= std::byte{1};
+  bootWith(bytes);
+  note(store.repair());
+  note(store.status(status));
+  EXPECT_EQ(status.unacknowledgedLosses, 0u);
+}
+
+// What is taken note of is on the disk when the call answers.
+TEST_F(LostFiles, AreTakenNoteOfDurably) {
+  ASSERT_NO_FATAL_FAILURE(makeAheadOfBackup());
+  bootWith(std::make_shared<Bytes>());
+  TestStore store(DISK_FOLDER);
+  note(store.add(PROBE));
+  take();
+  disk_.boot(golden_);
+  disk_.setBootNumber(boot_);
+  disk_.isRecording = true;
+  note(store.acknowledgeLoss());
+  disk_.isRecording = false;
+  PowerCut cut(golden_);
+  for (const DiskOp& op : disk_.log) cut.follow(op);
+  disk_.boot(cut.oldest());
+  GenRegStatus status{};
+  note(store.status(status));
+  EXPECT_EQ(status.unacknowledgedLosses, 0u);
+  EXPECT_EQ(store.list(), truth_);
+}
+
 // One slot and a broken commit behind it are what a power cut leaves, and damage when there was none.
 TEST_F(LostFiles, ATornSlotAndATornCommitAreALossOnlyInTheSameRun) {
   TestStore store(DISK_FOLDER);
@@ -510,8 +634,9 @@ TEST_F(DamagedFiles, ABatchLosesNothingToARepair) {
   TestStore store(DISK_FOLDER);
   note(store.beginBatch());
   note(store.add(PROBE));
-  EXPECT_EQ(store.removeAll("", "", 0), GENREG_RC_DAMAGED);
+  EXPECT_EQ(store.removeAll("g2", "", GROUP), GENREG_RC_NOT_FOUND);  // the damaged record was the only one
   note(store.commitBatch());
+  EXPECT_TRUE(store.hasMetLoss());
   Value value;
   EXPECT_EQ(store.get("probe", "probe", value), MD_RC_OK);
 }
