@@ -35,6 +35,10 @@
  * "Token" tells which inputs the SQLCA names as its message when the record is missing (-22273, contacts -22271) or
  * there already (-22272, contacts -22270); other failures carry no message.
  *
+ * A call that repaired a file and could not bring back all of its records, or made one where there was a backup
+ * without its file, sets the warning sqlwarn[0] and sqlwarn[7] to 'W', whatever its SQLCODE. GenRegFile::status tells
+ * of it until GenRegFile::acknowledgeLoss.
+ *
  * Calls on different threads share nothing; several processes may use one metadata directory. A change that reported
  * 0 is on stable storage.
  */

@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "api/cells.h"
+#include "api/loss_warning.h"
 #include "platform/guarded.h"
 #include "platform/trace_scope.h"
 #include "record/trace_points.h"
@@ -84,7 +85,9 @@ template <class Store, class Body>
 [[nodiscard]] std::uint32_t withStore(Body&& body) {
   const std::unique_ptr<Store> store(new (std::nothrow) Store);
   if (store == nullptr) return MD_RC_NO_DATA;
-  return guarded([&] { return std::forward<Body>(body)(*store); });
+  const std::uint32_t rc = guarded([&] { return std::forward<Body>(body)(*store); });
+  LossWarning::note(store->hasMetLoss());
+  return rc;
 }
 
 // Hands all results out, or none: the first empty one, or a lack of memory, keeps every cell as it was.
@@ -130,6 +133,7 @@ void report(TraceScope& trace, std::uint32_t rc, const ParameterBlock& block, st
   for (std::size_t i = 0; i < COUNT; ++i) tokens[i] = block.text(Slots::KEYS[i]);
   const std::int32_t sqlcode = mapMDFileRcToSqlca(rc, static_cast<std::int32_t>(COUNT),
                                                   COUNT == 0 ? nullptr : tokens.data(), SUBJECT_KIND<Store>, sqlca);
+  LossWarning::putInto(sqlca);
   block.putNumber(Slots::RC_SLOT, sqlcode);
   trace.exit(sqlcode);
 }
@@ -151,13 +155,17 @@ void callStore(std::uint32_t tracePoint, void** slots, struct sqlca* sqlca) {
 template <class Store>
 void reportToSqlca(TraceScope& trace, std::uint32_t rc, const char* token, struct sqlca* sqlca) {
   trace.variable(&rc, sizeof rc);
-  trace.exit(mapMDFileRcToSqlca(rc, 1, &token, SUBJECT_KIND<Store>, sqlca));
+  const std::int32_t sqlcode = mapMDFileRcToSqlca(rc, 1, &token, SUBJECT_KIND<Store>, sqlca);
+  LossWarning::putInto(sqlca);
+  trace.exit(sqlcode);
 }
 
 template <class Store>
 void reportToSqlca(TraceScope& trace, std::uint32_t rc, struct sqlca* sqlca) {
   trace.variable(&rc, sizeof rc);
-  trace.exit(mapMDFileRcToSqlca(rc, 0, nullptr, SUBJECT_KIND<Store>, sqlca));
+  const std::int32_t sqlcode = mapMDFileRcToSqlca(rc, 0, nullptr, SUBJECT_KIND<Store>, sqlca);
+  LossWarning::putInto(sqlca);
+  trace.exit(sqlcode);
 }
 
 }  // namespace zon

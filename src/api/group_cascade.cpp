@@ -126,19 +126,29 @@ std::uint32_t Withdrawal::findRest(DString& parent, bool hasRemoved) {
 
 }  // namespace
 
+namespace {
+
+std::uint32_t withdrawTraced(DString& member, const DString& kind) {
+  TraceScope trace(trace::point("removeMemberFromGroups"));
+  trace.variable(member.c_str(), member.length());
+  trace.variable(kind.c_str(), kind.length());
+  return trace.exit(
+      withStore<MDContactGroup>([&](MDContactGroup& store) { return Withdrawal(store).run(member, kind); }));
+}
+
+}  // namespace
+
 std::uint32_t withdrawMember(const char* member, char kind) noexcept {
   return guarded([&] {
     DString name(member);
-    return removeMemberFromGroups(name, DString(kind));
+    return withdrawTraced(name, DString(kind));
   });
 }
 
 }  // namespace zon
 
 extern "C" std::uint32_t removeMemberFromGroups(DString& member, DString kind) {
-  zon::TraceScope trace(zon::trace::point("removeMemberFromGroups"));
-  trace.variable(member.c_str(), member.length());
-  trace.variable(kind.c_str(), kind.length());
-  return trace.exit(
-      zon::withStore<MDContactGroup>([&](MDContactGroup& store) { return zon::Withdrawal(store).run(member, kind); }));
+  const std::uint32_t rc = zon::withdrawTraced(member, kind);
+  zon::LossWarning::forget();  // without an SQLCA there is nowhere to tell it
+  return rc;
 }

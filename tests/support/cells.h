@@ -55,6 +55,7 @@ class Call {
   const struct sqlca& sqlca() const { return sqlca_; }
   std::int32_t sqlcode() const { return sqlca_.sqlcode; }
   std::string message() const { return {sqlca_.sqlerrmc, static_cast<std::size_t>(sqlca_.sqlerrml)}; }
+  std::string warnings() const { return {sqlca_.sqlwarn, sizeof sqlca_.sqlwarn}; }
   std::int32_t rcCell(std::size_t slot) const { return static_cast<std::int32_t>(slots_[slot].number); }
   std::uint32_t numberAt(std::size_t slot) const { return slots_[slot].number; }
 

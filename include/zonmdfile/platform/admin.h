@@ -37,6 +37,12 @@ ZON_EXPORT int setMetadataPath(const char *path);
 ZON_EXPORT void vekFillSqlca(struct sqlca *sqlca, int32_t sqlcode, const char *function, int32_t tokenCount,
                              const char *const *tokens);
 
+/*
+ * Sets the warning that records were lost, or may have been, in a call that answered all the same: 'W' in sqlwarn[0]
+ * and in sqlwarn[7]. All else stays. A null sqlca is allowed.
+ */
+ZON_EXPORT void vekWarnOfLoss(struct sqlca *sqlca);
+
 /* The SQLCODE of a return code: 0 for 0, else negative and its own; one common SQLCODE for codes not in the table. */
 ZON_EXPORT int32_t ecfToSqlError(uint32_t rc);
 

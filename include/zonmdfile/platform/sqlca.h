@@ -12,7 +12,7 @@ struct sqlca {
   char sqlerrmc[70];  /* the message token, not NUL-terminated */
   char sqlerrp[8];    /* name of the reporting function, cut at 8 bytes, blank-padded */
   int32_t sqlerrd[6]; /* zero */
-  char sqlwarn[11];   /* blanks */
+  char sqlwarn[11];   /* blanks; after a loss 'W' in the first and the eighth */
   char sqlstate[5];   /* "00000" for SQLCODE 0 */
 };
 

@@ -22,6 +22,8 @@ static_assert(offsetof(sqlca, sqlstate) == 131);
 
 namespace {
 
+constexpr std::size_t LOSS_WARNING = 7;  // which of the warnings tells of a loss
+
 // A message that is cut at the size of its field.
 class Message {
  public:
@@ -67,4 +69,10 @@ extern "C" void vekFillSqlca(struct sqlca* sqlca, int32_t sqlcode, const char* f
   if (function != nullptr) std::memcpy(sqlca->sqlerrp, function, ::strnlen(function, sizeof(sqlca->sqlerrp)));
   std::memset(sqlca->sqlwarn, ' ', sizeof(sqlca->sqlwarn));
   std::memcpy(sqlca->sqlstate, zon::findSqlState(sqlcode), sizeof(sqlca->sqlstate));
+}
+
+extern "C" void vekWarnOfLoss(struct sqlca* sqlca) {
+  if (sqlca == nullptr) return;
+  sqlca->sqlwarn[0] = 'W';
+  sqlca->sqlwarn[LOSS_WARNING] = 'W';
 }

@@ -101,6 +101,15 @@ TEST_F(SqlcaFilling, PadsTheFunctionsNameWithBlanks) {
   EXPECT_EQ(function(), "        ");
 }
 
+TEST_F(SqlcaFilling, TakesTheWarningOfALossAndKeepsAllElse) {
+  vekFillSqlca(&area_, 0, "map", 0, nullptr);
+  struct sqlca expected = area_;
+  expected.sqlwarn[0] = expected.sqlwarn[7] = 'W';
+  vekWarnOfLoss(&area_);
+  EXPECT_EQ(std::memcmp(&area_, &expected, sizeof expected), 0);
+  vekWarnOfLoss(nullptr);
+}
+
 TEST_F(SqlcaFilling, LooksUpTheState) {
   vekFillSqlca(&area_, -22270, "f", 0, nullptr);
   EXPECT_EQ(state(), "23505");

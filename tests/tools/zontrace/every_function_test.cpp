@@ -132,6 +132,7 @@ class EveryTracedFunction : public zontest::MetadataTest {
     EXPECT_EQ(store.status(status), MD_RC_OK);
     EXPECT_EQ(store.repair(), MD_RC_OK);
     EXPECT_EQ(store.compact(), MD_RC_OK);
+    EXPECT_EQ(store.acknowledgeLoss(), MD_RC_OK);
   }
 
   static void callFreeFunctions() {
