@@ -58,6 +58,14 @@ void FailingMemory::disarm() {
 
 std::int64_t liveBlocks() { return live; }
 
+bool hasSanitizer() {
+#ifdef ZON_HAS_SANITIZER
+  return true;
+#else
+  return false;
+#endif
+}
+
 AnotherBoot::AnotherBoot(const char* fileWithId) { bootIdFile = fileWithId; }
 AnotherBoot::~AnotherBoot() { bootIdFile = nullptr; }
 

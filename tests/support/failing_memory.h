@@ -35,6 +35,9 @@ class FailingMemory {
 // Blocks of malloc and its kin that the calling thread has taken and not given back, counted from the program's start.
 std::int64_t liveBlocks();
 
+// Whether this build checks every access to memory, at many times the cost.
+bool hasSanitizer();
+
 // While it lives the kernel's boot id reads as another one, as after a restart.
 class AnotherBoot {
  public:
