@@ -59,7 +59,8 @@ bool SeenDigests::note(std::uint64_t digest) {
   return seen;
 }
 
-std::uint32_t LogWriter::create(int file, const format::FileHeader& header, std::uint64_t expectedRecords) {
+// All of the room is asked for at once: on a full disk nothing is to be read and written for nothing.
+std::uint32_t LogWriter::create(int file, const format::FileHeader& header, const Expected& expected) {
   file_ = file;
   fresh_ = true;
   header_ = header;
@@ -67,12 +68,14 @@ std::uint32_t LogWriter::create(int file, const format::FileHeader& header, std:
   slot_ = format::Slot{};
   slot_.chain = key_.salt;
   slot_.flags = format::SLOT_NAME_UNSYNCED;
-  seen_.expect(expectedRecords);
+  seen_.expect(expected.records);
   end_ = format::LOG_START;
   pendingStart_ = end_;
-  const std::uint64_t entries = expectedRecords * type_.indexCount;
-  const std::uint64_t blocks = (entries + entries / 4) / (format::BLOCK_ENTRIES * 4 / 5);
-  if (const std::uint32_t rc = appendArea(std::max(LEAST_BLOCKS, blocks))) return rc;
+  const std::uint64_t entries = expected.records * type_.indexCount;
+  const std::uint64_t blocks =
+      std::clamp((entries + entries / 4) / (format::BLOCK_ENTRIES * 4 / 5), LEAST_BLOCKS, format::MAX_BLOCKS);
+  if (const std::uint32_t rc = makeRoomForArea(blocks, expected.bytes)) return rc;
+  if (const std::uint32_t rc = appendArea(blocks)) return rc;
   slot_.commits = 0;
   return MD_RC_OK;
 }
@@ -355,8 +358,9 @@ std::uint64_t LogWriter::nextBlocksOffset() const {
   return roundUp(end_ + sizeof(format::FrameHeader) + sizeof(format::AreaBody), format::BLOCK_SIZE);
 }
 
-std::uint32_t LogWriter::makeRoomForArea(std::uint64_t blockCount) {
-  return growTo(nextBlocksOffset() + blockCount * format::BLOCK_SIZE + format::TERMINATOR_SIZE + REMOVAL_ROOM);
+std::uint32_t LogWriter::makeRoomForArea(std::uint64_t blockCount, std::uint64_t bytesBehind) {
+  return growTo(nextBlocksOffset() + blockCount * format::BLOCK_SIZE + bytesBehind + format::TERMINATOR_SIZE +
+                REMOVAL_ROOM);
 }
 
 // The area is a commit of its own. Its blocks do not wait in memory: they are written at once, empty and sealed, so

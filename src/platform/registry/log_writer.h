@@ -39,8 +39,14 @@ class LogWriter : public LogView {
   // Without `durable` no commit is synced: a crash of the machine may then cost commits, and damage the file.
   LogWriter(const RecordType& type, const RunId& run, bool durable) : LogView(type), run_(run), durable_(durable) {}
 
-  // Begins a new log in an empty file, with room in the index for so many records.
-  std::uint32_t create(int file, const format::FileHeader& header, std::uint64_t expectedRecords);
+  // What a new log is going to hold; too little does no harm.
+  struct Expected {
+    std::uint64_t records = 0;
+    std::uint64_t bytes = 0;  // of their frames
+  };
+
+  // Begins a new log in an empty file, with room for so much.
+  std::uint32_t create(int file, const format::FileHeader& header, const Expected& expected);
 
   // Opens the log and settles it: what lies behind its end is taken in after a crash, and discarded in the same run.
   std::uint32_t open(int file, std::uint64_t fileSize);
@@ -120,7 +126,7 @@ class LogWriter : public LogView {
   std::uint64_t touchedSize() const;
   std::uint32_t ensureFileSize(std::uint64_t size);
   std::uint64_t nextBlocksOffset() const;
-  std::uint32_t makeRoomForArea(std::uint64_t blockCount);
+  std::uint32_t makeRoomForArea(std::uint64_t blockCount, std::uint64_t bytesBehind = 0);
   std::uint32_t growTo(std::uint64_t size);
   void cutReserve();
   std::uint32_t publish(const std::vector<format::OverlayEntry>& overlay, std::size_t applied);

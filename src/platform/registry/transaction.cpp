@@ -102,7 +102,7 @@ std::uint32_t Transaction::make() {
   format::FileHeader header{};
   header.lossyRepairs = hasOrphan ? 1 : 0;
   const RecordSource nothing = [](std::byte*, std::size_t&) { return GENREG_RC_END_OF_SCAN; };
-  const std::uint32_t rc = rewrite(nothing, 0, header, Keys::DIFFER);
+  const std::uint32_t rc = rewrite(nothing, {}, header, Keys::DIFFER);
   if (!hasOrphan || (rc != MD_RC_OK && rc != GENREG_RC_DURABILITY_UNKNOWN)) return rc;
   hasMetLoss_ = true;
   if (rc != MD_RC_OK) return rc;
@@ -339,7 +339,7 @@ std::uint32_t Transaction::fill(LogWriter& fresh, const RecordSource& source, Ke
   }
 }
 
-std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t expectedRecords,
+std::uint32_t Transaction::rewrite(const RecordSource& source, const LogWriter::Expected& expected,
                                    const format::FileHeader& old, Keys keys) {
   LockedFile temporary;
   if (const std::uint32_t rc = lockTemporary(temporary)) return rc;
@@ -350,7 +350,7 @@ std::uint32_t Transaction::rewrite(const RecordSource& source, std::uint64_t exp
     format::FileHeader header;
     if (const std::uint32_t failed = makeHeader(type_, old, header)) return failed;
     if (const std::uint32_t failed = takeOverRights(temporary.get())) return failed;
-    if (const std::uint32_t failed = fresh->create(temporary.get(), header, expectedRecords)) return failed;
+    if (const std::uint32_t failed = fresh->create(temporary.get(), header, expected)) return failed;
     fresh->setAcknowledgedLosses(acknowledgedLosses_);
     if (keys == Keys::REPEAT) fresh->setNotUnique();
     if (const std::uint32_t failed = fill(*fresh, source, keys)) return failed;
@@ -394,6 +394,15 @@ std::uint32_t Transaction::putInPlace(LockedFile& temporary, const std::string& 
   return syncDirectory(directory_.get());
 }
 
+// The slot's counts are believed no further than there are bytes on the disk. A changed record's frame becomes smaller
+// when it is inserted anew.
+LogWriter::Expected Transaction::liveParts() const {
+  const std::uint64_t bytes = dataBytes(data_.get(), log_->end());
+  const std::uint64_t records = std::min(log_->records(), bytes / format::LEAST_RECORD_FRAME);
+  const std::uint64_t frames = std::min(log_->slot().liveFrameBytes, bytes);
+  return {.records = records, .bytes = frames - std::min(frames, records * sizeof(format::EventBody))};
+}
+
 std::uint32_t Transaction::compact() {
   if (log_->isDirty()) return GENREG_RC_INTERNAL;
   LogScan scan(*log_);
@@ -401,12 +410,9 @@ std::uint32_t Transaction::compact() {
     LiveRecord record{};
     return scan.next(out, record, size);
   };
-  // The slot's count is believed no further than there are bytes for records.
-  const std::uint64_t records =
-      std::min(log_->records(), dataBytes(data_.get(), log_->end()) / format::LEAST_RECORD_FRAME);
   const Keys keys = log_->isUnique() ? Keys::DIFFER : Keys::REPEAT;
   acknowledgedLosses_ = log_->slot().acknowledgedLosses;
-  if (const std::uint32_t rc = rewrite(source, records, log_->header(), keys)) return rc;
+  if (const std::uint32_t rc = rewrite(source, liveParts(), log_->header(), keys)) return rc;
   // A backup of what was given up would be no smaller than before.
   FileState backup;
   const bool hasBackup = settings_.keepsBackup &&
@@ -444,7 +450,7 @@ std::uint32_t Transaction::repair() {
   if (isLossy) ++header.lossyRepairs;
   acknowledgedLosses_ = salvage.acknowledgedLosses();
   const Keys keys = salvage.hasRepeatedKeys() ? Keys::REPEAT : isLossy ? Keys::MERGE : Keys::FIND_OUT;
-  const std::uint32_t written = rewrite(source, salvage.count(), header, keys);
+  const std::uint32_t written = rewrite(source, {.records = salvage.count(), .bytes = 0}, header, keys);
   if (isLossy && (written == MD_RC_OK || written == GENREG_RC_DURABILITY_UNKNOWN)) hasMetLoss_ = true;
   return written;
 }

@@ -84,7 +84,8 @@ class Transaction {
   std::uint32_t lockTemporary(LockedFile& temporary);
   std::uint32_t removeTemporary(const FileState& found);
   bool isLeftUnfinished(const FileState& found);
-  std::uint32_t rewrite(const RecordSource& source, std::uint64_t expectedRecords, const format::FileHeader& old,
+  LogWriter::Expected liveParts() const;
+  std::uint32_t rewrite(const RecordSource& source, const LogWriter::Expected& expected, const format::FileHeader& old,
                         Keys keys);
   std::uint32_t fill(LogWriter& fresh, const RecordSource& source, Keys keys);
   std::uint32_t takeOverRights(int temporary) const;

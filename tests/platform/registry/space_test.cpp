@@ -130,6 +130,51 @@ TEST_F(Space, ComesBackWhenSomebodyTakesTheBackupAway) {
   EXPECT_TRUE(disk_.image().has(".store.bkp"));
 }
 
+// A file that should be written anew, on a disk with some room but too little, tries so after each change: this must
+// show at once, not when all that lives has been read and written for nothing.
+TEST_F(Space, ThatIsTooLittleForWritingTheFileAnewShowsAtOnce) {
+  TestStore store(DISK_FOLDER);
+  for (int at = 0; at < 100; ++at) {
+    ASSERT_EQ(store.add({groupOf(at), keyOf(at), noise(20000, static_cast<unsigned>(at))}), MD_RC_OK);
+  }
+  disk_.capacity = sizeOf("store") + sizeOf(".store.bkp") + 300000;
+  // From the numbers drawn for the new file's header to its removal.
+  int transfers = 0;
+  int refusals = 0;
+  disk_.fault = [&](Call call) {
+    if (call == Call::RANDOM) transfers = 0;
+    if (call == Call::READ || call == Call::WRITE) ++transfers;
+    if (call == Call::UNLINK) {
+      EXPECT_EQ(transfers, 0);
+      ++refusals;
+    }
+    return 0;
+  };
+  for (int at = 0; at < REMOVALS; ++at) ASSERT_EQ(store.remove(groupOf(at), keyOf(at)), MD_RC_OK) << at;
+  EXPECT_GT(refusals, 0);
+}
+
+// As after a crash between the rename of a file that was written anew and its new backup.
+TEST_F(Space, OfABackupThatALargerFileLeftIsGivenBackByLaterChanges) {
+  TestStore store(DISK_FOLDER);
+  ASSERT_EQ(store.add({"g", "large", noise(200000, 1)}), MD_RC_OK);
+  ASSERT_GT(sizeOf(".store.bkp"), 200000u);
+  bool isRenamed = false;
+  disk_.fault = [&isRenamed](Call call) {
+    if (isRenamed) return EIO;
+    isRenamed = call == Call::RENAME;
+    return 0;
+  };
+  store.change({"g", "large", "small now"});
+  disk_.fault = nullptr;
+  ASSERT_TRUE(isRenamed);
+  disk_.killProcesses();
+  ASSERT_LT(sizeOf("store"), 40000u);
+  ASSERT_GT(sizeOf(".store.bkp"), 200000u);
+  for (int at = 0; at < 8; ++at) ASSERT_EQ(store.add({"g", keyOf(at), "x"}), MD_RC_OK);
+  EXPECT_LT(sizeOf(".store.bkp"), 40000u);
+}
+
 TEST_F(Space, OfALargeCommitThatWasBrokenOffIsGivenBackByTheNextOne) {
   for (const bool machine : {false, true}) {
     disk_.boot(DiskImage{});
