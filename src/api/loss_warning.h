@@ -12,16 +12,16 @@ namespace zon {
 class LossWarning {
  public:
   static void note(bool hasMetLoss) {
-    if (hasMetLoss) isDue_ = true;
+    if (hasMetLoss) isDue = true;
   }
-  static void forget() { isDue_ = false; }
+  static void forget() { isDue = false; }
   static void putInto(struct sqlca* sqlca) {
-    if (std::exchange(isDue_, false)) vekWarnOfLoss(sqlca);
+    if (std::exchange(isDue, false)) vekWarnOfLoss(sqlca);
   }
 
  private:
   // Entry points on different threads share nothing.
-  static inline thread_local bool isDue_ = false;
+  static inline thread_local bool isDue = false;
 };
 
 }  // namespace zon

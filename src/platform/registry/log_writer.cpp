@@ -578,6 +578,7 @@ class EntryPlacer {
     std::vector<Candidate> candidates;
     if (const std::uint32_t rc = findCandidates(segment, entry, candidates)) return rc;
     std::vector<std::uint64_t> targets;
+    targets.reserve(candidates.size());
     for (const Candidate& candidate : candidates) targets.push_back(candidate.older);
     const std::size_t index = entry.offsetAndIndex & INDEX_MASK;
     std::uint64_t reached = 0;
