@@ -568,9 +568,17 @@ std::uint32_t Transaction::extendBackup(int backup) {
   const format::Slot& slot = page.slots[page.newest()];
   if (slot.end > log_->end() || log_->chainAt(slot.end) != slot.chain) return GENREG_RC_NOT_FOUND;
   if (const std::uint32_t failed = reserve(backup, state.size, log_->end())) return failed;
+  if (const std::uint32_t failed = restoreHeader(backup, page)) return failed;
   if (const std::uint32_t failed = copyLog(backup, slot.end, slot.chain)) return failed;
   if (const std::uint32_t failed = syncData(backup)) return failed;
   return sealBackup(backup, slot.sequence + 1);
+}
+
+// Sealing the backup writes to a sector that has a header: a power cut may cost it, so that the other one must be good.
+// The sync before the seal keeps the two from being under way at once.
+std::uint32_t Transaction::restoreHeader(int backup, const HeaderPage& page) const {
+  if (page.bothHeaders()) return MD_RC_OK;
+  return writeAt(backup, page.headerValid[0] ? format::HEADER_COPY_OFFSET : 0, bytesOf(log_->header()));
 }
 
 std::uint32_t Transaction::makeBackup() {

@@ -98,6 +98,7 @@ class Transaction {
   bool isBackupDue() const;
   std::uint32_t updateBackup();
   std::uint32_t extendBackup(int backup);
+  std::uint32_t restoreHeader(int backup, const HeaderPage& page) const;
   std::uint32_t makeBackup();
   std::uint32_t copyLog(int backup, std::uint64_t from, std::uint32_t chain);
   std::uint32_t sealBackup(int backup, std::uint64_t sequence);

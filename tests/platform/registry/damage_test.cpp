@@ -985,6 +985,28 @@ TEST_F(DamagedFiles, ABackupOfAFormerFileIsMadeAnew) {
   }
 }
 
+// A power cut while the backup is sealed may cost the header that is left.
+TEST_F(DamagedFiles, ABackupThatGrowsGetsItsLostHeaderBack) {
+  makeWithBackup();
+  for (const std::size_t header : {std::size_t{0}, format::HEADER_COPY_OFFSET}) {
+    DiskImage image = golden_;
+    const auto backup = std::make_shared<Bytes>(bytesOf(".store.bkp"));
+    (*backup)[header + 20] ^= std::byte{1};
+    image.files[image.names.at(".store.bkp")] = backup;
+    disk_.boot(image);
+    TestStore store(DISK_FOLDER);
+    GenRegStatus status{};
+    for (unsigned at = 0; status.backupBytes <= used_; ++at) {
+      ASSERT_LT(at, 100u) << "it does not grow";
+      ASSERT_EQ(store.add({"more", std::to_string(at), noise(2000, at)}), MD_RC_OK);
+      ASSERT_EQ(store.status(status), MD_RC_OK);
+    }
+    image = disk_.image();
+    const Bytes& grown = *image.files.at(image.names.at(".store.bkp"));
+    EXPECT_EQ(std::memcmp(&grown[0], &grown[format::HEADER_COPY_OFFSET], sizeof(format::FileHeader)), 0) << header;
+  }
+}
+
 TEST_F(DamagedFiles, AForeignFileIsRefusedAndUntouched) {
   for (const std::size_t size : {1u, 63u, 64u, 5000u, 70000u}) {
     auto bytes = std::make_shared<Bytes>(size);
