@@ -37,6 +37,7 @@ struct Scene {
 struct Base {
   const char* name;
   std::function<void(TestStore&)> make;
+  double share = 1;  // of the failures that other bases get: less where each run of an operation is dear
 };
 const std::vector<Base>& bases();
 const Base& baseNamed(const std::string& name);
