@@ -21,7 +21,7 @@ struct GenRegStatus {
   std::uint64_t recordBytes; /* their sizes added up */
   std::uint64_t fileBytes;   /* size of the record file */
   std::uint64_t usedBytes;   /* of these, header, frames and index; the rest is reserved for the next changes */
-  std::uint64_t changes;     /* commits since the file was created, compaction included */
+  std::uint64_t changes;     /* commits since the file was created, compactions and repairs included */
   std::uint64_t backupBytes; /* how far the backup follows the file; 0 without a backup */
   std::uint64_t repairs;     /* repairs in the file's history */
   std::uint64_t lostBytes;   /* bytes that repairs could restore neither from the file nor from the backup */

@@ -65,6 +65,8 @@ class LogWriter : public LogView {
   bool isNameUnsynced() const { return (slot_.flags & format::SLOT_NAME_UNSYNCED) != 0; }
   void setNameSynced() { slot_.flags &= ~format::SLOT_NAME_UNSYNCED; }
 
+  // Of a file that is written anew, just before finish(): how many commits there were, this one included.
+  void setCommits(std::uint64_t commits) { slot_.commits = commits; }
   void setAcknowledgedLosses(std::uint64_t losses) { slot_.acknowledgedLosses = losses; }
   // Takes note, durably, of all losses that the header counts. REQUIRES: nothing is dirty.
   std::uint32_t acknowledgeLosses();

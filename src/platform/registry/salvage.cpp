@@ -213,6 +213,15 @@ bool Salvage::isOvertaken(int file) const {
   return false;
 }
 
+std::uint64_t Salvage::mostCommits() const {
+  std::uint64_t end = slot_.end;
+  for (const RawLog* log : {file_.get(), backup_.get()}) {
+    if (takesBehind_ && log != nullptr) end = std::max(end, log->end());
+  }
+  const std::uint64_t from = std::max(slot_.end, format::LOG_START);
+  return slot_.commits + (end > from ? (end - from) / format::LEAST_RECORD_FRAME : 0);
+}
+
 bool Salvage::frameAt(std::uint64_t offset, Frame& frame, bool& inBackup) const {
   inBackup = false;
   if (file_ != nullptr && file_->hasFrame(offset, frame)) return true;

@@ -89,6 +89,8 @@ class Salvage {
   bool hasRepeatedKeys() const { return hasSlot_ && (slot_.flags & format::SLOT_NOT_UNIQUE) != 0; }
   const format::FileHeader& header() const { return header_; }
   std::uint64_t acknowledgedLosses() const { return hasSlot_ ? slot_.acknowledgedLosses : 0; }
+  // No fewer commits than the file has had, as far as a slot tells: behind it, each took a frame at least.
+  std::uint64_t mostCommits() const;
   // Frames that had to be taken from the backup.
   std::uint64_t fromBackup() const { return fromBackup_; }
 

@@ -318,7 +318,10 @@ std::uint32_t Transaction::fill(LogWriter& fresh, const RecordSource& source, Ke
   std::size_t size = 0;
   for (;;) {
     std::uint32_t rc = source(scratch_.get(), size);
-    if (rc == GENREG_RC_END_OF_SCAN) return fresh.finish();
+    if (rc == GENREG_RC_END_OF_SCAN) {
+      fresh.setCommits(commits_);
+      return fresh.finish();
+    }
     if (rc != MD_RC_OK) return rc;
     FoundRecord found{};
     if (keys == Keys::MERGE || (keys == Keys::FIND_OUT && fresh.isUnique())) {
@@ -412,6 +415,7 @@ std::uint32_t Transaction::compact() {
   };
   const Keys keys = log_->isUnique() ? Keys::DIFFER : Keys::REPEAT;
   acknowledgedLosses_ = log_->slot().acknowledgedLosses;
+  commits_ = log_->slot().commits + 1;
   if (const std::uint32_t rc = rewrite(source, liveParts(), log_->header(), keys)) return rc;
   // A backup of what was given up would be no smaller than before.
   FileState backup;
@@ -449,6 +453,7 @@ std::uint32_t Transaction::repair() {
   header.lostBytes += salvage.lostBytes();
   if (isLossy) ++header.lossyRepairs;
   acknowledgedLosses_ = salvage.acknowledgedLosses();
+  commits_ = salvage.mostCommits() + 1;
   const Keys keys = salvage.hasRepeatedKeys() ? Keys::REPEAT : isLossy ? Keys::MERGE : Keys::FIND_OUT;
   const std::uint32_t written = rewrite(source, {.records = salvage.count(), .bytes = 0}, header, keys);
   if (isLossy && (written == MD_RC_OK || written == GENREG_RC_DURABILITY_UNKNOWN)) hasMetLoss_ = true;

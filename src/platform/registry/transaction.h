@@ -116,7 +116,9 @@ class Transaction {
   std::uint32_t failure_ = MD_RC_OK;
   bool repaired_ = false;
   bool hasMetLoss_ = false;
-  std::uint64_t acknowledgedLosses_ = 0;  // of the file that is written anew
+  // Of the file that is written anew.
+  std::uint64_t acknowledgedLosses_ = 0;
+  std::uint64_t commits_ = 0;
 };
 
 }  // namespace zon

@@ -103,6 +103,27 @@ TEST_F(MatchFlags, DecideWhatAGroupDeleteTakes) {
 
 class Status : public EnginePromises {};
 
+TEST_F(Status, GoesOnCountingCommitsThroughCompactionAndRepair) {
+  fill(60);
+  GenRegStatus before;
+  GenRegStatus after;
+  ASSERT_EQ(store_.status(before), MD_RC_OK);
+  ASSERT_EQ(store_.compact(), MD_RC_OK);
+  ASSERT_EQ(store_.status(after), MD_RC_OK);
+  EXPECT_EQ(after.changes, before.changes + 1);
+  // The newer slot goes, so that the other one alone tells how many there were; it is some commits behind.
+  for (int at = 0; at < 5; ++at) ASSERT_EQ(store_.add({"g", numbered("later", at), "x"}), MD_RC_OK);
+  ASSERT_EQ(store_.status(before), MD_RC_OK);
+  for (const std::uint64_t slot : format::SLOT_OFFSET) {
+    flipByte(folder_.file(), static_cast<std::streamoff>(slot));
+    flipByte(folder_.file(), format::LOG_START + 2048);
+    ASSERT_EQ(store_.repair(), MD_RC_OK);
+    ASSERT_EQ(store_.status(after), MD_RC_OK);
+    EXPECT_GT(after.changes, before.changes) << slot;
+    before = after;
+  }
+}
+
 TEST_F(Status, CountsWhatWasCommittedAndWhatLives) {
   GenRegStatus status;
   for (std::uint64_t at = 1; at < 8; ++at) {
