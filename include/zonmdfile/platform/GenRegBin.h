@@ -44,6 +44,12 @@ class ZON_EXPORT GenRegBin : public GenRegFile {
    * and CloseScan tells it again. `out` then holds no record.
    */
   std::uint32_t GetNext(unsigned long flags, void* key, void* out);
+
+ private:
+  template <class Work>
+  std::uint32_t onRecords(Work work);
+  template <class Work>
+  std::uint32_t changeRecords(Work work);
 };
 
 #endif

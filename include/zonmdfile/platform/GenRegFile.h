@@ -9,28 +9,35 @@
 #include "zonmdfile/platform/GenRegBase.h"
 
 namespace zon {
-class Scan;
-class Transaction;
-struct RecordType;
-struct WriterSettings;
+class RecordBatch;
+class RecordScan;
+struct EngineSettings;
 }  // namespace zon
 
-/* What GenRegFile::status tells of a record file. Sizes in bytes. */
-struct GenRegStatus {
-  std::uint64_t records;     /* live records */
-  std::uint64_t recordBytes; /* their sizes added up */
-  std::uint64_t fileBytes;   /* size of the record file */
-  std::uint64_t usedBytes;   /* of these, header, frames and index; the rest is reserved for the next changes */
-  std::uint64_t changes;     /* commits since the file was created, compactions and repairs included */
-  std::uint64_t backupBytes; /* how far the backup follows the file; 0 without a backup */
-  std::uint64_t repairs;     /* repairs in the file's history */
-  std::uint64_t lostBytes;   /* bytes that repairs could restore neither from the file nor from the backup */
-  std::uint32_t formatVersion;
-  std::uint32_t damaged;              /* non-zero when the last full check, done by this call, met damage */
+/* What GenRegFile::status tells of the records, whatever engine keeps them. */
+struct GenRegRecordStatus {
+  std::uint64_t records;              /* live records */
+  std::uint64_t recordBytes;          /* their sizes added up, in bytes */
+  std::uint64_t changes;              /* commits since the file was created, compactions and repairs included */
   std::uint64_t unacknowledgedLosses; /* how often records were lost, or may have been, since acknowledgeLoss */
-  std::uint32_t orphanedBackup;       /* non-zero when there is no record file, but its backup */
-  std::uint32_t corruptCopy; /* non-zero when a damaged file or an orphaned backup was kept under the name for it */
+  std::uint32_t damaged;              /* non-zero when the full check that this call makes met damage */
+  char engine[32];                    /* the engine's name; "file" where the records lie in the record file itself */
 };
+
+/* What it tells of a record file and its companions, in bytes where nothing else is said. All zero when another engine
+ * has the records. */
+struct GenRegFileStatus {
+  std::uint64_t fileBytes;      /* size of the record file */
+  std::uint64_t usedBytes;      /* of these, header, frames and index; the rest is reserved for the next changes */
+  std::uint64_t backupBytes;    /* how far the backup follows the file; 0 without a backup */
+  std::uint64_t repairs;        /* number of repairs in the file's history */
+  std::uint64_t lostBytes;      /* what repairs could restore neither from the file nor from the backup */
+  std::uint32_t formatVersion;  /* 0 when there is no file */
+  std::uint32_t orphanedBackup; /* non-zero when there is no record file, but its backup */
+  std::uint32_t corruptCopy;    /* non-zero when a damaged file or an orphaned backup was kept under the name for it */
+};
+
+struct GenRegStatus : GenRegRecordStatus, GenRegFileStatus {};
 
 /* What the records of a scan come to at most. */
 struct GenRegScanExtent {
@@ -91,17 +98,18 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
   std::uint32_t compact();
 
  protected:
-  /* The settings in the engine's own form. */
-  zon::RecordType recordType() const;
-  zon::WriterSettings writerSettings() const;
+  /* The settings, as engines want them. */
+  zon::EngineSettings engineSettings() const;
 
-  zon::Scan* scan_ = nullptr;
-  zon::Transaction* batch_ = nullptr;
+  zon::RecordScan* scan_ = nullptr;
+  zon::RecordBatch* batch_ = nullptr;
   bool hasMetLoss_ = false;
 
  private:
   template <class Work>
-  std::uint32_t withFile(const zon::WriterSettings& settings, Work work);
+  std::uint32_t onEngine(Work work);
+  template <class Work>
+  std::uint32_t careForFile(Work work);
 };
 
 #endif

@@ -50,5 +50,7 @@
 #define GENREG_RC_SCAN_OPEN UINT32_C(0x90000216)          /* not possible while a scan of this object is open */
 #define GENREG_RC_NO_BATCH UINT32_C(0x90000217)           /* commitBatch without a batch */
 #define GENREG_RC_BATCH_OPEN UINT32_C(0x90000218)         /* not possible while a batch of this object is under way */
+#define GENREG_RC_NO_ENGINE UINT32_C(0x90000219)          /* the stub names an engine that is not installed here */
+#define GENREG_RC_DAMAGED_STUB UINT32_C(0x9000021A)       /* the stub fails its checksum; left untouched */
 
 #endif

@@ -119,6 +119,12 @@ constexpr std::array RETURN_CODES{
         "first."},
     ReturnCode{GENREG_RC_BATCH_OPEN, "GENREG_RC_BATCH_OPEN", -22343, "25001",
                "A batch of changes is under way on this object. Commit it first, or use a second object."},
+    ReturnCode{GENREG_RC_NO_ENGINE, "GENREG_RC_NO_ENGINE", -22344, "0A000",
+               "The records are kept by an engine that is not installed here; the file in their place only names it. "
+               "Install that engine, or correct the metadata directory."},
+    ReturnCode{GENREG_RC_DAMAGED_STUB, "GENREG_RC_DAMAGED_STUB", -22345, "58004",
+               "The small file that names the engine of the records is damaged and was left untouched. Put the same "
+               "file from another host or from a copy in its place; the records themselves are not concerned."},
 };
 
 constexpr std::array BOUNDARY_SQL_STATES{

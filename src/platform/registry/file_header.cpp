@@ -10,6 +10,7 @@
 #include "platform/registry/file_io.h"
 #include "platform/registry/frame.h"
 #include "platform/registry/index_blocks.h"
+#include "platform/registry/stub.h"
 #include "platform/registry/system_calls.h"
 
 namespace zon {
@@ -110,8 +111,16 @@ std::uint32_t readPageBytes(int file, PageBytes& bytes, bool& isWhole) {
   return MD_RC_OK;
 }
 
+// What a file is that has neither a header nor its copy.
+std::uint32_t judgeWithoutHeader(int file, const PageBytes& bytes, const HeaderPage& page) {
+  FileState state;
+  if (const std::uint32_t rc = stateOf(file, state)) return rc;
+  if (mayBeStub(bytes, state.size)) return RC_STUB;
+  return page.isWhole ? GENREG_RC_NOT_RECORD_FILE : GENREG_RC_DAMAGED;
+}
+
 // The header, or its copy when the first one is unreadable.
-std::uint32_t chooseHeader(const PageBytes& bytes, HeaderPage& page) {
+std::uint32_t chooseHeader(int file, const PageBytes& bytes, HeaderPage& page) {
   std::array<format::FileHeader, 2> headers;
   std::memcpy(&headers[0], bytes.data(), sizeof headers[0]);
   std::memcpy(&headers[1], bytes.data() + format::HEADER_COPY_OFFSET, sizeof headers[1]);
@@ -121,7 +130,7 @@ std::uint32_t chooseHeader(const PageBytes& bytes, HeaderPage& page) {
   if (page.headerValid[0] || page.headerValid[1]) return MD_RC_OK;
   if (hasMagic(first) && first.version > format::FORMAT_VERSION && first.version < 0x10000)
     return GENREG_RC_NEWER_FORMAT;
-  return hasMagic(first) || hasMagic(headers[1]) || !page.isWhole ? GENREG_RC_DAMAGED : GENREG_RC_NOT_RECORD_FILE;
+  return hasMagic(first) || hasMagic(headers[1]) ? GENREG_RC_DAMAGED : judgeWithoutHeader(file, bytes, page);
 }
 
 }  // namespace
@@ -168,6 +177,13 @@ bool isOfPresentRun(int file, const format::Slot& slot) {
   return currentRun(file, run) == MD_RC_OK && compareRuns(run, slot) != Run::OTHER;
 }
 
+static_assert(STORE_NAME_SIZE == format::STORE_NAME_SIZE && GenRegBase::MAX_INDEXES == format::MAX_INDEXES);
+
+bool isHeaderOf(const format::FileHeader& header, const RecordType& type) {
+  return std::equal(type.indexFlags.begin(), type.indexFlags.end(), header.indexFlags) &&
+         std::equal(type.store.begin(), type.store.end(), header.store);
+}
+
 std::uint32_t headerChecksum(const format::FileHeader& header) {
   return crc32c(0, &header, offsetof(format::FileHeader, crc));
 }
@@ -187,7 +203,7 @@ std::size_t HeaderPage::newest() const {
 std::uint32_t readHeaderPage(int file, HeaderPage& page) {
   PageBytes bytes;
   if (const std::uint32_t rc = readPageBytes(file, bytes, page.isWhole)) return rc;
-  if (const std::uint32_t rc = chooseHeader(bytes, page)) return rc;
+  if (const std::uint32_t rc = chooseHeader(file, bytes, page)) return rc;
   const bool isKnown = page.header.version == format::FORMAT_VERSION && page.header.headerSize == format::LOG_START;
   if (!isKnown || page.header.mustUnderstand != 0) return GENREG_RC_NEWER_FORMAT;
   const std::uint32_t salt = saltOf(page.header.fileId);

@@ -9,6 +9,7 @@
 #include <span>
 
 #include "platform/registry/format.h"
+#include "platform/registry/record_type.h"
 
 namespace zon {
 
@@ -33,6 +34,9 @@ enum class Run {
 // How the run in which the slot was written stands to the present one.
 Run compareRuns(const RunId& present, const format::Slot& slot);
 
+// The header names this record type's indexes and this store.
+bool isHeaderOf(const format::FileHeader& header, const RecordType& type);
+
 std::uint32_t headerChecksum(const format::FileHeader& header);
 
 // Computes and sets the slot's checksum, which is keyed by the file's salt.
@@ -56,8 +60,8 @@ struct HeaderPage {
   std::size_t newest() const;
 };
 
-// GENREG_RC_NOT_RECORD_FILE, GENREG_RC_NEWER_FORMAT and GENREG_RC_DAMAGED tell what is wrong with the header itself;
-// slots are judged by slotValid.
+// GENREG_RC_NOT_RECORD_FILE, GENREG_RC_NEWER_FORMAT and GENREG_RC_DAMAGED tell what is wrong with the header itself,
+// RC_STUB that another engine has the records; slots are judged by slotValid.
 std::uint32_t readHeaderPage(int file, HeaderPage& page);
 
 // The present run as an open record file is reached in it.

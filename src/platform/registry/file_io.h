@@ -79,6 +79,9 @@ std::uint32_t stateAt(int directory, const char* path, FileState& state);
 // checksum, and helped by the same means. Callers of the engine are told GENREG_RC_IO_ERROR.
 constexpr std::uint32_t RC_UNREADABLE = 0x900002FF;
 
+// What the engine answers: a place that cannot be read, for which there was no help, is the device's failure.
+inline std::uint32_t codeForCallers(std::uint32_t rc) { return rc == RC_UNREADABLE ? GENREG_RC_IO_ERROR : rc; }
+
 // For what a reader takes in that no slot shows: a sync through its own descriptor. A file system that is mounted to be
 // read only, or knows no sync, has nothing to write.
 std::uint32_t makeReadBytesDurable(int file);

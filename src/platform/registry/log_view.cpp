@@ -55,7 +55,7 @@ std::uint32_t LogView::takePage(const HeaderPage& page) {
   header_ = page.header;
   key_.salt = saltOf(header_.fileId);
   key_.indexCount = type_.indexCount;
-  if (!type_.owns(header_)) return GENREG_RC_WRONG_RECORD_TYPE;
+  if (!isHeaderOf(header_, type_)) return GENREG_RC_WRONG_RECORD_TYPE;
   // A slot that fails its checksum is being written, or was when the machine stopped; one that stays so is damage.
   if (!page.hasSlot()) return GENREG_RC_DAMAGED;
   slot_ = page.slots[page.newest()];

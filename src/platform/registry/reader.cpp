@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/guarded.h"
-#include "platform/registry/engine_call.h"
+#include "platform/registry/stub.h"
+#include "platform/registry/transaction.h"
 
 namespace zon {
 
@@ -69,6 +69,12 @@ std::uint32_t Reader::getFromSalvage(unsigned long flags, const void* key, std::
   return intact->lostBytes() > 0 ? GENREG_RC_DAMAGED : GENREG_RC_NOT_FOUND;
 }
 
+Scan::Scan(const Transaction& batch)
+    : type_(batch.type()),
+      reader_(type_, nullptr, nullptr),
+      view_(batch.hasFile() ? &batch.view() : nullptr),
+      batch_(&batch) {}
+
 std::uint32_t Scan::open() {
   const std::uint32_t rc = reader_.open();
   if (rc == GENREG_RC_NOT_FOUND) return MD_RC_OK;
@@ -89,31 +95,22 @@ GenRegScanExtent Scan::extent() const {
   return {.records = view_->records(), .bytes = std::min(view_->slot().recordBytes, view_->end())};
 }
 
-std::uint32_t Scan::next(unsigned long flags, const void* key, std::byte* out) {
-  if (over_) return GENREG_RC_END_OF_SCAN;
-  const std::uint32_t rc = guarded([&] { return nextAnywhere(flags, key, out); });
-  return rc == MD_RC_OK || rc == GENREG_RC_END_OF_SCAN ? rc : fail(rc);
-}
-
-std::uint32_t Scan::fail(std::uint32_t rc) {
-  if (over_) return GENREG_RC_END_OF_SCAN;
-  over_ = true;
-  failure_ = codeForCallers(rc);
-  return rc;
-}
-
-// The next match from the file; once damage was met, from what is intact in it and its backup.
-std::uint32_t Scan::nextAnywhere(unsigned long flags, const void* key, std::byte* out) {
-  std::uint32_t rc = salvage_ != nullptr ? nextSalvaged(flags, key, out) : nextMatch(flags, key, out);
+std::uint32_t Scan::nextMatch(unsigned long flags, const void* key, std::byte* out) {
+  if (batch_ != nullptr) {
+    if (const std::uint32_t rc = batch_->requireOwner()) return rc;
+  }
+  std::uint32_t rc = salvage_ != nullptr ? nextSalvaged(flags, key, out) : nextFromLog(flags, key, out);
   if (isDamage(rc) && salvage_ == nullptr) {
-    if (reader_.file() < 0) return rc;
+    if (reader_.file() < 0) return codeForCallers(rc);
     const std::uint32_t salvaged = reader_.salvage(salvage_);
     // A file that was emptied under the scan had records when the scan began.
-    if (salvaged == GENREG_RC_NOT_FOUND) return rc;
+    if (salvaged == GENREG_RC_NOT_FOUND) return codeForCallers(rc);
+    // So had one that a stub was written over, in place.
+    if (salvaged == RC_STUB) return GENREG_RC_DAMAGED;
     rc = salvaged != MD_RC_OK ? salvaged : nextSalvaged(flags, key, out);
   }
   const bool isShort = rc == GENREG_RC_END_OF_SCAN && salvage_ != nullptr && salvage_->lostBytes() > 0;
-  return isShort ? GENREG_RC_DAMAGED : rc;
+  return isShort ? GENREG_RC_DAMAGED : codeForCallers(rc);
 }
 
 std::uint32_t Scan::prepare(unsigned long flags, const void* key) {
@@ -153,7 +150,7 @@ std::uint32_t Scan::nextCandidate(std::byte* out, std::size_t& size) {
   return MD_RC_OK;
 }
 
-std::uint32_t Scan::nextMatch(unsigned long flags, const void* key, std::byte* out) {
+std::uint32_t Scan::nextFromLog(unsigned long flags, const void* key, std::byte* out) {
   if (view_ == nullptr) return GENREG_RC_END_OF_SCAN;
   if (const std::uint32_t rc = prepare(flags, key)) return rc;
   std::size_t size = 0;

@@ -9,11 +9,13 @@
 #include <optional>
 #include <vector>
 
+#include "platform/registry/engine.h"
 #include "platform/registry/log_scan.h"
 #include "platform/registry/salvage.h"
-#include "zonmdfile/platform/GenRegFile.h"
 
 namespace zon {
+
+class Transaction;
 
 // An open record file, as readers see it.
 class Reader {
@@ -44,34 +46,23 @@ class Reader {
   bool isViewOpen_ = false;
 };
 
-// A pass over the matching records of one state.
-class Scan {
+// A pass over the matching records of one state of a record file.
+class Scan final : public RecordScan {
  public:
   // The paths must stay valid as long as the scan.
   Scan(const RecordType& type, const char* filePath, const char* backupPath)
       : type_(type), reader_(type_, filePath, backupPath) {}
-  Scan(const Scan&) = delete;
-  Scan& operator=(const Scan&) = delete;
+  // Looks at a batch's own state.
+  explicit Scan(const Transaction& batch);
 
-  // Opens the file; or, within a batch, looks at the batch's own state instead.
-  std::uint32_t open();
-  void openOn(const LogView& view) {
-    view_ = &view;
-    isOfBatch_ = true;
-  }
-  bool isOfBatch() const { return isOfBatch_; }
-  GenRegScanExtent extent() const;
-
-  // As GenRegBin::GetNext. A failure, an exception included, is told once, then the scan is over; close() tells it
-  // again.
-  std::uint32_t next(unsigned long flags, const void* key, std::byte* out);
-  std::uint32_t close() const { return failure_; }
-  // Ends the scan for this cause, unless it is over.
-  std::uint32_t fail(std::uint32_t rc);
+  [[nodiscard]] std::uint32_t open();
+  bool isOfBatch() const override { return batch_ != nullptr; }
+  GenRegScanExtent extent() const override;
 
  private:
-  std::uint32_t nextAnywhere(unsigned long flags, const void* key, std::byte* out);
-  std::uint32_t nextMatch(unsigned long flags, const void* key, std::byte* out);
+  // From the file; once damage was met, from what is intact in it and its backup.
+  [[nodiscard]] std::uint32_t nextMatch(unsigned long flags, const void* key, std::byte* out) override;
+  std::uint32_t nextFromLog(unsigned long flags, const void* key, std::byte* out);
   std::uint32_t nextCandidate(std::byte* out, std::size_t& size);
   std::uint32_t prepare(unsigned long flags, const void* key);
   std::uint32_t nextSalvaged(unsigned long flags, const void* key, std::byte* out);
@@ -79,7 +70,7 @@ class Scan {
   const RecordType type_;
   Reader reader_;
   const LogView* view_ = nullptr;  // null: no file, or only what is salvaged
-  bool isOfBatch_ = false;
+  const Transaction* batch_ = nullptr;
   bool prepared_ = false;
   unsigned long flags_ = 0;
   std::uint64_t digest_ = 0;
@@ -91,8 +82,6 @@ class Scan {
   std::size_t nextSalvaged_ = 0;
   std::uint64_t candidatePlace_ = 0;
   std::uint64_t lastPlace_ = 0;
-  std::uint32_t failure_ = MD_RC_OK;
-  bool over_ = false;
 };
 
 }  // namespace zon

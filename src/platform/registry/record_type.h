@@ -1,4 +1,4 @@
-// What the engine knows of the records of one file: the record type's callbacks and the field sets it is indexed by.
+// What engines know of the records of one file: the record type's callbacks and the field sets it is indexed by.
 #ifndef ZON_PLATFORM_REGISTRY_RECORD_TYPE_H
 #define ZON_PLATFORM_REGISTRY_RECORD_TYPE_H
 
@@ -9,14 +9,15 @@
 #include <cstdint>
 #include <string_view>
 
-#include "platform/registry/format.h"
 #include "zonmdfile/platform/GenRegBase.h"
+#include "zonmdfile/platform/return_codes.h"
 
 namespace zon {
 
 // A record may be longer than the record type's maximum by so many bytes, if those are zero. They are not copied out:
 // the caller's buffer is made for the maximum.
 constexpr std::size_t RECORD_ROOM = 8;
+constexpr std::size_t STORE_NAME_SIZE = 64;
 
 struct RecordType {
   GenRegBase::MatchCallback match = nullptr;
@@ -24,21 +25,16 @@ struct RecordType {
   GenRegBase::SizeCallback recordSize = nullptr;
   GenRegBase::DigestCallback digest = nullptr;
   std::size_t maxSize = 0;
-  // What the record file is called, as its header tells it: a file of another store under this name is no file of ours.
-  std::array<char, format::STORE_NAME_SIZE> store{};
-  std::array<std::uint8_t, format::MAX_INDEXES> indexFlags{};
+  // What the record file is called: one of another store under this name is not ours. Filled up with NULs.
+  std::array<char, STORE_NAME_SIZE> store{};
+  std::array<std::uint8_t, GenRegBase::MAX_INDEXES> indexFlags{};
   std::size_t indexCount = 1;
 
-  void setStore(std::string_view name) {
+  // `path` is the record file's, of which only the last component counts.
+  void setStore(std::string_view path) {
     store = {};
-    name.copy(store.data(), store.size() - 1);
+    path.substr(path.rfind('/') + 1).copy(store.data(), store.size() - 1);
   }
-  // The header names this record type's indexes and this store.
-  bool owns(const format::FileHeader& header) const {
-    return std::equal(indexFlags.begin(), indexFlags.end(), header.indexFlags) &&
-           std::equal(store.begin(), store.end(), header.store);
-  }
-
   // The callbacks take void* for what they only read.
   bool matches(unsigned long flags, const void* key, const void* record) const {
     return match(flags, const_cast<void*>(record), const_cast<void*>(key)) == 1;
@@ -48,6 +44,17 @@ struct RecordType {
   std::size_t sizeOf(const void* record) const {
     unsigned long size = 0;
     return recordSize(const_cast<void*>(record), &size) == 0 ? size : 0;
+  }
+
+  // Whether the record may be stored, by its own size and by what the record type says; `flags` are those of Add, 0 for
+  // Change.
+  [[nodiscard]] std::uint32_t check(unsigned long flags, const void* record, std::size_t& size) const {
+    size = sizeOf(record);
+    if (size == 0 || size > maxSize + RECORD_ROOM) return GENREG_RC_BAD_RECORD;
+    const auto* bytes = static_cast<const std::byte*>(record);
+    const bool fits =
+        std::all_of(bytes + std::min(size, maxSize), bytes + size, [](std::byte byte) { return byte == std::byte{0}; });
+    return fits && validate(flags, const_cast<void*>(record)) == 0 ? MD_RC_OK : GENREG_RC_BAD_RECORD;
   }
 
   // Each index has digests of its own: the same text as a group and as a key must not meet in one chain.

@@ -4,6 +4,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "platform/registry/stub.h"
+
 namespace zon {
 
 namespace {
@@ -105,9 +107,10 @@ std::uint32_t Salvage::identify(int file, int backup) {
   const std::uint32_t fileVerdict = file >= 0 ? readHeaderPage(file, filePage_) : GENREG_RC_NOT_RECORD_FILE;
   const std::uint32_t backupVerdict = backup >= 0 ? readHeaderPage(backup, backupPage) : GENREG_RC_NOT_RECORD_FILE;
   if (fileVerdict == GENREG_RC_NEWER_FORMAT || !isVerdict(fileVerdict)) return fileVerdict;
-  if (!isVerdict(backupVerdict)) return backupVerdict;
+  // A stub under the backup's name says nothing about this file.
+  if (!isVerdict(backupVerdict) && backupVerdict != RC_STUB) return backupVerdict;
   fileHasHeader_ = fileVerdict == MD_RC_OK;
-  const bool backupHasHeader = backupVerdict == MD_RC_OK && type_.owns(backupPage.header);
+  const bool backupHasHeader = backupVerdict == MD_RC_OK && isHeaderOf(backupPage.header, type_);
   if (fileHasHeader_) header_ = filePage_.header;
   std::uint32_t salt = saltOf(filePage_.header.fileId);
   bool fileCounts = fileHasHeader_;

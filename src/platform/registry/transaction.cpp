@@ -131,19 +131,6 @@ std::uint32_t Transaction::openLog() {
   return isDamage(rc) && settings_.repairs ? repair() : rc;
 }
 
-std::uint32_t Transaction::sizeOfRecord(const void* record, std::size_t& size) const {
-  unsigned long told = 0;
-  void* writable = const_cast<void*>(record);
-  if (type_.recordSize(writable, &told) != 0 || told == 0 || told > type_.maxSize + RECORD_ROOM)
-    return GENREG_RC_BAD_RECORD;
-  const auto* bytes = static_cast<const std::byte*>(record);
-  for (std::size_t at = type_.maxSize; at < told; ++at) {
-    if (bytes[at] != std::byte{0}) return GENREG_RC_BAD_RECORD;
-  }
-  size = told;
-  return MD_RC_OK;
-}
-
 // Runs a piece of work; when it meets damage, mends the file and runs it once more.
 std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
   if (const std::uint32_t rc = requireOwner()) return rc;
@@ -174,8 +161,7 @@ std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
 
 std::uint32_t Transaction::add(unsigned long flags, const void* record) {
   std::size_t size = 0;
-  if (const std::uint32_t rc = sizeOfRecord(record, size)) return rc;
-  if (type_.validate(flags, const_cast<void*>(record)) != 0) return GENREG_RC_BAD_RECORD;
+  if (const std::uint32_t rc = type_.check(flags, record, size)) return rc;
   return mending([&] { return addSized(flags, record, size); });
 }
 
@@ -199,8 +185,7 @@ std::uint32_t Transaction::addSized(unsigned long flags, const void* record, std
 
 std::uint32_t Transaction::change(unsigned long flags, const void* key, const void* record) {
   std::size_t size = 0;
-  if (const std::uint32_t rc = sizeOfRecord(record, size)) return rc;
-  if (type_.validate(0, const_cast<void*>(record)) != 0) return GENREG_RC_BAD_RECORD;
+  if (const std::uint32_t rc = type_.check(0, record, size)) return rc;
   return mending([&] { return changeSized(flags, key, record, size); });
 }
 

@@ -47,6 +47,7 @@ class Transaction {
   // Writes the file anew from what it and its backup hold intact, and keeps the present one as the corrupt copy.
   std::uint32_t repair();
 
+  const RecordType& type() const { return type_; }
   const LogView& view() const { return *log_; }
   bool hasFile() const { return log_ != nullptr; }
   // GENREG_RC_NO_BATCH in a child that was forked meanwhile: neither the lock nor the descriptors are its own.
@@ -67,7 +68,6 @@ class Transaction {
   std::uint32_t make();
   std::uint32_t keepOrphanedBackup(bool& isKept);
   std::uint32_t mending(const std::function<std::uint32_t()>& work);
-  std::uint32_t sizeOfRecord(const void* record, std::size_t& size) const;
   std::uint32_t addSized(unsigned long flags, const void* record, std::size_t size);
   std::uint32_t changeSized(unsigned long flags, const void* key, const void* record, std::size_t size);
   std::uint32_t removeFirst(unsigned long flags, const void* key);

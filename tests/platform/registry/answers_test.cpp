@@ -124,6 +124,15 @@ TEST_F(Status, GoesOnCountingCommitsThroughCompactionAndRepair) {
   }
 }
 
+TEST_F(Status, TellsOfTheFileAndItsEngine) {
+  fill(10);
+  GenRegStatus status;
+  ASSERT_EQ(store_.status(status), MD_RC_OK);
+  EXPECT_STREQ(status.engine, "file");
+  EXPECT_EQ(status.fileBytes, std::filesystem::file_size(folder_.file()));
+  EXPECT_EQ(status.backupBytes, 0u);
+}
+
 TEST_F(Status, CountsWhatWasCommittedAndWhatLives) {
   GenRegStatus status;
   for (std::uint64_t at = 1; at < 8; ++at) {
