@@ -108,21 +108,6 @@ TEST_F(BetweenCalls, AForkedProcessGoesItsOwnWay) {
   EXPECT_EQ(store_.list().size(), before.size() + 1);
 }
 
-TEST_F(BetweenCalls, ABatchEndsAScanOfItsOwnState) {
-  fill(5);
-  ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
-  ASSERT_EQ(store_.add({"g", "in the batch", "x"}), MD_RC_OK);
-  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
-  EXPECT_EQ(store_.add({"g", "refused", "x"}), GENREG_RC_SCAN_OPEN);
-  auto key = encode({}, true);
-  std::vector<std::byte> out(key.size());
-  ASSERT_EQ(store_.GetNext(0, key.data(), out.data()), MD_RC_OK);
-  EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
-  EXPECT_EQ(store_.GetNext(0, key.data(), out.data()), GENREG_RC_NO_SCAN);
-  EXPECT_EQ(store_.CloseScan(), GENREG_RC_NO_SCAN);
-  EXPECT_EQ(store_.list().size(), 6u);
-}
-
 TEST_F(BetweenCalls, ABatchThatGrowsLargeIsSyncedInBetween) {
   ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
   for (int at = 0; at < 30; ++at) {

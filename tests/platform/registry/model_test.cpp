@@ -1,8 +1,9 @@
-// The engine against a list in memory: the same random changes to both, after which every question must get the same
+// Every engine against a list in memory: the same random changes to both, after which every question must get the same
 // answer. Every sequence follows from its seed, which a failure tells.
 #include <algorithm>
 #include <random>
 
+#include "every_engine.h"
 #include "test_records.h"
 
 namespace zon::test {
@@ -112,9 +113,11 @@ void step(TestStore& store, Model& model, RandomChanges& random) {
   }
 }
 
-void run(std::uint32_t seed, unsigned groups, unsigned keys, int steps, int batchLength) {
+void run(const EngineUnderTest& engine, std::uint32_t seed, unsigned groups, unsigned keys, int steps,
+         int batchLength) {
   SCOPED_TRACE("seed " + std::to_string(seed));
   const TestFolder folder;
+  engine.prepare(folder.file());
   TestStore store(folder.path());
   Model model;
   RandomChanges random(seed, groups, keys);
@@ -147,22 +150,26 @@ void run(std::uint32_t seed, unsigned groups, unsigned keys, int steps, int batc
   EXPECT_EQ(status.repairs, 0u);
 }
 
-TEST(EngineModel, FewKeysManyChanges) { run(1, 3, 5, 3000, 0); }
-TEST(EngineModel, ManyKeys) { run(2, 20, 200, 4000, 0); }
-TEST(EngineModel, OneGroup) { run(3, 1, 300, 3000, 0); }
-TEST(EngineModel, Batches) { run(4, 10, 50, 6000, 50); }
-TEST(EngineModel, OneLongBatch) { run(5, 50, 400, 40000, 40000); }
+class EngineModel : public ::testing::TestWithParam<EngineUnderTest> {};
+INSTANTIATE_TEST_SUITE_P(Engines, EngineModel, everyEngine(), engineName);
 
-TEST(EngineModel, DigestsThatAllMeet) {
+TEST_P(EngineModel, FewKeysManyChanges) { run(GetParam(), 1, 3, 5, 3000, 0); }
+TEST_P(EngineModel, ManyKeys) { run(GetParam(), 2, 20, 200, 4000, 0); }
+TEST_P(EngineModel, OneGroup) { run(GetParam(), 3, 1, 300, 3000, 0); }
+TEST_P(EngineModel, Batches) { run(GetParam(), 4, 10, 50, 6000, 50); }
+TEST_P(EngineModel, OneLongBatch) { run(GetParam(), 5, 50, 400, 40000, 40000); }
+
+TEST_P(EngineModel, DigestsThatAllMeet) {
   digestsCollide = true;
-  run(6, 4, 10, 1500, 0);
+  run(GetParam(), 6, 4, 10, 1500, 0);
   digestsCollide = false;
 }
 
 // In the chain that they share, a removed record has older forms below those of others.
-TEST(EngineModel, DigestsThatMeetBringNothingBack) {
+TEST_P(EngineModel, DigestsThatMeetBringNothingBack) {
   digestsCollide = true;
   const TestFolder folder(inMemory());
+  GetParam().prepare(folder.file());
   TestStore store(folder.path());
   Value value;
   for (const bool changesAgain : {false, true}) {
@@ -184,9 +191,10 @@ TEST(EngineModel, DigestsThatMeetBringNothingBack) {
 }
 
 // A chain that was just cut short, whose digest looks like that of another group.
-TEST(EngineModel, DigestsOfSummariesThatLookAlike) {
+TEST_P(EngineModel, DigestsOfSummariesThatLookAlike) {
   digestsLookAlike = true;
   const TestFolder folder(inMemory());
+  GetParam().prepare(folder.file());
   TestStore store(folder.path());
   for (int group = 0; group < 4; ++group) {
     ASSERT_EQ(store.add({"g" + std::to_string(group), "k", "x"}), MD_RC_OK);
@@ -211,9 +219,9 @@ TEST(EngineModel, DigestsOfSummariesThatLookAlike) {
   digestsLookAlike = false;
 }
 
-TEST(EngineModel, DigestsThatLookAlike) {
+TEST_P(EngineModel, DigestsThatLookAlike) {
   digestsLookAlike = true;
-  run(7, 4, 10, 1500, 0);
+  run(GetParam(), 7, 4, 10, 1500, 0);
   digestsLookAlike = false;
 }
 

@@ -98,49 +98,6 @@ TEST_F(Readers, TakeARecordThatTellsAnotherSizeForDamage) {
   EXPECT_TRUE(std::filesystem::exists(folder_.path() / "store.cor"));
 }
 
-TEST_F(Readers, KeepTheStateInWhichTheirScanBegan) {
-  fill(300);
-  const Values before = store_.list();
-  TestStore reader(folder_.path());
-  ASSERT_EQ(reader.OpenScan(), MD_RC_OK);
-  auto key = encode({}, true);
-  std::vector<std::byte> out(key.size());
-  Values seen;
-  for (int at = 0; at < 100; ++at) {
-    ASSERT_EQ(reader.GetNext(0, key.data(), out.data()), MD_RC_OK);
-    seen.push_back(decode(out));
-  }
-  for (int at = 0; at < 300; at += 2) ASSERT_EQ(store_.change({numbered("g", at % 10), numbered("k", at), "new"}), 0u);
-  ASSERT_EQ(store_.removeAll("g3", "", GROUP), MD_RC_OK);
-  ASSERT_EQ(store_.compact(), MD_RC_OK);
-  for (int at = 0; at < 50; ++at) ASSERT_EQ(store_.add({"later", numbered("k", at), "x"}), MD_RC_OK);
-  while (reader.GetNext(0, key.data(), out.data()) == MD_RC_OK) seen.push_back(decode(out));
-  EXPECT_EQ(reader.CloseScan(), MD_RC_OK);
-  EXPECT_EQ(seen, before);
-}
-
-// The index is ahead of them: what it leads to behind their end must be passed by.
-TEST_F(Readers, KeepTheirStateInListingsThatTheIndexNarrows) {
-  fill(60, 6);
-  for (const unsigned long flags : {GROUP, WHOLE_KEY}) {
-    const Value match{"g3", "k3", ""};
-    const Values before = store_.list(flags, match);
-    TestStore reader(folder_.path());
-    ASSERT_EQ(reader.OpenScan(), MD_RC_OK);
-    for (int at = 0; at < 80; ++at) {
-      ASSERT_EQ(store_.change({"g3", "k3", noise(20, static_cast<unsigned>(at))}), MD_RC_OK);
-      ASSERT_EQ(store_.add({numbered("more", at), numbered("of", static_cast<int>(flags)), "x"}), MD_RC_OK);
-    }
-    ASSERT_EQ(store_.add({"g3", numbered("new", static_cast<int>(flags)), "x"}), MD_RC_OK);
-    auto key = encode(match, true);
-    std::vector<std::byte> out(key.size());
-    Values seen;
-    while (reader.GetNext(flags, key.data(), out.data()) == MD_RC_OK) seen.push_back(decode(out));
-    EXPECT_EQ(reader.CloseScan(), MD_RC_OK);
-    EXPECT_EQ(seen, before) << flags;
-  }
-}
-
 // A writer that is at work while a Get looks: between the Get's first reading and its next ones.
 TEST_F(Readers, KeepTheStateThatAGetFound) {
   static TestStore* writer;

@@ -18,47 +18,9 @@ namespace {
 
 class Refusals : public EnginePromises {};
 
-TEST_F(Refusals, TellTheirCause) {
-  EXPECT_EQ(store_.add({"g", "refuse me", "x"}), GENREG_RC_BAD_RECORD);
-  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
-  EXPECT_EQ(store_.add({"g", "k", "y"}), GENREG_RC_DUPLICATE_KEY);
-  EXPECT_EQ(store_.change({"g", "k", "x"}), GENREG_RC_NO_CHANGE);
-  EXPECT_EQ(store_.change({"g", "none", "x"}), GENREG_RC_NOT_FOUND);
-  EXPECT_EQ(store_.changeTo({"g", "k", ""}, {"g", "refuse me", "x"}), GENREG_RC_BAD_RECORD);
-  EXPECT_EQ(store_.CloseScan(), GENREG_RC_NO_SCAN);
-  EXPECT_EQ(store_.commitBatch(), GENREG_RC_NO_BATCH);
-  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
-  EXPECT_EQ(store_.OpenScan(), GENREG_RC_SCAN_OPEN);
-  EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
+TEST_F(Refusals, TellOfADirectoryThatIsMissing) {
   TestStore elsewhere(folder_.path() / "missing");
   EXPECT_EQ(elsewhere.add({"g", "k", "x"}), GENREG_RC_NO_DIRECTORY);
-}
-
-TEST_F(Refusals, ConcernRecordsThatAreLongerThanTheLargest) {
-  const std::string largest(MAX_DATA - 1, '\0');
-  ASSERT_EQ(store_.add({"g", "largest", largest}), MD_RC_OK);
-  EXPECT_EQ(store_.add({"g", "zeros", largest + std::string(100, '\0')}), GENREG_RC_BAD_RECORD);
-  EXPECT_EQ(store_.add({"g", "letters", largest + "letters"}), GENREG_RC_BAD_RECORD);
-  EXPECT_EQ(store_.changeTo({"g", "largest", ""}, {"g", "largest", largest + std::string(100, '\0')}),
-            GENREG_RC_BAD_RECORD);
-  EXPECT_EQ(store_.list().size(), 1u);
-}
-
-TEST_F(Refusals, ConcernRecordsWhoseSizeIsNotTold) {
-  class Sizeless : public TestStore {
-   public:
-    Sizeless(const std::filesystem::path& folder, SizeCallback size) : TestStore(folder) {
-      callbacks_.recordSize = size;
-    }
-  };
-  Sizeless refusing(folder_.path(), [](void* record, unsigned long* size) { return recordSize(record, size) + 1; });
-  EXPECT_EQ(refusing.add({"g", "k", "x"}), GENREG_RC_BAD_RECORD);
-  Sizeless empty(folder_.path(), [](void*, unsigned long* size) {
-    *size = 0;
-    return 0;
-  });
-  EXPECT_EQ(empty.add({"g", "k", "x"}), GENREG_RC_BAD_RECORD);
-  EXPECT_TRUE(store_.list().empty());
 }
 
 TEST_F(Refusals, OfAFileSizeLimitComeAsAnAnswerAndNotAsASignal) {
@@ -92,40 +54,6 @@ TEST_F(Refusals, OfADiskThatTakesNothingComeToAnEnd) {
   alarm(0);
   systemCalls = realSystemCalls();
   EXPECT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
-}
-
-TEST_F(Refusals, MeetASecondBatchOfTheSameObject) {
-  store_.setLockWait(0);
-  for (const bool hasFile : {false, true}) {
-    ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
-    EXPECT_EQ(store_.beginBatch(), GENREG_RC_BATCH_OPEN) << hasFile;
-    ASSERT_EQ(store_.add({"g", numbered("k", hasFile), "x"}), MD_RC_OK);
-    EXPECT_EQ(store_.beginBatch(), GENREG_RC_BATCH_OPEN) << hasFile;
-    EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
-    EXPECT_EQ(store_.commitBatch(), GENREG_RC_NO_BATCH);
-  }
-  EXPECT_EQ(store_.list().size(), 2u);
-}
-
-TEST_F(Refusals, MeetCareOfTheFileWithinABatch) {
-  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
-  ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
-  EXPECT_EQ(store_.compact(), GENREG_RC_BATCH_OPEN);
-  EXPECT_EQ(store_.repair(), GENREG_RC_BATCH_OPEN);
-  ASSERT_EQ(store_.add({"g", "l", "x"}), MD_RC_OK);
-  EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
-  EXPECT_EQ(store_.compact(), MD_RC_OK);
-  EXPECT_EQ(store_.repair(), MD_RC_OK);
-  EXPECT_EQ(store_.list().size(), 2u);
-}
-
-TEST_F(Refusals, MeetCareOfTheFileWithinAScan) {
-  ASSERT_EQ(store_.add({"g", "k", "x"}), MD_RC_OK);
-  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
-  EXPECT_EQ(store_.compact(), GENREG_RC_SCAN_OPEN);
-  EXPECT_EQ(store_.repair(), GENREG_RC_SCAN_OPEN);
-  EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
-  EXPECT_EQ(store_.compact(), MD_RC_OK);
 }
 
 TEST_F(Refusals, WriteNothing) {

@@ -106,14 +106,5 @@ TEST_F(WriterLocks, LetNoWriterMakeTheFileOverAnothersOne) {
   EXPECT_EQ(store_.list(), Values({{"g", "of the faster one", "x"}, {"g", "of the slower one", "x"}}));
 }
 
-TEST_F(WriterLocks, AreNotWaitedForByTheirOwnBatch) {
-  ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
-  store_.setLockWait(0);
-  EXPECT_EQ(store_.add({"g", "first", "makes the file"}), MD_RC_OK);
-  EXPECT_EQ(store_.add({"g", "second", "x"}), MD_RC_OK);
-  EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
-  EXPECT_EQ(store_.list().size(), 2u);
-}
-
 }  // namespace
 }  // namespace zon::test
