@@ -14,7 +14,7 @@ if(ZON_SANITIZE MATCHES "address" AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
 endif()
 
 function(zon_test)
-  cmake_parse_arguments(ARG "ONE_THREAD" "NAME" "SOURCES;LINK;PROPERTIES" ${ARGN})
+  cmake_parse_arguments(ARG "ONE_THREAD" "NAME;PREFIX" "SOURCES;LINK;PROPERTIES" ${ARGN})
   if(ARG_ONE_THREAD AND ZON_SANITIZE MATCHES "thread")
     return()
   endif()
@@ -30,6 +30,6 @@ function(zon_test)
   if(ZON_COVERAGE)
     set(timeout 3000)
   endif()
-  gtest_discover_tests(${ARG_NAME} DISCOVERY_TIMEOUT 120 PROPERTIES
+  gtest_discover_tests(${ARG_NAME} TEST_PREFIX "${ARG_PREFIX}" DISCOVERY_TIMEOUT 120 PROPERTIES
     TIMEOUT ${timeout} ${ZON_TEST_ENVIRONMENT} ${ARG_PROPERTIES})
 endfunction()

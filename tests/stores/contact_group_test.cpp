@@ -119,7 +119,7 @@ TEST_F(ContactGroups, ChecksGroupKindMemberDescriptionVersionInThisOrder) {
   EXPECT_EQ(update("", "", "123456789"), MD_RC_KEY_EMPTY);
   EXPECT_EQ(update("g", "", "123456789"), MD_RC_DATA_EMPTY);
   EXPECT_EQ(update("g", "d", "123456789"), MD_RC_DATA_TOO_LONG);
-  EXPECT_TRUE(std::filesystem::is_empty(directory_.path()));
+  EXPECT_TRUE(isUntouched());
 }
 
 TEST_F(ContactGroups, QueriesCheckTheirKeysAndLeaveOutputs) {

@@ -99,7 +99,7 @@ TYPED_TEST(TwoKeyStores, RefusesEmptyAndOverlongData) {
   EXPECT_EQ(this->update("G", "K", ""), MD_RC_DATA_EMPTY);
   EXPECT_EQ(this->insert("G", "K", std::string(1'024'001, 'd')), MD_RC_DATA_TOO_LONG);
   EXPECT_EQ(this->update("G", "K", std::string(1'024'001, 'd')), MD_RC_DATA_TOO_LONG);
-  EXPECT_TRUE(std::filesystem::is_empty(this->directory_.path()));
+  EXPECT_TRUE(this->isUntouched());
 }
 
 TYPED_TEST(TwoKeyStores, ChecksGroupKeyThenKeyThenDataThenVersion) {

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <set>
 #include <string>
 #include <typeinfo>
 
@@ -18,12 +20,16 @@
 
 namespace zontest {
 
+// Done with each new metadata directory; a program whose stores another engine serves puts its stubs there.
+inline void (*prepareMetadataDirectory)(const std::filesystem::path& directory) = nullptr;
+
 // While it lives, it is the metadata directory of the process.
 class MetadataDirectory : public TemporaryFolder {
  public:
   explicit MetadataDirectory(const std::filesystem::path& parent = std::filesystem::temp_directory_path())
       : TemporaryFolder(parent) {
     setMetadataPath(path().c_str());
+    if (prepareMetadataDirectory != nullptr) prepareMetadataDirectory(path());
   }
   ~MetadataDirectory() { setMetadataPath(nullptr); }
   MetadataDirectory(const MetadataDirectory&) = delete;
@@ -33,7 +39,13 @@ class MetadataDirectory : public TemporaryFolder {
 class MetadataTest : public testing::Test {
  protected:
   // Makes every operation on the store fail: a directory stands where its file should be.
-  void blockFile(const char* fileName) { std::filesystem::create_directory(directory_ / fileName); }
+  void blockFile(const char* fileName) {
+    std::filesystem::remove(directory_ / fileName);
+    std::filesystem::create_directory(directory_ / fileName);
+  }
+
+  // No file was made or taken away.
+  bool isUntouched() const { return namesIn(directory_.path()) == namesAtFirst_; }
 
   std::string bytesOf(const char* fileName) const {
     std::ifstream file(directory_ / fileName, std::ios::binary);
@@ -41,6 +53,15 @@ class MetadataTest : public testing::Test {
   }
 
   MetadataDirectory directory_;
+
+ private:
+  static std::set<std::filesystem::path> namesIn(const std::filesystem::path& directory) {
+    std::set<std::filesystem::path> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) names.insert(entry.path().filename());
+    return names;
+  }
+
+  const std::set<std::filesystem::path> namesAtFirst_ = namesIn(directory_.path());
 };
 
 // What a store labels its allocations with: the name of its class.
