@@ -139,7 +139,8 @@ std::uint32_t currentBootId(BootId& id) {
   id = {};
   Descriptor file;
   const std::uint32_t opened = openAnything(AT_FDCWD, BOOT_ID_PATH, O_RDONLY, 0, file);
-  if (opened == GENREG_RC_NOT_FOUND) return MD_RC_OK;
+  // Where it is forbidden, as in a sandbox, it stays so: that is no reason to refuse all work for ever.
+  if (opened == GENREG_RC_NOT_FOUND || opened == GENREG_RC_NO_PERMISSION) return MD_RC_OK;
   if (opened != MD_RC_OK) return opened;
   std::array<char, 64> text{};
   std::size_t got = 0;

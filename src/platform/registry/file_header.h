@@ -15,8 +15,8 @@ namespace zon {
 
 using BootId = std::array<std::uint8_t, 16>;
 
-// The identity of this run of the machine's kernel; all zero when the system does not tell. A failure to ask is an
-// answer of its own: who guessed could take a commit under way for one that outlasted a restart.
+// The identity of this run of the machine's kernel; all zero when the system does not tell it, or not to us. Any other
+// failure to ask is an answer of its own: who guessed could take a commit under way for one that outlasted a restart.
 std::uint32_t currentBootId(BootId& id);
 
 // What the page cache lives as long as: a run of the kernel, and a mount of the file system in it. Zeros: not known.

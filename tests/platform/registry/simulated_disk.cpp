@@ -95,10 +95,14 @@ std::uint64_t DiskImage::hash() const {
 // The functions that the table leads to.
 struct SimulatedCalls {
   static int openAt(int, const char* path, int flags, mode_t mode) {
-    if (const int error = theDisk->failing(Call::OPEN)) return fail(error);
+    const bool isBootId = std::strcmp(path, BOOT_ID_PATH) == 0;
+    const int error = theDisk->failing(Call::OPEN);
+    // Who may not read the boot id never may: to him each opening is as after a restart (bootIdError).
+    if (error != 0 && !(isBootId && error == EACCES)) return fail(error);
     SimulatedDisk::Open open;
-    if (std::strcmp(path, BOOT_ID_PATH) == 0) {
+    if (isBootId) {
       if (!theDisk->tellsBoots) return fail(ENOENT);
+      if (theDisk->bootIdError != 0) return fail(theDisk->bootIdError);
       open.isBootId = true;
     } else if ((flags & O_DIRECTORY) == 0) {
       const std::string name = lastName(path);

@@ -115,6 +115,8 @@ class SimulatedDisk {
   std::set<std::pair<std::uint64_t, std::uint64_t>> badSectors;
   // Whether the system tells its runs apart; without it there is no boot id to read.
   bool tellsBoots = true;
+  // With what the opening of the boot id fails, where it is there; 0 for nothing.
+  int bootIdError = 0;
   // Whether the system tells one mount from the next.
   bool tellsMounts = true;
   // At most so many bytes by one read or write; 0 for no limit.
