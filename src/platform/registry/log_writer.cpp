@@ -587,12 +587,24 @@ class EntryPlacer {
       if (done || reached == 0 || candidate.older != reached) continue;
       format::Block* block = nullptr;
       if (const std::uint32_t rc = blocks_.get(candidate.block, block)) return rc;
-      // Written also when nothing changes: a block that a failed sync dropped is made dirty again by this.
       block->entries[candidate.slot] = makeEntry(index, entry.digest, offsetOf(entry));
-      blocks_.markDirty(candidate.block);
+      if (const std::uint32_t failed = markWayTo(segment, entry.digest, candidate.block)) return failed;
       done = true;
     }
     return MD_RC_OK;
+  }
+
+  // All blocks that a search passes, whose marks lead on, are written also when nothing changes: those that a failed
+  // sync dropped are made dirty again by this.
+  std::uint32_t markWayTo(const Segment& segment, std::uint64_t digest, std::uint64_t block) {
+    for (std::uint64_t at = homeBlock(digest, segment.blockCount);;) {
+      const std::uint64_t offset = segment.offset + at * format::BLOCK_SIZE;
+      format::Block* passed = nullptr;
+      if (const std::uint32_t rc = blocks_.get(offset, passed)) return rc;
+      blocks_.markDirty(offset);
+      if (offset == block) return MD_RC_OK;
+      at = at + 1 == segment.blockCount ? 0 : at + 1;
+    }
   }
 
   std::uint32_t addTo(const Segment& segment, const format::OverlayEntry& entry, bool& isFull) {
