@@ -1,10 +1,17 @@
 // Appends to a log and publishes what was appended. The owner holds the file's lock.
 //
+// Before anything of its own is written, `open` settles what lies behind the published end: what another run of the
+// machine left there is taken in and published, what this run left is wiped. After that everything behind the end is
+// zero, on the disk too.
+//
 // Order of a commit, and what each step is for: (1) the frames and the zeros behind them are written; (2) one sync
 // makes them durable, and with them everything written since the sync before: the last slot and the last index blocks;
-// (3) the slot is written, which shows the commit to readers; (4) now and then the slot's overlay is carried over to
-// the index blocks, which may lag behind because every reader looks at the overlay first. Steps 3 and 4 need no sync: a
-// crash of the machine that loses them leaves a durable commit behind the slot's end, which the next opening takes in.
+// (3) the slot is written, which shows the commit to readers; (4) now and then the slot's overlay, or what the slot had
+// no room for, is carried over to the index blocks, and the slot says so. Blocks may lag behind, because every reader
+// looks at the overlay first, and walks the frames from indexedEnd on; they never run ahead of the slot, so that a
+// commit which is discarded has no entry in them. Steps 3 and 4 need no sync of their own, but where the slot had no
+// room for all heads, or a new mount would not be noticed: a crash of the machine that loses them leaves a durable
+// commit behind the slot's end, which the next opening takes in.
 #ifndef ZON_PLATFORM_REGISTRY_LOG_WRITER_H
 #define ZON_PLATFORM_REGISTRY_LOG_WRITER_H
 
@@ -80,6 +87,12 @@ class LogWriter : public LogView {
   // object must not be used any more.
   std::uint32_t commit();
 
+  // Puts everything appended into the file without showing it to anybody, for who reads the file itself. Then either
+  // the file is replaced, or it is taken back.
+  std::uint32_t writeUnpublished();
+  // False when what was not published may still be found by the next writer. This object must not be used any more.
+  bool takeBack();
+
   // For a log in a file that nobody sees yet: writes out what waits, without a sync.
   std::uint32_t spill();
   // Completes such a log: everything is on the disk when it answers 0.
@@ -139,8 +152,6 @@ class LogWriter : public LogView {
   std::uint32_t syncPublished();
   std::uint32_t settlePublished(std::uint64_t commitSize);
   std::uint32_t commitAppended();
-  // False when the failed commit may still be found by the next writer.
-  bool takeBack();
   std::uint32_t clearBehind();
   std::uint32_t unmark() const;
   void setOverlay(const std::vector<format::OverlayEntry>& overlay, std::size_t applied);

@@ -145,18 +145,28 @@ std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
     return rc;
   };
   std::uint32_t rc = guarded(attempt);
-  // Where the device fails, nothing may be committed on the way to a repair that is not sure to succeed.
-  const bool mayMend = !wasDirty || (log_->end() == end && rc != RC_UNREADABLE);
+  const bool mayMend = !wasDirty || log_->end() == end;
   if (isDamage(rc) && settings_.repairs && !repaired_ && mayMend) {
     ended = false;
-    // Repair keeps what is in the file: the batch's changes so far, each of them whole, go there first.
-    rc = wasDirty ? commit() : MD_RC_OK;
-    if (rc == MD_RC_OK && !repaired_) rc = repair();
+    rc = wasDirty ? repairBehindChanges() : repair();
     if (rc == MD_RC_OK) rc = guarded(work);
     ended = rc == MD_RC_OK || !log_->isDirty();
   }
   if (!ended) failure_ = rc;
   return rc;
+}
+
+// Repair keeps what is in the file: the batch's changes so far, each of them whole, go there first. Nobody sees them
+// before the repaired file has the name, and when there will be none, they are taken back.
+std::uint32_t Transaction::repairBehindChanges() {
+  const std::uint32_t rc = guarded([this] {
+    const std::uint32_t written = log_->writeUnpublished();
+    return written == MD_RC_OK ? repair(log_.get()) : written;
+  });
+  const bool isReplaced = !log_->isDirty();
+  const bool isKnown = isReplaced || log_->takeBack();
+  if (rc != MD_RC_OK) failure_ = isKnown ? rc : GENREG_RC_DURABILITY_UNKNOWN;
+  return failure_;
 }
 
 std::uint32_t Transaction::add(unsigned long flags, const void* record) {
@@ -411,7 +421,7 @@ std::uint32_t Transaction::compact() {
   return MD_RC_OK;
 }
 
-std::uint32_t Transaction::repair() {
+std::uint32_t Transaction::repair(const LogView* view) {
   if (const std::uint32_t rc = requireOwner()) return rc;
   repaired_ = true;
   Descriptor backup;
@@ -419,7 +429,7 @@ std::uint32_t Transaction::repair() {
   // Without a backup that is only out of reach for now, what it holds would be lost for good.
   if (opened != MD_RC_OK && opened != GENREG_RC_NOT_FOUND) return opened;
   Salvage salvage(type_, Salvage::Access::LOCKED);
-  const std::uint32_t rc = salvage.open(data_.get(), opened == MD_RC_OK ? backup.get() : -1);
+  const std::uint32_t rc = salvage.open(data_.get(), opened == MD_RC_OK ? backup.get() : -1, view);
   if (rc == GENREG_RC_NOT_RECORD_FILE) {
     FileState state;
     if (const std::uint32_t failed = stateOf(data_.get(), state)) return failed;

@@ -45,7 +45,7 @@ class Transaction {
 
   std::uint32_t compact();
   // Writes the file anew from what it and its backup hold intact, and keeps the present one as the corrupt copy.
-  std::uint32_t repair();
+  std::uint32_t repair() { return repair(nullptr); }
 
   const RecordType& type() const { return type_; }
   const LogView& view() const { return *log_; }
@@ -68,6 +68,9 @@ class Transaction {
   std::uint32_t make();
   std::uint32_t keepOrphanedBackup(bool& isKept);
   std::uint32_t mending(const std::function<std::uint32_t()>& work);
+  // With a view: the state that it has of the file, which need not be published.
+  std::uint32_t repair(const LogView* view);
+  std::uint32_t repairBehindChanges();
   std::uint32_t addSized(unsigned long flags, const void* record, std::size_t size);
   std::uint32_t changeSized(unsigned long flags, const void* key, const void* record, std::size_t size);
   std::uint32_t removeFirst(unsigned long flags, const void* key);

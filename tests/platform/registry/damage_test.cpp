@@ -623,22 +623,80 @@ TEST_F(DamagedFiles, WithoutTheRepairFeatureAWriterRefusesWhatItMeetsLater) {
   EXPECT_FALSE(disk_.image().has("store.cor"));
 }
 
-// A repair in the middle of a batch would drop what the batch has told to be done.
-TEST_F(DamagedFiles, ABatchLosesNothingToARepair) {
-  makeSmall();
-  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-  spoilText(*bytes, noise(90, 3));
-  golden_.files[golden_.names.at("store")] = bytes;
-  disk_.boot(golden_);
-  disk_.setBootNumber(boot_);
+// A batch that meets damage after its first change.
+class DamagedBatches : public DamagedFiles {
+ protected:
+  void SetUp() override {
+    makeSmall();
+    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+    spoilText(*bytes, noise(90, 3));
+    golden_.files[golden_.names.at("store")] = bytes;
+    disk_.boot(golden_);
+    disk_.setBootNumber(boot_);
+  }
+
+  // The removal is of the group with the damaged record.
+  std::uint32_t addAndRemove(TestStore& store) {
+    note(store.beginBatch());
+    note(store.add(PROBE));
+    return store.removeAll("g2", "", GROUP);
+  }
+};
+
+TEST_F(DamagedBatches, KeepWhatTheyDidBeforeTheRepair) {
   TestStore store(DISK_FOLDER);
-  note(store.beginBatch());
-  note(store.add(PROBE));
-  EXPECT_EQ(store.removeAll("g2", "", GROUP), GENREG_RC_NOT_FOUND);  // the damaged record was the only one
+  // There is no backup, and no other record in the group.
+  EXPECT_EQ(addAndRemove(store), GENREG_RC_NOT_FOUND);
   note(store.commitBatch());
-  EXPECT_TRUE(store.hasMetLoss());
   Value value;
   EXPECT_EQ(store.get("probe", "probe", value), MD_RC_OK);
+  EXPECT_EQ(store.get("g1", "a", value), MD_RC_OK);
+  EXPECT_TRUE(disk_.image().has("store.cor"));
+}
+
+// Whatever call of the repair fails: the batch's answer is that failure, and nothing of it is there, or ever will be.
+TEST_F(DamagedBatches, LeaveNothingWhenTheRepairFails) {
+  std::size_t refused = 0;
+  for (std::size_t failing = 0;; ++failing) {
+    disk_.boot(golden_);
+    disk_.setBootNumber(boot_);
+    disk_.log.clear();
+    disk_.isRecording = true;
+    std::size_t calls = 0;
+    std::uint32_t removed = MD_RC_OK;
+    std::uint32_t committed = MD_RC_OK;
+    {
+      TestStore store(DISK_FOLDER);
+      note(store.beginBatch());
+      note(store.add(PROBE));
+      disk_.fault = [&calls, failing](Call call) {
+        const bool counts = call == Call::LINK || call == Call::WRITE || call == Call::SYNC || call == Call::RENAME;
+        return counts && calls++ == failing ? EIO : 0;
+      };
+      removed = store.removeAll("g2", "", GROUP);
+      disk_.fault = nullptr;
+      committed = store.commitBatch();
+    }
+    disk_.isRecording = false;
+    if (calls <= failing) break;
+    if (removed == GENREG_RC_NOT_FOUND || removed == GENREG_RC_DURABILITY_UNKNOWN) continue;
+    ++refused;
+    EXPECT_EQ(committed, removed) << failing;
+    PowerCut cut(golden_);
+    for (const DiskOp& op : disk_.log) cut.follow(op);
+    const auto expectAway = [&](const char* when) {
+      TestStore store(DISK_FOLDER);
+      Value value;
+      EXPECT_EQ(store.get("probe", "probe", value), GENREG_RC_NOT_FOUND) << failing << when;
+      EXPECT_EQ(store.get("g1", "a", value), MD_RC_OK) << failing << when;
+    };
+    expectAway(", at once");
+    for (const DiskImage& image : {cut.oldest(), cut.newest()}) {
+      disk_.boot(image);
+      expectAway(", after a power cut");
+    }
+  }
+  EXPECT_GT(refused, 3u);
 }
 
 // Their checksums are right, but not for this file.

@@ -94,6 +94,13 @@ std::uint32_t batch(TestStore& store) {
   return rc == MD_RC_OK || rc == GENREG_RC_NOT_FOUND ? store.commitBatch() : rc;
 }
 
+// What a batch may leave that had the file repaired and then failed.
+bool isPrefixOfBatch(const Operation& operation, const Values& before, Values values) {
+  if (std::string(operation.name) != "batch" || values.empty() || !(values.back() == NEW)) return false;
+  values.pop_back();
+  return values == before;
+}
+
 std::uint32_t scan(TestStore& store, unsigned long flags) {
   if (const std::uint32_t rc = store.OpenScan()) return rc;
   std::uint32_t rc = MD_RC_OK;
@@ -407,7 +414,12 @@ class FaultyCalls : public ::testing::TestWithParam<std::size_t> {
     const bool mayUnlink = which != Call::UNLINK && !sticky;
     if (mayUnlink && disk_.image().has("store.tmp") && !before_.has("store.tmp")) fail("leaves a temporary file");
     checkState(operation, rc, sticky);
-    if (which == Call::WRITE || which == Call::SYNC_DATA || which == Call::SYNC) checkPowerCuts(ops, rc, sticky);
+    if (which == Call::WRITE || which == Call::SYNC_DATA || which == Call::SYNC)
+      checkPowerCuts(operation, ops, rc, sticky);
+  }
+
+  bool isPrefix(const Operation& operation, const Values& values) const {
+    return disk_.image().has("store.cor") && isPrefixOfBatch(operation, valuesBefore_, values);
   }
 
   void checkState(const Operation& operation, std::uint32_t rc, bool sticky) {
@@ -415,11 +427,12 @@ class FaultyCalls : public ::testing::TestWithParam<std::size_t> {
     const bool mayBeBefore = rc != expected_ || valuesBefore_ == valuesAfter_;
     const bool mayBeAfter = rc == expected_ || rc == GENREG_RC_DURABILITY_UNKNOWN;
     const bool isBefore = values == valuesBefore_ || values == valuesSettled_;
-    if (!(mayBeBefore && isBefore) && !(mayBeAfter && values == valuesAfter_)) {
+    const bool isHalf = rc != expected_ && isPrefix(operation, values);
+    if (!(mayBeBefore && isBefore) && !(mayBeAfter && values == valuesAfter_) && !isHalf) {
       fail("answers " + std::to_string(rc & 0xFFF) + " and leaves another state, of " + std::to_string(values.size()));
       return;
     }
-    if (rc != expected_ && rc != GENREG_RC_DURABILITY_UNKNOWN && !sticky) checkSecondAttempt(operation);
+    if (rc != expected_ && rc != GENREG_RC_DURABILITY_UNKNOWN && !sticky && !isHalf) checkSecondAttempt(operation);
     TestStore store(DISK_FOLDER);
     if (const std::uint32_t next = store.add(PROBE)) fail("the next Add answers " + std::to_string(next & 0xFFF));
     Values after = listNow();
@@ -448,7 +461,7 @@ class FaultyCalls : public ::testing::TestWithParam<std::size_t> {
     disk_.setBootNumber(boot_);
   }
 
-  void checkPowerCuts(const std::vector<DiskOp>& ops, std::uint32_t rc, bool sticky) {
+  void checkPowerCuts(const Operation& operation, const std::vector<DiskOp>& ops, std::uint32_t rc, bool sticky) {
     PowerCut cut(before_);
     for (const DiskOp& op : ops) cut.follow(op);
     for (int sample = 0; sample < 6; ++sample) {
@@ -459,7 +472,7 @@ class FaultyCalls : public ::testing::TestWithParam<std::size_t> {
       const bool mayBeBefore = rc != expected_;
       const bool mayBeAfter = rc == expected_ || rc == GENREG_RC_DURABILITY_UNKNOWN || sticky;
       if ((mayBeBefore && (values == valuesBefore_ || values == valuesSettled_ || values == valuesTakenIn_)) ||
-          (mayBeAfter && values == valuesAfter_))
+          (mayBeAfter && values == valuesAfter_) || (mayBeBefore && isPrefix(operation, values)))
         continue;
       fail("answers " + std::to_string(rc & 0xFFF) + ", after a power cut there are " + std::to_string(values.size()));
     }
@@ -574,8 +587,10 @@ class FaultyMemory : public ::testing::Test {
         const bool fits = rc == expected                       ? values == after
                           : rc == GENREG_RC_DURABILITY_UNKNOWN ? values == after || values == before
                                                                : values == before;
-        ASSERT_TRUE(fits) << operation.name << " answers " << rc << " at allocation " << number << " and leaves "
-                          << values.size() << " records";
+        const bool isHalf = rc != expected && std::filesystem::exists(work.path() / "store.cor") &&
+                            isPrefixOfBatch(operation, before, values);
+        ASSERT_TRUE(fits || isHalf) << operation.name << " answers " << rc << " at allocation " << number
+                                    << " and leaves " << values.size() << " records";
         if (rc != expected && rc != GENREG_RC_DURABILITY_UNKNOWN) {
           EXPECT_FALSE(std::filesystem::exists(work.path() / "store.tmp")) << operation.name << ' ' << number;
         }
