@@ -11,11 +11,7 @@ namespace {
 
 class Faults : public ::testing::Test {
  protected:
-  Faults() {
-    largestData = SMALL_RECORDS;
-    prepareOperations();
-  }
-  ~Faults() override { largestData = MAX_DATA; }
+  Faults() { prepareOperations(); }
 
   void sweep(const std::vector<Scene>& scenes, double share) {
     sweep_.setShare(share);
@@ -33,6 +29,7 @@ class Faults : public ::testing::Test {
     }
   }
 
+  const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
   SimulatedDisk disk_;
   FaultSweep sweep_{disk_};
 };

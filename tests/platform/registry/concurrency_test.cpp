@@ -25,9 +25,7 @@ namespace {
 
 class ManyAtOnce : public ::testing::Test {
  protected:
-  ManyAtOnce() { largestData = 8192; }
-  ~ManyAtOnce() override { largestData = MAX_DATA; }
-
+  const SettingScope<std::size_t> small_{largestData, 8192};
   TestFolder folder_{inMemory()};
   TestStore store_{folder_.path()};
 };
@@ -359,14 +357,12 @@ class DyingWriters : public ::testing::Test {
   static constexpr std::size_t WRITERS = 3;
 
   DyingWriters() {
-    largestData = 8192;
     for (std::size_t number = 0; number < WRITERS; ++number) {
       writers_[number].share.group = numbered("w", static_cast<int>(number));
     }
   }
   ~DyingWriters() override {
     for (Writer& writer : writers_) end(writer);
-    largestData = MAX_DATA;
   }
 
   struct Writer {
@@ -439,6 +435,7 @@ class DyingWriters : public ::testing::Test {
     writer.share.model = seen;
   }
 
+  const SettingScope<std::size_t> small_{largestData, 8192};
   TestFolder folder_;
   TestStore store_{folder_.path()};
   std::array<Writer, WRITERS> writers_;

@@ -57,12 +57,8 @@ struct Counts {
 
 class PowerCuts : public ::testing::Test {
  protected:
-  PowerCuts() {
-    largestData = SMALL_RECORDS;
-    states_.push_back({});
-  }
+  PowerCuts() { states_.push_back({}); }
   ~PowerCuts() override {
-    largestData = MAX_DATA;
     total_.points += counts_.points;
     total_.states += counts_.states;
     total_.repeated += counts_.repeated;
@@ -169,6 +165,7 @@ class PowerCuts : public ::testing::Test {
     return end;
   }
 
+  const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
   std::uint64_t statesPerPoint_ = 60;
   std::uint64_t secondEvery_ = 40;
   bool checksBackup_ = false;
@@ -903,7 +900,7 @@ TEST_F(RefusedBatches, AreTakenBackWholeWhateverTheirLength) {
       return fails ? EIO : 0;
     };
   };
-  largestData = 2 * SMALL_RECORDS;
+  const SettingScope large(largestData, 2 * SMALL_RECORDS);
   for (const std::uint64_t reach : {0u, 504u}) refuseAndRedo(9000, reach, failedSlot);
 }
 

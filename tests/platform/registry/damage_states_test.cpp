@@ -15,8 +15,6 @@
 namespace zon::test {
 namespace {
 
-using Values = std::vector<Value>;
-
 enum class File { SOUND, DAMAGED, EMPTY, GONE };
 enum class Backup { SOUND, OLDER, DAMAGED, GONE, OTHER };
 
@@ -47,7 +45,6 @@ struct State {
 class DamageStates : public ::testing::Test {
  protected:
   DamageStates() {
-    largestData = 4096;
     TestStore store(DISK_FOLDER);
     for (unsigned at = 0; at < 4; ++at) add(store, {"g", "k" + std::to_string(at), noise(1500, at)});
     older_ = content(".store.bkp");
@@ -67,7 +64,6 @@ class DamageStates : public ::testing::Test {
     }
     other_ = content(".store.bkp");
   }
-  ~DamageStates() override { largestData = MAX_DATA; }
 
   void add(TestStore& store, const Value& value) {
     EXPECT_EQ(store.add(value), MD_RC_OK);
@@ -209,6 +205,7 @@ class DamageStates : public ::testing::Test {
     EXPECT_TRUE(isNamed) << where;
   }
 
+  const SettingScope<std::size_t> small_{largestData, 4096};
   SimulatedDisk disk_;
   DiskImage golden_;
   unsigned boot_ = 1;

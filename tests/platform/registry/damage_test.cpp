@@ -40,9 +40,7 @@ void storeAt(Bytes& bytes, std::size_t at, const T& value) {
 
 class DamagedFiles : public ::testing::Test {
  protected:
-  DamagedFiles() { largestData = SMALL_RECORDS; }
   ~DamagedFiles() override {
-    largestData = MAX_DATA;
     if (cases_ > 0) std::cout << "damaged files " << cases_ << ", of which repaired " << repaired_ << '\n';
   }
 
@@ -252,6 +250,7 @@ class DamagedFiles : public ::testing::Test {
     }
   }
 
+  const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
   SimulatedDisk disk_;
   DiskImage golden_;
   unsigned boot_ = 1;
@@ -1294,9 +1293,6 @@ TEST_F(BadSectorsOnTheDisk, LoseNoMoreThanTheyHold) {
 // Frames with passing checksums that promise what cannot be.
 class HostileFiles : public ::testing::Test {
  protected:
-  HostileFiles() { largestData = SMALL_RECORDS; }
-  ~HostileFiles() override { largestData = MAX_DATA; }
-
   // Every operation must end soon and answer something; no more is asked of such a file.
   void exercise(const std::string& what) {
     const auto start = std::chrono::steady_clock::now();
@@ -1355,6 +1351,7 @@ class HostileFiles : public ::testing::Test {
     storeAt(bytes, offset, crc);
   }
 
+  const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
   TestFolder folder_{inMemory()};
 };
 
@@ -1411,7 +1408,7 @@ TEST_F(HostileFiles, SlotsWithAnyNumberInAnyField) {
 
 // A long chain whose changes all concern different places: following it must not take time in the square of its length.
 TEST_F(HostileFiles, ALongChainOfStrangers) {
-  digestsCollide = true;
+  const SettingScope strangers(digestsCollide, true);
   {
     TestStore store(folder_.path());
     ASSERT_EQ(store.beginBatch(), MD_RC_OK);
@@ -1419,7 +1416,6 @@ TEST_F(HostileFiles, ALongChainOfStrangers) {
     ASSERT_EQ(store.commitBatch(), MD_RC_OK);
   }
   exercise("300 strangers");
-  digestsCollide = false;
 }
 
 TEST_F(HostileFiles, HugeSparseFiles) {

@@ -319,14 +319,8 @@ bool namesCause(std::uint32_t rc, int error) {
 
 class FaultyCalls : public ::testing::TestWithParam<std::size_t> {
  protected:
-  FaultyCalls() {
-    largestData = SMALL_RECORDS;
-    makeRecords();
-  }
-  ~FaultyCalls() override {
-    largestData = MAX_DATA;
-    std::cout << "faults " << faults_ << ", power cuts after them " << cuts_ << '\n';
-  }
+  FaultyCalls() { makeRecords(); }
+  ~FaultyCalls() override { std::cout << "faults " << faults_ << ", power cuts after them " << cuts_ << '\n'; }
 
   Values listNow() {
     TestStore store(DISK_FOLDER);
@@ -478,6 +472,7 @@ class FaultyCalls : public ::testing::TestWithParam<std::size_t> {
     }
   }
 
+  const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
   SimulatedDisk disk_;
   DiskImage before_;
   unsigned boot_ = 1;
@@ -535,11 +530,7 @@ INSTANTIATE_TEST_SUITE_P(Shapes, FaultyCalls, ::testing::Range<std::size_t>(0, s
 // Allocations of the engine's own and of the memory service, on the real file system.
 class FaultyMemory : public ::testing::Test {
  protected:
-  FaultyMemory() {
-    largestData = SMALL_RECORDS;
-    makeRecords();
-  }
-  ~FaultyMemory() override { largestData = MAX_DATA; }
+  FaultyMemory() { makeRecords(); }
 
   static Values listOf(const std::filesystem::path& folder) {
     TestStore store(folder);
@@ -633,6 +624,7 @@ class FaultyMemory : public ::testing::Test {
     std::cout << "failed allocations " << faults_ << '\n';
   }
 
+  const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
   TestFolder folder_{inMemory()};
   std::uint64_t faults_ = 0;
 };

@@ -206,11 +206,7 @@ const std::vector<Rewrite>& rewrites() {
 
 class FileRightsTest : public EngineTest {
  protected:
-  FileRightsTest() { largestData = SMALL_RECORDS; }
-  ~FileRightsTest() override {
-    systemCalls = realSystemCalls();
-    largestData = MAX_DATA;
-  }
+  ~FileRightsTest() override { systemCalls = realSystemCalls(); }
 
   void SetUp() override {
     if (geteuid() != 0) GTEST_SKIP() << "needs several users";
@@ -271,6 +267,8 @@ class FileRightsTest : public EngineTest {
       EXPECT_EQ(store_.list().size() >= 60, true) << rewrite.name << what;
     }
   }
+
+  const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
 };
 
 TEST_F(FileRightsTest, AreThoseOfTheOldFileFromTheFirstRecordOn) {

@@ -56,9 +56,6 @@ struct ForgedCase {
 // The folder's owner; the work is done by children.
 class ForgedFiles : public ::testing::Test {
  protected:
-  ForgedFiles() { largestData = SMALL_RECORDS; }
-  ~ForgedFiles() override { largestData = MAX_DATA; }
-
   void put(const ForgedCase& forged) const {
     for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) std::filesystem::remove(entry.path());
     putContent(folder_.file(), forged.file);
@@ -69,6 +66,7 @@ class ForgedFiles : public ::testing::Test {
   // Meets the file with everything; complains of what must not be.
   std::string meet(const ForgedCase& forged) const;
 
+  const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
   TestFolder folder_{inMemory()};
 };
 
@@ -597,7 +595,7 @@ TEST_F(ForgedLogs, WithOneChainOfChangesOfOtherPlaces) {
 }
 
 TEST_F(ForgedLogs, WhoseChainLeadsThroughFramesInFrames) {
-  largestData = MAX_DATA;
+  const SettingScope large(largestData, MAX_DATA);
   ForgedLog log(header_, INDEXES);
   log.appendArea(8);
   const auto nested = appendNested(log, 1500);
@@ -608,7 +606,7 @@ TEST_F(ForgedLogs, WhoseChainLeadsThroughFramesInFrames) {
 }
 
 TEST_F(ForgedLogs, WhoseSummaryNamesFramesInFrames) {
-  largestData = MAX_DATA;
+  const SettingScope large(largestData, MAX_DATA);
   ForgedLog log(header_, INDEXES);
   log.appendArea(8);
   const auto nested = appendNested(log, 1500);
@@ -623,7 +621,7 @@ TEST_F(ForgedLogs, WhoseSummaryNamesFramesInFrames) {
 
 // Behind damage every head looks like one to go on from.
 TEST_F(ForgedLogs, WhoseFramesInFramesAreDamaged) {
-  largestData = MAX_DATA;
+  const SettingScope large(largestData, MAX_DATA);
   ForgedLog log(header_, INDEXES);
   log.appendArea(8);
   appendNested(log, 1500);
@@ -633,7 +631,7 @@ TEST_F(ForgedLogs, WhoseFramesInFramesAreDamaged) {
 
 // Each entry that may be of the key leads to the same long record.
 TEST_F(ForgedLogs, WhoseBlocksAreCrowded) {
-  largestData = MAX_DATA;
+  const SettingScope large(largestData, MAX_DATA);
   ForgedLog log(header_, INDEXES);
   const std::uint64_t blocks = log.appendArea(32);
   const std::uint64_t record = log.append(eventAt(0, 0), stored({"g1", "other", noise(500000, 9)}));

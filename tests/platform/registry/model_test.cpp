@@ -160,14 +160,13 @@ TEST_P(EngineModel, Batches) { run(GetParam(), 4, 10, 50, 6000, 50); }
 TEST_P(EngineModel, OneLongBatch) { run(GetParam(), 5, 50, 400, 40000, 40000); }
 
 TEST_P(EngineModel, DigestsThatAllMeet) {
-  digestsCollide = true;
+  const SettingScope oneChain(digestsCollide, true);
   run(GetParam(), 6, 4, 10, 1500, 0);
-  digestsCollide = false;
 }
 
 // In the chain that they share, a removed record has older forms below those of others.
 TEST_P(EngineModel, DigestsThatMeetBringNothingBack) {
-  digestsCollide = true;
+  const SettingScope oneChain(digestsCollide, true);
   const TestFolder folder(inMemory());
   GetParam().prepare(folder.file());
   TestStore store(folder.path());
@@ -187,12 +186,11 @@ TEST_P(EngineModel, DigestsThatMeetBringNothingBack) {
     ASSERT_EQ(store.remove("g", "b"), MD_RC_OK);
     EXPECT_EQ(store.get("g", "a", value), GENREG_RC_NOT_FOUND) << value.data;
   }
-  digestsCollide = false;
 }
 
 // A chain that was just cut short, whose digest looks like that of another group.
 TEST_P(EngineModel, DigestsOfSummariesThatLookAlike) {
-  digestsLookAlike = true;
+  const SettingScope alike(digestsLookAlike, true);
   const TestFolder folder(inMemory());
   GetParam().prepare(folder.file());
   TestStore store(folder.path());
@@ -216,13 +214,11 @@ TEST_P(EngineModel, DigestsOfSummariesThatLookAlike) {
       ASSERT_EQ(listed[0].group, name);
     }
   }
-  digestsLookAlike = false;
 }
 
 TEST_P(EngineModel, DigestsThatLookAlike) {
-  digestsLookAlike = true;
+  const SettingScope alike(digestsLookAlike, true);
   run(GetParam(), 7, 4, 10, 1500, 0);
-  digestsLookAlike = false;
 }
 
 }  // namespace

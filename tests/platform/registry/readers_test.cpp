@@ -53,11 +53,12 @@ TEST_F(Readers, LeaveNothingOfOtherRecordsBehindTheOneThatTheyFind) {
     return std::count_if(end, out.end(), [](std::byte byte) { return byte != std::byte{0}; });
   };
   const Value small{"g", "small", "x"};
-  digestsCollide = true;
-  ASSERT_EQ(store_.add(small), MD_RC_OK);
-  ASSERT_EQ(store_.add({"g", "large", noise(5000, 1)}), MD_RC_OK);
-  EXPECT_EQ(bytesBehind(WHOLE_KEY, small), 0);
-  digestsCollide = false;
+  {
+    const SettingScope oneChain(digestsCollide, true);
+    ASSERT_EQ(store_.add(small), MD_RC_OK);
+    ASSERT_EQ(store_.add({"g", "large", noise(5000, 1)}), MD_RC_OK);
+    EXPECT_EQ(bytesBehind(WHOLE_KEY, small), 0);
+  }
   ASSERT_EQ(store_.removeAll("", "", 0), MD_RC_OK);
   ASSERT_EQ(store_.add({"g", "large", noise(5000, 1)}), MD_RC_OK);
   ASSERT_EQ(store_.add(small), MD_RC_OK);

@@ -70,9 +70,6 @@ void fill(TestStore& store, int records) {
 
 class SizeLimits : public EngineTest {
  protected:
-  SizeLimits() { largestData = SMALL_RECORDS; }
-  ~SizeLimits() override { largestData = MAX_DATA; }
-
   std::map<std::string, std::string> files() const {
     std::map<std::string, std::string> found;
     for (const auto& entry : std::filesystem::directory_iterator(folder_.path())) {
@@ -143,6 +140,8 @@ class SizeLimits : public EngineTest {
       EXPECT_TRUE(hasWorked) << operation.name << ": the largest limit leaves room";
     }
   }
+
+  const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
 };
 
 TEST_F(SizeLimits, EndNoOperationOnAFileWithABackup) {
@@ -199,9 +198,6 @@ TEST_F(SizeLimits, EndNoCreation) {
 
 class SizeLimitsAfterACrash : public ::testing::Test {
  protected:
-  SizeLimitsAfterACrash() { largestData = SMALL_RECORDS; }
-  ~SizeLimitsAfterACrash() override { largestData = MAX_DATA; }
-
   // All but the record of the writer that died.
   static Values settled() {
     Values values = TestStore(DISK_FOLDER).list();
@@ -230,6 +226,7 @@ class SizeLimitsAfterACrash : public ::testing::Test {
     }
   }
 
+  const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
   SimulatedDisk disk_;
 };
 

@@ -15,9 +15,6 @@ constexpr int REMOVALS = 80;  // that a full disk always has room for
 
 class Space : public ::testing::Test {
  protected:
-  Space() { largestData = SMALL_RECORDS; }
-  ~Space() override { largestData = MAX_DATA; }
-
   static std::string keyOf(int number) { return "k" + std::to_string(number); }
   static std::string groupOf(int number) { return "g" + std::to_string(number % 3); }
 
@@ -43,6 +40,7 @@ class Space : public ::testing::Test {
     return image.has(name) ? image.files.at(image.names.at(name))->size() : 0;
   }
 
+  const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
   SimulatedDisk disk_;
 };
 

@@ -11,6 +11,8 @@
 #include <fstream>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "support/temporary_folder.h"
@@ -24,8 +26,43 @@ constexpr unsigned long KEY = 8;
 constexpr unsigned long DATA = 32;
 constexpr unsigned long WHOLE_KEY = GROUP | KEY;
 constexpr std::size_t MAX_DATA = 1 << 20;
-// What the record type gives as its largest data; a test may make it smaller, for speed.
-inline std::size_t largestData = MAX_DATA;
+
+// What a test may set about its records: everybody reads it, a SettingScope alone changes it.
+template <class T>
+class Setting {
+ public:
+  constexpr explicit Setting(T value) : value_(value) {}
+  Setting(const Setting&) = delete;
+  Setting& operator=(const Setting&) = delete;
+  operator T() const { return value_; }
+
+ private:
+  template <class>
+  friend class SettingScope;
+  T value_;
+};
+
+// Gives a setting another value as long as the object is there, however the test ends.
+template <class T>
+class [[nodiscard]] SettingScope {
+ public:
+  SettingScope(Setting<T>& setting, std::type_identity_t<T> value)
+      : setting_(setting), before_(std::exchange(setting.value_, value)) {}
+  ~SettingScope() { setting_.value_ = before_; }
+  SettingScope(const SettingScope&) = delete;
+  SettingScope& operator=(const SettingScope&) = delete;
+
+ private:
+  Setting<T>& setting_;
+  const T before_;
+};
+
+// What the record type gives as its largest data; smaller for speed.
+inline Setting<std::size_t> largestData{MAX_DATA};
+// Every digest meets every other.
+inline Setting<bool> digestsCollide{false};
+// All digests look alike to the index: it sees of a digest the upper 22 bits and the lower 32.
+inline Setting<bool> digestsLookAlike{false};
 
 // As it lies in memory and in the file: fixed fields, then the data with its closing NUL and four zero bytes.
 struct TestRecord {
@@ -71,10 +108,7 @@ inline int maxRecordSize(unsigned long* size) {
   return 0;
 }
 
-// FNV-1a with a final mix. Set to make every digest meet every other, or all look alike to the index: it sees of a
-// digest the upper 22 bits and the lower 32.
-inline bool digestsCollide = false;
-inline bool digestsLookAlike = false;
+// FNV-1a with a final mix.
 inline std::uint64_t digestRecord(unsigned long flags, const void* record, std::uint64_t seed) {
   const auto* fields = static_cast<const TestRecord*>(record);
   if (digestsCollide) return flags;
