@@ -33,7 +33,7 @@ TEST_F(ScanOrder, IsThatOfInsertionThroughChangeCompactionAndRepair) {
   EXPECT_EQ(store_.list(), expected);
   ASSERT_EQ(store_.add({"g", "last", "x"}), MD_RC_OK);
   expected.push_back({"g", "last", "x"});
-  flipByte(folder_.file(), format::LOG_START + 1024);
+  spoilByteOfFile(folder_.file(), format::LOG_START + 1024);
   ASSERT_EQ(store_.repair(), MD_RC_OK);
   EXPECT_TRUE(std::filesystem::exists(folder_.path() / "store.cor"));
   EXPECT_EQ(store_.list(), expected);
@@ -53,8 +53,8 @@ TEST_F(Status, GoesOnCountingCommitsThroughCompactionAndRepair) {
   for (int at = 0; at < 5; ++at) ASSERT_EQ(store_.add({"g", numbered("later", at), "x"}), MD_RC_OK);
   ASSERT_EQ(store_.status(before), MD_RC_OK);
   for (const std::uint64_t slot : format::SLOT_OFFSET) {
-    flipByte(folder_.file(), static_cast<std::streamoff>(slot));
-    flipByte(folder_.file(), format::LOG_START + 2048);
+    spoilByteOfFile(folder_.file(), slot);
+    spoilByteOfFile(folder_.file(), format::LOG_START + 2048);
     ASSERT_EQ(store_.repair(), MD_RC_OK);
     ASSERT_EQ(store_.status(after), MD_RC_OK);
     EXPECT_GT(after.changes, before.changes) << slot;

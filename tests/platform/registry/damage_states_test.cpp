@@ -79,8 +79,7 @@ class DamageStates : public ::testing::Test {
     auto bytes = std::make_shared<Bytes>(*content);
     const auto* wanted = reinterpret_cast<const std::byte*>(text.data());
     const auto found = std::search(bytes->begin() + format::LOG_START, bytes->end(), wanted, wanted + text.size());
-    EXPECT_NE(found, bytes->end());
-    *found ^= std::byte{1};
+    spoilByte(*bytes, static_cast<std::size_t>(found - bytes->begin()));
     return bytes;
   }
 

@@ -117,7 +117,7 @@ class DamagedFiles : public ::testing::Test {
   }
   void bootWithFlipped(std::uint64_t offset) {
     const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-    (*bytes)[offset] ^= std::byte{1};
+    spoilByte(*bytes, offset);
     bootWith(bytes);
   }
   // The file that was taken, with 16 bytes overwritten.
@@ -218,7 +218,7 @@ class DamagedFiles : public ::testing::Test {
     std::size_t at = format::LOG_START;
     while (at + text.size() < bytes.size() && std::memcmp(&bytes[at], text.data(), text.size()) != 0) ++at;
     ASSERT_LT(at + text.size(), bytes.size());
-    bytes[at] ^= std::byte{1};
+    spoilByte(bytes, at);
   }
 
   void spoilEveryByte() {
@@ -440,7 +440,7 @@ TEST_F(LostFiles, AreToldUntilSomebodyTakesNote) {
   // A repair without a loss carries on what was acknowledged.
   take();
   const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-  for (const std::uint64_t slot : {format::SLOT_OFFSET[0]}) (*bytes)[slot + 20] ^= std::byte{1};
+  spoilByte(*bytes, format::SLOT_OFFSET[0] + 20);
   bootWith(bytes);
   note(store.repair());
   note(store.status(status));
@@ -479,8 +479,8 @@ TEST_F(LostFiles, ATornSlotAndATornCommitAreALossOnlyInTheSameRun) {
   const auto slots = {loadAt<format::Slot>(*bytes, format::SLOT_OFFSET[0]),
                       loadAt<format::Slot>(*bytes, format::SLOT_OFFSET[1])};
   const std::size_t newest = std::data(slots)[0].sequence > std::data(slots)[1].sequence ? 0 : 1;
-  (*bytes)[format::SLOT_OFFSET[newest] + 40] ^= std::byte{1};
-  (*bytes)[lastFrame(format::FrameKind::INSERT).offset + 60] ^= std::byte{1};
+  spoilByte(*bytes, format::SLOT_OFFSET[newest] + 40);
+  spoilByte(*bytes, lastFrame(format::FrameKind::INSERT).offset + 60);
   for (const bool isSameRun : {true, false}) {
     bootWith(bytes);
     if (isSameRun) disk_.setBootNumber(boot_);
@@ -522,7 +522,7 @@ TEST_F(DamagedFiles, EveryByteOfTheBackup) {
   const Bytes& golden = bytesOf(".store.bkp");
   for (std::size_t at = 0; at < golden.size(); ++at) {
     const auto bytes = std::make_shared<Bytes>(golden);
-    (*bytes)[at] ^= std::byte{0x10};
+    spoilByte(*bytes, at);
     check("byte " + std::to_string(at) + " of the backup", bytes, ".store.bkp");
   }
 }
@@ -560,9 +560,9 @@ TEST_F(DamagedFiles, RecordsThatShareAKeySurviveARepair) {
   for (const bool slotsToo : {false, true}) {
     DiskImage image = disk_.image();
     auto bytes = std::make_shared<Bytes>(*image.files.at(image.names.at("store")));
-    (*bytes)[format::LOG_START + 1024] ^= std::byte{1};  // an index block
+    spoilByte(*bytes, format::LOG_START + 1024);  // an index block
     if (slotsToo) {
-      for (const std::uint64_t slot : format::SLOT_OFFSET) (*bytes)[slot + 20] ^= std::byte{1};
+      for (const std::uint64_t slot : format::SLOT_OFFSET) spoilByte(*bytes, slot + 20);
     }
     image.files[image.names.at("store")] = bytes;
     disk_.boot(image);
@@ -579,7 +579,7 @@ TEST_F(DamagedFiles, OlderCorruptCopiesGetNumbers) {
   for (int round = 1; round <= 3; ++round) {
     DiskImage image = disk_.image();
     auto bytes = std::make_shared<Bytes>(*image.files.at(image.names.at("store")));
-    for (const std::uint64_t slot : format::SLOT_OFFSET) (*bytes)[slot + 20] ^= std::byte{1};
+    for (const std::uint64_t slot : format::SLOT_OFFSET) spoilByte(*bytes, slot + 20);
     image.files[image.names.at("store")] = bytes;
     disk_.boot(image);
     TestStore store(DISK_FOLDER);
@@ -598,7 +598,7 @@ TEST_F(DamagedFiles, OlderCorruptCopiesGetNumbers) {
 TEST_F(DamagedFiles, WithoutTheRepairFeatureAWriterRefuses) {
   makeSmall();
   const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-  for (const std::uint64_t slot : format::SLOT_OFFSET) (*bytes)[slot + 20] ^= std::byte{1};
+  for (const std::uint64_t slot : format::SLOT_OFFSET) spoilByte(*bytes, slot + 20);
   golden_.files[golden_.names.at("store")] = bytes;
   disk_.boot(golden_);
   TestStore store(DISK_FOLDER);
@@ -835,7 +835,7 @@ TEST_F(DamagedFiles, FramesOfAnotherHistoryDoNotContinueThisOne) {
 TEST_F(DamagedFiles, KeepANameThroughAPowerCutInTheirRepair) {
   makeWithBackup();
   const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-  (*bytes)[used_ - 100] ^= std::byte{1};
+  spoilByte(*bytes, used_ - 100);
   golden_.files[golden_.names.at("store")] = bytes;
   const std::uint64_t damaged = golden_.names.at("store");
   for (const bool hasOlder : {false, true}) {
@@ -889,7 +889,7 @@ TEST_F(DamagedFiles, AnUnfinishedCommitIsNotSalvaged) {
   std::copy_n(from.begin() + at, frame.size, bytes->begin() + at);
   // The first record, behind the first area, is damaged.
   ASSERT_EQ(parseHead(std::span(*bytes).subspan(format::LOG_START), format::LOG_START, key, frame), ParseResult::OK);
-  (*bytes)[frame.end() + 60] ^= std::byte{1};
+  spoilByte(*bytes, frame.end() + 60);
   history_ = truth_;
   check("an unfinished commit behind the end", bytes);
 }
@@ -916,7 +916,7 @@ TEST_F(DamagedFiles, WhatTheFileHasIntactIsNotTakenFromItsBackup) {
   ASSERT_LE(backup.size(), used_);
   ASSERT_NE(loadAt<std::uint64_t>(backup, parting + 1000), loadAt<std::uint64_t>(bytesOf("store"), parting + 1000));
   const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-  (*bytes)[format::LOG_START + 6000] ^= std::byte{1};
+  spoilByte(*bytes, format::LOG_START + 6000);
   check("damage before where they part", bytes);
 }
 
@@ -1210,7 +1210,7 @@ TEST_F(DamagedFiles, ABackupMuchLargerThanItsFileIsMadeAnew) {
 TEST_F(DamagedFiles, NumbersOfCorruptCopiesNeverRunOut) {
   makeSmall();
   const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-  for (const std::uint64_t slot : format::SLOT_OFFSET) (*bytes)[slot + 20] ^= std::byte{1};
+  for (const std::uint64_t slot : format::SLOT_OFFSET) spoilByte(*bytes, slot + 20);
   golden_.files[golden_.names.at("store")] = bytes;
   constexpr std::uint64_t COPIES = 1500;
   const auto copy = std::make_shared<Bytes>(10, std::byte{7});
@@ -1427,7 +1427,7 @@ TEST_F(HostileFiles, HugeSparseFiles) {
   exercise("a terabyte behind the log");
   put(good);
   Bytes spoilt = good;
-  for (const std::uint64_t slot : format::SLOT_OFFSET) spoilt[slot + 20] ^= std::byte{1};
+  for (const std::uint64_t slot : format::SLOT_OFFSET) spoilByte(spoilt, slot + 20);
   put(spoilt);
   ASSERT_EQ(growTo(folder_.file()), 0);
   exercise("a terabyte without slots");

@@ -180,8 +180,6 @@ format::Slot slotAt(const Bytes& bytes, std::size_t number) {
 
 std::size_t newestSlot(const Bytes& bytes) { return slotAt(bytes, 1).sequence > slotAt(bytes, 0).sequence ? 1 : 0; }
 
-void flip(Bytes& bytes, std::size_t offset) { bytes[offset] ^= std::byte{0x5A}; }
-
 // Where the text begins in the log; the size of the bytes when it is not there.
 std::size_t positionOf(const Bytes& bytes, const std::string& text) {
   const auto* first = reinterpret_cast<const char*>(bytes.data());
@@ -304,7 +302,7 @@ namespace {
 // A file of this base with one byte of it changed.
 void spoilOne(Stage& stage, const std::string& name, std::size_t offset) {
   Bytes bytes = stage.bytesOf(name);
-  flip(bytes, offset);
+  spoilByte(bytes, offset);
   stage.replace(name, bytes);
 }
 
@@ -354,7 +352,7 @@ std::vector<Scene> damageScenes(SimulatedDisk& disk, const Base& base) {
       [](Stage& stage) {
         Bytes bytes = stage.bytesOf(FILE_NAME);
         const std::size_t first = (format::LOG_START + format::BLOCK_SIZE) / format::BLOCK_SIZE * format::BLOCK_SIZE;
-        for (std::size_t block = 0; block < 8; ++block) flip(bytes, first + block * format::BLOCK_SIZE + 1);
+        for (std::size_t block = 0; block < 8; ++block) spoilByte(bytes, first + block * format::BLOCK_SIZE + 1);
         stage.replace(FILE_NAME, bytes);
         return true;
       },

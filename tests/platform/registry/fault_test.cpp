@@ -162,7 +162,7 @@ struct Shape {
 void spoil(SimulatedDisk& disk, const std::string& name, std::size_t offset) {
   DiskImage image = disk.image();
   auto bytes = std::make_shared<Bytes>(*image.files.at(image.names.at(name)));
-  (*bytes)[offset] ^= std::byte{0x5A};
+  spoilByte(*bytes, offset);
   image.files[image.names.at(name)] = bytes;
   const unsigned boot = disk.bootNumber();
   disk.boot(image);
@@ -707,13 +707,11 @@ TEST_F(FaultyMemory, OfADamagedFile) {
     addMany(store, 10, 600);
     ASSERT_EQ(store.add({"g1", "behind", "x"}), MD_RC_OK);
   }
-  std::fstream file(folder_.file(), std::ios::in | std::ios::out | std::ios::binary);
-  std::string bytes((std::istreambuf_iterator<char>(file)), {});
+  std::ifstream file(folder_.file(), std::ios::binary);
+  const std::string bytes((std::istreambuf_iterator<char>(file)), {});
   const std::size_t at = bytes.find(noise(600, 0).substr(0, 20), format::LOG_START);
   ASSERT_NE(at, std::string::npos);
-  file.seekp(static_cast<std::streamoff>(at));
-  file.put('?');
-  file.close();
+  spoilByteOfFile(folder_.file(), at);
   failEverywhere(folder_.path());
 }
 

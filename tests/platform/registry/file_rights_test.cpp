@@ -13,6 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <fstream>
 #include <functional>
 
 #include "platform/registry/file_io.h"
@@ -177,7 +178,7 @@ void spoil(TestStore&, const TestFolder& folder) {
   const std::string bytes{std::istreambuf_iterator<char>(file), {}};
   const std::size_t at = bytes.find(noise(400, 7).substr(0, 20));
   ASSERT_NE(at, std::string::npos);
-  flipByte(folder.file(), static_cast<std::streamoff>(at));
+  spoilByteOfFile(folder.file(), at);
 }
 
 const std::vector<Rewrite>& rewrites() {

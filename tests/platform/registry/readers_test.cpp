@@ -64,8 +64,8 @@ TEST_F(Readers, LeaveNothingOfOtherRecordsBehindTheOneThatTheyFind) {
   ASSERT_EQ(store_.add(small), MD_RC_OK);
   EXPECT_EQ(bytesBehind(KEY, small), 0);
   EXPECT_EQ(bytesBehind(GROUP | DATA, small), 0);
-  flipByte(folder_.file(), format::LOG_START + 1024);
-  for (const std::uint64_t slot : format::SLOT_OFFSET) flipByte(folder_.file(), static_cast<std::streamoff>(slot));
+  spoilByteOfFile(folder_.file(), format::LOG_START + 1024);
+  for (const std::uint64_t slot : format::SLOT_OFFSET) spoilByteOfFile(folder_.file(), slot);
   EXPECT_EQ(bytesBehind(WHOLE_KEY, small), 0);
 }
 

@@ -167,7 +167,7 @@ TEST_F(SizeLimits, EndNoOperationOnADamagedFile) {
   const std::string bytes = files().at("store");
   const std::size_t at = bytes.find(noise(200, 7).substr(0, 20));
   ASSERT_NE(at, std::string::npos);
-  flipByte(folder_.file(), static_cast<std::streamoff>(at));
+  spoilByteOfFile(folder_.file(), at);
   const auto kept = files();
   for (const Operation& operation : operations()) {
     for (const rlim_t most : limits(kept)) {

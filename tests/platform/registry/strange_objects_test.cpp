@@ -110,7 +110,7 @@ TEST_P(StrangeObjects, InThePlaceOfTheBackupKeepNobodyFromWriting) {
 TEST_P(StrangeObjects, InThePlaceOfTheCorruptCopyAreMovedAway) {
   for (int at = 0; at < 3; ++at) ASSERT_EQ(store_.add({"g", numbered("k", at), "x"}), MD_RC_OK);
   if (!put(folder_.path() / "store.cor")) GTEST_SKIP();
-  flipByte(folder_.file(), format::LOG_START + 1024);
+  spoilByteOfFile(folder_.file(), format::LOG_START + 1024);
   alarm(20);
   EXPECT_EQ(store_.repair(), MD_RC_OK);
   EXPECT_EQ(store_.list().size(), 3u);
@@ -142,7 +142,7 @@ TEST_F(ForeignFiles, LinkedToTheNamesOfCompanionsAreNotWrittenThrough) {
     ASSERT_EQ(store_.add({"g", numbered("k", at), noise(3000, static_cast<unsigned>(at))}), MD_RC_OK);
   }
   ASSERT_EQ(store_.compact(), MD_RC_OK);
-  flipByte(folder_.file(), format::LOG_START + 1024);
+  spoilByteOfFile(folder_.file(), format::LOG_START + 1024);
   ASSERT_EQ(store_.repair(), MD_RC_OK);
   EXPECT_EQ(store_.list().size(), 40u);
   auto files = filesIn(folder_.path());

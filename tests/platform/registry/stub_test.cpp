@@ -175,7 +175,7 @@ TEST_F(Stubs, AreNoRecordFilesThatWereCutToTheirSize) {
 TEST_F(Stubs, UnderTheNameOfTheBackupKeepNobodyFromTheRecords) {
   const Values before = store_.list();
   putFile(folder_.backup(), stubBytes("elsewhere", "settings.conf"));
-  flipByte(folder_.file(), 8192 + 5000);
+  spoilByteOfFile(folder_.file(), 8192 + 5000);
   std::uint32_t rc = MD_RC_OK;
   EXPECT_EQ(store_.list(0, {}, &rc).size(), before.size() - 1);
   EXPECT_EQ(rc, GENREG_RC_DAMAGED);

@@ -8,13 +8,13 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "support/spoil.h"
 #include "support/temporary_folder.h"
 #include "zonmdfile/platform/GenRegBin.h"
 #include "zonmdfile/platform/return_codes.h"
@@ -223,16 +223,9 @@ inline std::string noise(std::size_t size, unsigned seed) {
 
 inline std::string numbered(const char* prefix, int number) { return prefix + std::to_string(number); }
 
-// Damages one byte, whatever it was: what a file holds is random in part.
-inline void flipByte(const std::filesystem::path& path, std::streamoff offset) {
-  std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
-  file.seekg(offset);
-  const auto flipped = static_cast<char>(file.get() ^ 0x55);
-  file.seekp(offset);
-  file.put(flipped);
-}
-
 using zontest::inMemory;
+using zontest::spoilByte;
+using zontest::spoilByteOfFile;
 
 class TestFolder : public zontest::TemporaryFolder {
  public:

@@ -12,6 +12,7 @@
 
 #include "platform/oss/trace_writer.h"
 #include "print_recording.h"
+#include "support/spoil.h"
 #include "traced_process.h"
 
 namespace {
@@ -140,7 +141,7 @@ TEST_F(RingReader, RandomBytesBehindAGoodHeaderAreSurvived) {
 TEST_F(RingReader, ADamagedSlotLeavesTheOthersReadable) {
   writeSample(10);
   Bytes damaged = bytes();
-  damaged[HEADER_BYTES + 3] ^= std::byte{0x40};  // the seal of the first entry
+  zontest::spoilByte(damaged, HEADER_BYTES + 3);  // the seal of the first entry
   const Recording recording = zontrace::parseRing(damaged, damaged);
   EXPECT_EQ(recording.condition, Condition::DAMAGED);
   EXPECT_EQ(recording.damaged, 1U);
@@ -162,7 +163,7 @@ TEST_F(RingReader, ASlotThatChangesWhileItIsReadIsLeftOut) {
   writeSample(1);
   const Bytes first = bytes();
   Bytes second = first;
-  second[HEADER_BYTES + 10] ^= std::byte{1};
+  zontest::spoilByte(second, HEADER_BYTES + 10);
   const Recording recording = zontrace::parseRing(first, second);
   EXPECT_EQ(recording.unfinished, 1U);
   EXPECT_EQ(recording.events.size(), 3U);
