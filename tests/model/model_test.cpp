@@ -40,6 +40,7 @@
 #include "model/library_driver.h"
 #include "model/replay.h"
 #include "support/metadata_test.h"
+#include "support/told_numbers.h"
 #include "zonmdfile/platform/oss.h"
 
 namespace {
@@ -98,15 +99,10 @@ INSTANTIATE_TEST_SUITE_P(PlainNames, RandomSteps,
 INSTANTIATE_TEST_SUITE_P(NamesWithSeparators, RandomSteps,
                          testing::Values(Run{4, Names::SEPARATORS}, Run{5, Names::SEPARATORS}));
 
-std::uint64_t setting(const char* name, std::uint64_t otherwise) {
-  const char* value = std::getenv(name);
-  return value != nullptr ? std::strtoull(value, nullptr, 10) : otherwise;
-}
-
 TEST(LongRun, LibraryAndModelAgree) {
   constexpr std::size_t STEPS_PER_SEED = 50000;
-  const std::uint64_t steps = setting("ZON_MODEL_STEPS", 2000);
-  std::uint64_t seed = setting("ZON_MODEL_SEED", 1000);
+  const std::uint64_t steps = zontest::toldNumber<std::uint64_t>("ZON_MODEL_STEPS", 2000);
+  std::uint64_t seed = zontest::toldNumber<std::uint64_t>("ZON_MODEL_SEED", 1000);
   for (std::uint64_t done = 0; done < steps && !HasFailure(); done += STEPS_PER_SEED, ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     const Names names = seed % 2 == 0 ? Names::PLAIN : Names::SEPARATORS;

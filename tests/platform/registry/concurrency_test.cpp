@@ -1,7 +1,7 @@
 // Processes and threads that change one file at once, and writers that are killed. An outside oracle, told over pipes
 // of every intention and every acknowledgement, knows what must be there.
 //
-// ZON_KILLS sets how often a writer is killed; the seed of the moments is printed.
+// ZON_KILLS sets how often a writer is killed, ZON_KILL_SEED the seed of the moments, which is printed.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -18,6 +18,7 @@
 #include <set>
 #include <thread>
 
+#include "support/told_numbers.h"
 #include "test_records.h"
 
 namespace zon::test {
@@ -164,11 +165,8 @@ TEST_F(ManyAtOnce, ThreadsAndProcessesLeaveWhatEachOfThemWrote) {
 }
 
 TEST_F(ManyAtOnce, KilledWritersLoseNothingThatTheyAcknowledged) {
-  const char* told = std::getenv("ZON_KILLS");
-  const int kills = told == nullptr ? 200 : std::atoi(told);
-  const unsigned seed = std::random_device{}();
-  std::cout << "seed " << seed << '\n';
-  std::mt19937 random(seed);
+  const int kills = zontest::toldNumber("ZON_KILLS", 200);
+  std::mt19937_64 random(zontest::toldSeed("ZON_KILL_SEED"));
   ASSERT_EQ(store_.add({"churn", "k", "0"}), MD_RC_OK);
   std::set<int> acknowledged;
   int next = 1;
@@ -446,11 +444,8 @@ class DyingWriters : public ::testing::Test {
 };
 
 TEST_F(DyingWriters, ChangeNothingAfterTheirDeath) {
-  const char* told = std::getenv("ZON_KILLS");
-  const int kills = told == nullptr ? 150 : std::atoi(told);
-  const unsigned seed = std::random_device{}();
-  std::cout << "seed " << seed << '\n';
-  random_.seed(seed);
+  const int kills = zontest::toldNumber("ZON_KILLS", 150);
+  random_.seed(zontest::toldSeed("ZON_KILL_SEED"));
   for (Writer& writer : writers_) ASSERT_NO_FATAL_FAILURE(start(writer));
   for (int kill = 0; kill < kills; ++kill) {
     std::this_thread::sleep_for(std::chrono::microseconds(300 + random_() % 6000));

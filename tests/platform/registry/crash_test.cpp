@@ -23,6 +23,7 @@
 #include "platform/registry/format.h"
 #include "platform/registry/frame.h"
 #include "simulated_disk.h"
+#include "support/told_numbers.h"
 #include "test_records.h"
 
 namespace zon::test {
@@ -35,11 +36,7 @@ constexpr int MOST_FAILURES = 2;
 const Value PROBE{"probe", "probe", "after the crash"};
 const Value SECOND_PROBE{"probe2", "probe2", "after both crashes"};
 
-unsigned scale() {
-  const char* text = std::getenv("ZON_CRASH_SCALE");
-  const int told = text == nullptr ? 1 : std::atoi(text);
-  return told < 1 ? 1 : static_cast<unsigned>(told);
-}
+unsigned scale() { return std::max(1U, zontest::toldNumber("ZON_CRASH_SCALE", 1U)); }
 
 Values with(Values values, const Value& value) {
   values.push_back(value);

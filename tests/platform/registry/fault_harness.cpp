@@ -3,11 +3,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <iostream>
 #include <limits>
 
 #include "allocation_faults.h"
+#include "support/told_numbers.h"
 #include "zonmdfile/platform/oss.h"
 
 namespace zon::test {
@@ -22,13 +22,8 @@ constexpr double PAIRS_AT_LEAST = 20;  // times the share of failures
 const Value PROBE{"probe", "probe", "p"};
 const Value MET{"met", "met", "of the other writer"};
 
-double numberFrom(const char* variable, double otherwise) {
-  const char* text = std::getenv(variable);
-  return text == nullptr ? otherwise : std::atof(text);
-}
-
 std::uint64_t seed() {
-  static const auto SEED = static_cast<std::uint64_t>(numberFrom("ZON_FAULT_SEED", 1));
+  static const auto SEED = zontest::toldNumber<std::uint64_t>("ZON_FAULT_SEED", 1);
   return SEED;
 }
 
@@ -151,7 +146,7 @@ FaultSweep::~FaultSweep() {
 }
 
 void FaultSweep::setShare(double share) {
-  const double wanted = std::min(1.0, share * numberFrom("ZON_FAULT_SCALE", 1));
+  const double wanted = std::min(1.0, share * zontest::toldNumber("ZON_FAULT_SCALE", 1.0));
   pairShare_ = std::min(1.0, wanted * PAIRS_AT_LEAST);
   share_ = wanted / pairShare_;
 }

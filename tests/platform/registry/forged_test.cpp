@@ -20,6 +20,7 @@
 #include "platform/registry/index_blocks.h"
 #include "platform/registry/system_calls.h"
 #include "platform/registry/zero_runs.h"
+#include "support/told_numbers.h"
 #include "test_records.h"
 
 namespace zon::test {
@@ -263,11 +264,6 @@ struct Original {
   Values history;
 };
 
-std::uint64_t numberFrom(const char* variable, std::uint64_t otherwise) {
-  const char* text = std::getenv(variable);
-  return text != nullptr ? std::strtoull(text, nullptr, 0) : otherwise;
-}
-
 // The engine's random numbers are the same in every run, so that the same seed makes the same file.
 ssize_t evenRandom(void* data, std::size_t size, unsigned) {
   static Dice dice(1);
@@ -351,8 +347,8 @@ constexpr int MOST_COMPLAINTS = 5;
 
 TEST_F(RandomlyForged, DoNoHarm) {
   const Original originals[] = {makeFew(), makeMany(), makeCompact()};
-  const std::uint64_t first = numberFrom("ZON_FORGED_SEED", 1);
-  const std::uint64_t count = numberFrom("ZON_FORGED_CASES", CASES);
+  const std::uint64_t first = zontest::toldNumber<std::uint64_t>("ZON_FORGED_SEED", 1);
+  const std::uint64_t count = zontest::toldNumber<std::uint64_t>("ZON_FORGED_CASES", CASES);
   int complaints = 0;
   for (std::uint64_t seed = first; seed < first + count && complaints < MOST_COMPLAINTS; ++seed) {
     Dice dice(seed);
