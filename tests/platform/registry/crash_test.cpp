@@ -1,9 +1,11 @@
 // Power cuts and killed processes at every point of every kind of change.
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "crash_explorer.h"
