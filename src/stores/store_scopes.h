@@ -46,7 +46,7 @@ class DeleteAllScope {
 
 // Whether a code that beginBatch gave ends the whole call: each change would run into the same failure. Within a batch
 // that the object's owner has begun, the changes are part of that one.
-constexpr bool endsCall(std::uint32_t beginRc) { return beginRc != MD_RC_OK && beginRc != GENREG_RC_NO_BATCH; }
+constexpr bool endsCall(std::uint32_t beginRc) { return beginRc != MD_RC_OK && beginRc != GENREG_RC_BATCH_OPEN; }
 
 // What the answer to a question about records tells of the question alone: there are such records, there is none, or a
 // key is refused. Every other code is a failure that leaves the question open.

@@ -178,6 +178,17 @@ TEST_F(ContactGroups, UpdateWithTheSameTextSucceeds) {
 }
 
 // A kind that holds the separator reads back as two: the records are looked for where they are not.
+TEST_F(ContactGroups, UpdateWithinABatchOfTheOwnerIsPartOfIt) {
+  insertAll("g:a g:b");
+  ASSERT_EQ(store_.beginBatch(), 0U);
+  EXPECT_EQ(update("g", "new", "2"), 0U);
+  EXPECT_EQ(MDContactGroup().retrieveList(Text("g"), kinds_, members_, descriptions_, versions_), 0U);
+  EXPECT_EQ(textOf(descriptions_), listOf("d|d|"));
+  EXPECT_EQ(store_.commitBatch(), 0U);
+  EXPECT_EQ(retrieveList("g"), 0U);
+  EXPECT_EQ(textOf(descriptions_), listOf("new|new|"));
+}
+
 TEST_F(ContactGroups, UpdateStopsWhereTheListsReadBackWrongly) {
   ASSERT_EQ(insert("g", listOf("0|0").c_str(), "a"), 0U);
   EXPECT_EQ(update("g", "new", "2"), GENREG_RC_NOT_FOUND);
