@@ -147,16 +147,61 @@ TEST_F(GroupFailures, LeaveAnUpdatedGroupWholeWhenItAnswers0) {
   }
 }
 
-// The commit at the end fails: what the steps before it answered is no news any more.
-TEST_F(GroupFailures, TellOfTheCommitBeforeAllElse) {
-  reset();
-  zontest::insertGroups("Y:a");
-  zon::systemCalls.fdatasync = [](int) { return errno = EIO, -1; };
-  zon::systemCalls.fsync = zon::systemCalls.fdatasync;
-  const std::uint32_t rc = removeMemberFromGroups(zontest::Text("a"), DString("0"));
-  zon::systemCalls = REAL;
-  EXPECT_NE(rc, 0U);
-  EXPECT_NE(rc, GENREG_RC_NOT_FOUND);
+// No sync succeeds, and one read finds no memory: a step fails, and then the commit of what was done before it.
+class FailingCommit {
+ public:
+  explicit FailingCommit(int readThatFails) {
+    untilFailure = readThatFails;
+    syncs = 0;
+    zon::systemCalls.pread = [](int file, void* data, std::size_t size, off_t at) -> ssize_t {
+      return --untilFailure == 0 ? (errno = ENOMEM, -1) : REAL.pread(file, data, size, at);
+    };
+    zon::systemCalls.fdatasync = [](int) { return ++syncs, errno = EIO, -1; };
+    zon::systemCalls.fsync = zon::systemCalls.fdatasync;
+  }
+  ~FailingCommit() { zon::systemCalls = REAL; }
+  FailingCommit(const FailingCommit&) = delete;
+  FailingCommit& operator=(const FailingCommit&) = delete;
+
+  static bool hasReadFailed() { return untilFailure <= 0; }
+  static bool hasCommitFailed() { return syncs > 0; }
+
+ private:
+  static inline int untilFailure = 0;
+  static inline int syncs = 0;
+};
+
+class GroupCommits : public GroupFailures {
+ protected:
+  // Every read fails in turn; what the call answers is the commit's code where one was tried.
+  template <class Work>
+  void expectTheCommitsCode(Work work) {
+    int both = 0;
+    bool hasReadFailed = true;
+    for (int read = 1; hasReadFailed; ++read) {
+      SCOPED_TRACE("read " + std::to_string(read) + " fails");
+      reset();
+      std::uint32_t rc = 0;
+      bool hasCommitFailed = false;
+      {
+        const FailingCommit failing(read);
+        rc = work();
+        hasReadFailed = FailingCommit::hasReadFailed();
+        hasCommitFailed = FailingCommit::hasCommitFailed();
+      }
+      ASSERT_EQ(rc, hasCommitFailed ? GENREG_RC_DURABILITY_UNKNOWN : GENREG_RC_NO_MEMORY);
+      both += hasReadFailed && hasCommitFailed ? 1 : 0;
+    }
+    EXPECT_GT(both, 0);
+  }
+};
+
+TEST_F(GroupCommits, OutweighTheCodesOfWithdrawals) {
+  expectTheCommitsCode([] { return removeMemberFromGroups(zontest::Text("a"), DString("0")); });
+}
+
+TEST_F(GroupCommits, OutweighTheCodesOfChanges) {
+  expectTheCommitsCode([] { return MDContactGroup().update(zontest::Text("S"), zontest::Text("new"), DString("2")); });
 }
 
 }  // namespace
