@@ -51,6 +51,8 @@ TEST_P(FaultsOn, AFileThatNothingHappenedTo) { sweepOn({quietScene(disk_, base()
 
 TEST_P(FaultsOn, AFileAfterAPowerCut) { sweepOn(powerCutScenes(disk_, base()), 0.03); }
 
+TEST_P(FaultsOn, AFileThatWasMountedAnewWithoutItsCache) { sweepOn(remountScenes(disk_, base()), 0.015); }
+
 TEST_P(FaultsOn, ADamagedFile) { sweepOn(damageScenes(disk_, base()), 0.02); }
 
 TEST_P(FaultsOn, AFileWhoseLastWriterDiedAdding) {
@@ -71,6 +73,7 @@ TEST_P(FaultsOn, AFileThatAnotherWriterChangesMeanwhile) { sweepOn(meanwhileScen
 TEST_P(FaultsOn, AFileThatIsReadBesideItsWriter) {
   readBesideOn({quietScene(disk_, base())}, 0.06);
   readBesideOn(powerCutScenes(disk_, base()), 0.01);
+  readBesideOn(remountScenes(disk_, base()), 0.003);
   readBesideOn(deadWriterScenes(disk_, base(), operationNamed("batch of many")), 0.002);
 }
 

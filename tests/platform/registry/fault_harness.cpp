@@ -165,6 +165,7 @@ void FaultSweep::restore() {
   disk_.log.clear();
   disk_.boot(scene_->image);
   disk_.setBootNumber(scene_->boot);
+  disk_.setMountNumber(scene_->mount);
   disk_.reseed();
 }
 
@@ -253,6 +254,7 @@ Told FaultSweep::runFailing(TestStore& store, const Operation& operation, const 
   failAllocation(fault.own != 0 ? fault.own : NEVER, fault.sticky);
   Told told = operation.run(store);
   stopFailing();
+  told.hasMetLoss = store.hasMetLoss();
   ossMemFailAt(0, 0);
   return told;
 }
@@ -276,6 +278,11 @@ bool FaultSweep::isTrue(const Told& listing, const std::vector<Values>& truths) 
   return listing.rc == GENREG_RC_DAMAGED && scene_->mayRefuse &&
          std::any_of(truths.begin(), truths.end(),
                      [&](const Values& truth) { return isSubsequence(listing.delivered, truth); });
+}
+
+// A listing that ended well, though not all is there that was.
+bool FaultSweep::isLossy(const Told& listing, const std::vector<Values>& truths) {
+  return listing.rc == MD_RC_OK && std::find(truths.begin(), truths.end(), listing.delivered) == truths.end();
 }
 
 std::vector<Values> FaultSweep::allowedNow(const Told& told) const {
@@ -350,6 +357,7 @@ void FaultSweep::judgeState(const Operation& operation, const Told& told) {
          difference(seen.delivered, allowed.back()));
     return;
   }
+  if (told.rc == MD_RC_OK && isLossy(seen, allowed) && !told.hasMetLoss) fail("does not tell of a loss");
   const DiskImage image = disk_.image();
   if (!scene_->isDamaged) {
     judgeSecondAttempt(operation, seen.delivered);
@@ -390,6 +398,7 @@ void FaultSweep::judgeNextWriter(const Told& seen, const std::vector<Values>& al
          difference(next.delivered, after.back()));
     return;
   }
+  if (isLossy(next, after)) judgeStatusAfterLoss();
   if (isSure) judgeSpace(next.delivered);
   for (std::size_t at = 0; at < next.delivered.size() && !scene_->isDamaged; at += next.delivered.size() / 6 + 1) {
     TestStore store(DISK_FOLDER);
@@ -407,6 +416,13 @@ void FaultSweep::judgeNextWriter(const Told& seen, const std::vector<Values>& al
     fail("after the next writer and a power cut a reader answers " + code(kept.rc) + " and sees " +
          difference(kept.delivered, after.back()));
   }
+}
+
+void FaultSweep::judgeStatusAfterLoss() {
+  TestStore store(DISK_FOLDER);
+  GenRegStatus status{};
+  if (const std::uint32_t rc = store.status(status)) fail("after a loss status answers " + code(rc));
+  if (status.unacknowledgedLosses == 0 || status.lostBytes == 0) fail("status does not tell of a loss");
 }
 
 // P8, after a writer whom nothing hindered.

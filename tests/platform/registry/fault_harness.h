@@ -5,6 +5,7 @@
 // answer is success; the records are as before where the change failed, as after where it succeeded, and one of both
 // only where the answer is GENREG_RC_DURABILITY_UNKNOWN. That is looked at now, behind the next writer, behind the same
 // call done again, and in states that a power cut at this instant could leave. Nothing stays open, no space is kept.
+// Where damage cost a record, the call that went on without it tells so, and the status from then on.
 //
 // ZON_FAULT_SCALE multiplies the share of failures that is tried, ZON_FAULT_SEED chooses another one.
 #ifndef ZON_TESTS_PLATFORM_REGISTRY_FAULT_HARNESS_H
@@ -82,6 +83,7 @@ class FaultSweep {
   void judgeNextWriter(const Told& seen, const std::vector<Values>& allowed);
   void judgeSecondAttempt(const Operation& operation, const Values& seen);
   void judgePowerCuts(const std::vector<Values>& allowed);
+  void judgeStatusAfterLoss();
   void judgeSpace(const Values& values);
 
   bool prepareReading(const Scene& scene, const Operation& writer);
@@ -98,6 +100,7 @@ class FaultSweep {
   bool isNearOne(const Values& values, const std::vector<Values>& truths) const;
   // A listing that is one of these states, or breaks off where the scene allows it.
   bool isTrue(const Told& listing, const std::vector<Values>& truths) const;
+  static bool isLossy(const Told& listing, const std::vector<Values>& truths);
   void fail(const std::string& what);
 
   SimulatedDisk& disk_;

@@ -19,6 +19,7 @@ constexpr std::size_t SMALL_RECORDS = 8192;
 struct Told {
   std::uint32_t rc = MD_RC_OK;
   Values delivered;
+  bool hasMetLoss = false;
 };
 
 // What it must answer, and the states that it leads through: the first is the one before, the last the one after. A

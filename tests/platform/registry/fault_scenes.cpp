@@ -19,6 +19,8 @@ constexpr int CUT_SAMPLES = 6;
 const Value ACKNOWLEDGED{"g1", "acknowledged", "a"};
 const Value UNFINISHED{"g1", "unfinished", "never acknowledged"};
 
+enum class Lost { POWER, MOUNT };
+
 // Runs writers on the disk and follows what a power cut could leave.
 class Stage {
  public:
@@ -27,6 +29,7 @@ class Stage {
     disk_.mostBytes = 0;
     disk_.boot(DiskImage{});
     disk_.setBootNumber(1);
+    disk_.setMountNumber(1);
     disk_.reseed();
   }
 
@@ -80,8 +83,13 @@ class Stage {
     return count > number;
   }
 
-  void restart(const DiskImage& image) {
-    disk_.boot(image);
+  // What was not durable is lost, by a power cut or with the device.
+  void lose(Lost lost, const DiskImage& image) {
+    if (lost == Lost::POWER) {
+      disk_.boot(image);
+    } else {
+      disk_.remount(image);
+    }
     cut_ = PowerCut(image);
   }
 
@@ -116,6 +124,7 @@ class Stage {
     scene.name = std::move(name);
     scene.image = disk_.image();
     scene.boot = disk_.bootNumber();
+    scene.mount = disk_.mountNumber();
     scene.cut = cut_;
     scene.truths = {truth_};
     return scene;
@@ -250,14 +259,16 @@ Scene foreignScene(SimulatedDisk& disk, const Base& base) {
   return stage.scene(std::string(base.name) + ", of another owner");
 }
 
-std::vector<Scene> powerCutScenes(SimulatedDisk& disk, const Base& base) {
+namespace {
+
+std::vector<Scene> lossScenes(SimulatedDisk& disk, const Base& base, Lost lost) {
   std::vector<Scene> scenes;
-  const std::string name = std::string(base.name) + ", power cut: ";
+  const std::string name = std::string(base.name) + (lost == Lost::POWER ? ", power cut: " : ", mounted anew: ");
   {
     Stage stage(disk);
     stage.make(base);
     stage.add(ACKNOWLEDGED);
-    stage.restart(stage.cut().oldest());
+    stage.lose(lost, stage.cut().oldest());
     scenes.push_back(stage.scene(name + "the newest commit behind the slot"));
   }
   {
@@ -270,7 +281,7 @@ std::vector<Scene> powerCutScenes(SimulatedDisk& disk, const Base& base) {
     const auto slot = static_cast<std::ptrdiff_t>(format::SLOT_OFFSET[newestSlot(newest)]);
     std::fill_n(torn->begin() + slot, UNIT, std::byte{0xA5});
     image.files[image.names.at(FILE_NAME)] = torn;
-    stage.restart(image);
+    stage.lose(lost, image);
     scenes.push_back(stage.scene(name + "the newest slot torn"));
   }
   std::mt19937_64 random(7);
@@ -288,7 +299,7 @@ std::vector<Scene> powerCutScenes(SimulatedDisk& disk, const Base& base) {
     };
     stage.act([](TestStore& store) { return store.add(UNFINISHED); });
     disk.fault = nullptr;
-    stage.restart(stage.cut().randomState(random));
+    stage.lose(lost, stage.cut().randomState(random));
     Scene scene = stage.scene(name + "in the middle of a change, " + std::to_string(sample));
     scene.truths.push_back(scene.truths.front());
     scene.truths.back().push_back(UNFINISHED);
@@ -296,6 +307,12 @@ std::vector<Scene> powerCutScenes(SimulatedDisk& disk, const Base& base) {
   }
   return scenes;
 }
+
+}  // namespace
+
+std::vector<Scene> powerCutScenes(SimulatedDisk& disk, const Base& base) { return lossScenes(disk, base, Lost::POWER); }
+
+std::vector<Scene> remountScenes(SimulatedDisk& disk, const Base& base) { return lossScenes(disk, base, Lost::MOUNT); }
 
 namespace {
 
@@ -306,12 +323,15 @@ void spoilOne(Stage& stage, const std::string& name, std::size_t offset) {
   stage.replace(name, bytes);
 }
 
+// What damage may cost: the bystander where there is no backup, the last record also where the backup trails.
+enum class Hits { NOTHING, BYSTANDER, LAST };
+
 }  // namespace
 
 std::vector<Scene> damageScenes(SimulatedDisk& disk, const Base& base) {
   std::vector<Scene> scenes;
   const std::string name = std::string(base.name) + ", damage: ";
-  const auto damaged = [&](const std::string& what, const std::function<bool(Stage&)>& spoil, bool takesBystander,
+  const auto damaged = [&](const std::string& what, const std::function<bool(Stage&)>& spoil, Hits hits,
                            bool mayRefuse) {
     Stage stage(disk);
     stage.make(base);
@@ -320,7 +340,8 @@ std::vector<Scene> damageScenes(SimulatedDisk& disk, const Base& base) {
     const bool hasBackup = stage.has(BACKUP_NAME);
     Scene scene = stage.scene(name + what);
     scene.isDamaged = true;
-    if (takesBystander && !hasBackup) scene.atRisk = {bystander(stage.truth())};
+    if (hits == Hits::BYSTANDER && !hasBackup) scene.atRisk = {bystander(stage.truth())};
+    if (hits == Hits::LAST) scene.atRisk = {stage.truth().back()};
     scene.mayRefuse = mayRefuse || !scene.atRisk.empty();
     scenes.push_back(std::move(scene));
   };
@@ -330,8 +351,8 @@ std::vector<Scene> damageScenes(SimulatedDisk& disk, const Base& base) {
       return true;
     };
   };
-  damaged("header", at(20), false, false);
-  damaged("header's copy", at(format::HEADER_COPY_OFFSET + 20), false, false);
+  damaged("header", at(20), Hits::NOTHING, false);
+  damaged("header's copy", at(format::HEADER_COPY_OFFSET + 20), Hits::NOTHING, false);
   damaged(
       "older slot",
       [](Stage& stage) {
@@ -339,14 +360,14 @@ std::vector<Scene> damageScenes(SimulatedDisk& disk, const Base& base) {
         spoilOne(stage, FILE_NAME, format::SLOT_OFFSET[older] + 20);
         return true;
       },
-      false, true);
+      Hits::NOTHING, true);
   damaged(
       "newest slot",
       [](Stage& stage) {
         spoilOne(stage, FILE_NAME, format::SLOT_OFFSET[newestSlot(stage.bytesOf(FILE_NAME))] + 20);
         return true;
       },
-      false, true);
+      Hits::NOTHING, true);
   damaged(
       "every block",
       [](Stage& stage) {
@@ -356,7 +377,7 @@ std::vector<Scene> damageScenes(SimulatedDisk& disk, const Base& base) {
         stage.replace(FILE_NAME, bytes);
         return true;
       },
-      false, false);
+      Hits::NOTHING, false);
   damaged(
       "a live record",
       [](Stage& stage) {
@@ -368,16 +389,26 @@ std::vector<Scene> damageScenes(SimulatedDisk& disk, const Base& base) {
         spoilOne(stage, FILE_NAME, offset);
         return true;
       },
-      true, false);
+      Hits::BYSTANDER, false);
+  damaged(
+      "cut short",
+      [](Stage& stage) {
+        stage.add(ACKNOWLEDGED);
+        Bytes bytes = stage.bytesOf(FILE_NAME);
+        bytes.resize(positionOf(bytes, ACKNOWLEDGED.key));
+        stage.replace(FILE_NAME, bytes);
+        return true;
+      },
+      Hits::LAST, true);
   damaged(
       "an old form",
       [](Stage& stage) {
         const Bytes bytes = stage.bytesOf(FILE_NAME);
-        const std::size_t offset = positionOf(bytes, noise(7000, 3).substr(0, 100));
+        const std::size_t offset = positionOf(bytes, noise(7000, 3).substr(0, 1000));
         if (offset < bytes.size()) spoilOne(stage, FILE_NAME, offset);
         return offset < bytes.size();
       },
-      false, true);
+      Hits::NOTHING, true);
   return scenes;
 }
 

@@ -23,6 +23,7 @@ struct Scene {
   std::string name;
   DiskImage image;
   unsigned boot = 1;
+  unsigned mount = 1;
   PowerCut cut{DiskImage{}};
   // What may be there; a reader decides. More than one when a change was never acknowledged.
   std::vector<Values> truths;
@@ -45,6 +46,8 @@ const Base& baseNamed(const std::string& name);
 // The scenes that begin with this base. All leave the disk in no particular state.
 Scene quietScene(SimulatedDisk& disk, const Base& base);
 std::vector<Scene> powerCutScenes(SimulatedDisk& disk, const Base& base);
+// The cache is lost as by a power cut, but the machine goes on: the file system is mounted anew.
+std::vector<Scene> remountScenes(SimulatedDisk& disk, const Base& base);
 std::vector<Scene> damageScenes(SimulatedDisk& disk, const Base& base);
 // The writer of `dying` is killed before each of its calls in turn.
 std::vector<Scene> deadWriterScenes(SimulatedDisk& disk, const Base& base, const Operation& dying);
