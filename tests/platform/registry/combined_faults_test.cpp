@@ -47,7 +47,7 @@ class FaultsOn : public Faults, public ::testing::WithParamInterface<std::size_t
   void readBesideOn(const std::vector<Scene>& scenes, double share) { readBeside(scenes, share * base().share); }
 };
 
-TEST_P(FaultsOn, AFileThatNothingHappenedTo) { sweepOn({quietScene(disk_, base())}, 0.5); }
+TEST_P(FaultsOn, AFileThatNothingHappenedTo) { sweepOn({quietScene(disk_, base())}, 1); }
 
 TEST_P(FaultsOn, AFileAfterAPowerCut) { sweepOn(powerCutScenes(disk_, base()), 0.03); }
 
@@ -91,6 +91,11 @@ TEST_F(Faults, OnAFileWhoseLastWriterDiedRemovingAGroup) {
 
 TEST_F(Faults, OnAFileOfAnotherOwner) {
   sweep({foreignScene(disk_, baseNamed("backup due")), foreignScene(disk_, baseNamed("compaction due"))}, 0.3);
+}
+
+TEST_F(Faults, OnAFileBesideATemporaryFileThatSomebodyLeft) {
+  sweep({temporaryFileScene(disk_, baseNamed("backup due")), temporaryFileScene(disk_, baseNamed("compaction due"))},
+        0.3);
 }
 
 TEST_F(Faults, OnAFileWhoseBackupIsNotInOrder) { sweep(backupScenes(disk_), 0.05); }

@@ -457,6 +457,13 @@ std::vector<Scene> meanwhileScenes(SimulatedDisk& disk, const Base& base) {
   return scenes;
 }
 
+Scene temporaryFileScene(SimulatedDisk& disk, const Base& base) {
+  Stage stage(disk);
+  stage.make(base);
+  stage.replace("store.tmp", Bytes(5000, std::byte{7}));
+  return stage.scene(std::string(base.name) + ", beside a temporary file");
+}
+
 std::vector<Scene> backupScenes(SimulatedDisk& disk) {
   std::vector<Scene> scenes;
   const Base& base = baseNamed("backup behind");

@@ -56,6 +56,8 @@ std::vector<Scene> deadWriterCutScenes(SimulatedDisk& disk, const Base& base, co
 std::vector<Scene> meanwhileScenes(SimulatedDisk& disk, const Base& base);
 // All files belong to another user, and have an access list.
 Scene foreignScene(SimulatedDisk& disk, const Base& base);
+// Somebody left something under the temporary name.
+Scene temporaryFileScene(SimulatedDisk& disk, const Base& base);
 std::vector<Scene> backupScenes(SimulatedDisk& disk);
 
 }  // namespace zon::test
