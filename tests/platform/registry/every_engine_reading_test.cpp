@@ -1,0 +1,215 @@
+// What readers are promised whatever engine has the records: one committed state, in its order, as the match callback
+// decides. Run on every engine.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "every_engine.h"
+#include "test_records.h"
+
+namespace zon::test {
+namespace {
+
+// ---- Readers
+
+class ReadersOfEveryEngine : public EveryEngine {};
+INSTANTIATE_TEST_SUITE_P(Engines, ReadersOfEveryEngine, everyEngine(), engineName);
+
+TEST_P(ReadersOfEveryEngine, FindNothingWhereNothingWasAdded) {
+  Value value;
+  EXPECT_EQ(store_.get("g", "k", value), GENREG_RC_NOT_FOUND);
+  std::uint32_t rc = GENREG_RC_INTERNAL;
+  EXPECT_TRUE(store_.list(0, {}, &rc).empty());
+  EXPECT_EQ(rc, MD_RC_OK);
+  EXPECT_EQ(store_.change({"g", "k", "x"}), GENREG_RC_NOT_FOUND);
+  EXPECT_EQ(store_.remove("g", "k"), GENREG_RC_NOT_FOUND);
+  EXPECT_EQ(store_.removeAll("g", "", GROUP), GENREG_RC_NOT_FOUND);
+  GenRegStatus status;
+  ASSERT_EQ(store_.status(status), MD_RC_OK);
+  EXPECT_EQ(status.records, 0u);
+  EXPECT_EQ(status.damaged, 0u);
+  EXPECT_EQ(store_.compact(), MD_RC_OK);
+  EXPECT_EQ(store_.repair(), MD_RC_OK);
+}
+
+TEST_P(ReadersOfEveryEngine, AreNotHeldUpByABatchAndSeeNothingOfIt) {
+  fill(20);
+  TestStore writer(folder_.path());
+  ASSERT_EQ(writer.beginBatch(), MD_RC_OK);
+  ASSERT_EQ(writer.add({"g", "pending", "x"}), MD_RC_OK);
+  ASSERT_EQ(writer.remove("g3", "k3"), MD_RC_OK);
+  store_.setLockWait(0);
+  Value value;
+  EXPECT_EQ(store_.get("g", "pending", value), GENREG_RC_NOT_FOUND);
+  EXPECT_EQ(store_.get("g3", "k3", value), MD_RC_OK);
+  EXPECT_EQ(store_.list().size(), 20u);
+  EXPECT_EQ(writer.get("g", "pending", value), MD_RC_OK);
+  EXPECT_EQ(writer.get("g3", "k3", value), GENREG_RC_NOT_FOUND);
+  ASSERT_EQ(writer.commitBatch(), MD_RC_OK);
+  EXPECT_EQ(store_.get("g", "pending", value), MD_RC_OK);
+  EXPECT_EQ(store_.get("g3", "k3", value), GENREG_RC_NOT_FOUND);
+}
+
+TEST_P(ReadersOfEveryEngine, MayAskAnotherQuestionInTheMiddleOfAScan) {
+  fill(40, 4);
+  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
+  auto group = encode({"g2", "", ""}, true);
+  auto any = encode({}, true);
+  std::vector<std::byte> out(any.size());
+  ASSERT_EQ(store_.GetNext(GROUP, group.data(), out.data()), MD_RC_OK);
+  EXPECT_EQ(decode(out).key, "k2");
+  std::ranges::fill(out, std::byte{0});
+  ASSERT_EQ(store_.GetNext(0, any.data(), out.data()), MD_RC_OK);
+  EXPECT_EQ(decode(out).key, "k3");
+  std::ranges::fill(out, std::byte{0});
+  ASSERT_EQ(store_.GetNext(GROUP, group.data(), out.data()), MD_RC_OK);
+  EXPECT_EQ(decode(out).key, "k6");
+  EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
+}
+
+TEST_P(ReadersOfEveryEngine, AreToldHowMuchAScanDeliversAtMost) {
+  fill(30);
+  EXPECT_EQ(store_.scanExtent().records, 0u);
+  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
+  EXPECT_EQ(store_.scanExtent().records, 30u);
+  EXPECT_GE(store_.scanExtent().bytes, 30u * 100u);
+  EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
+}
+
+TEST_P(ReadersOfEveryEngine, KeepTheStateInWhichTheirScanBegan) {
+  fill(300);
+  const Values before = store_.list();
+  TestStore reader(folder_.path());
+  ASSERT_EQ(reader.OpenScan(), MD_RC_OK);
+  auto key = encode({}, true);
+  std::vector<std::byte> out(key.size());
+  Values seen;
+  for (int at = 0; at < 100; ++at) {
+    ASSERT_EQ(reader.GetNext(0, key.data(), out.data()), MD_RC_OK);
+    seen.push_back(decode(out));
+  }
+  for (int at = 0; at < 300; at += 2) ASSERT_EQ(store_.change({numbered("g", at % 10), numbered("k", at), "new"}), 0u);
+  ASSERT_EQ(store_.removeAll("g3", "", GROUP), MD_RC_OK);
+  ASSERT_EQ(store_.compact(), MD_RC_OK);
+  for (int at = 0; at < 50; ++at) ASSERT_EQ(store_.add({"later", numbered("k", at), "x"}), MD_RC_OK);
+  while (reader.GetNext(0, key.data(), out.data()) == MD_RC_OK) seen.push_back(decode(out));
+  EXPECT_EQ(reader.CloseScan(), MD_RC_OK);
+  EXPECT_EQ(seen, before);
+}
+
+// The index is ahead of them: what it leads to behind their end must be passed by.
+TEST_P(ReadersOfEveryEngine, KeepTheirStateInListingsThatTheIndexNarrows) {
+  fill(60, 6);
+  for (const unsigned long flags : {GROUP, WHOLE_KEY}) {
+    const Value match{"g3", "k3", ""};
+    const Values before = store_.list(flags, match);
+    TestStore reader(folder_.path());
+    ASSERT_EQ(reader.OpenScan(), MD_RC_OK);
+    for (int at = 0; at < 80; ++at) {
+      ASSERT_EQ(store_.change({"g3", "k3", noise(20, static_cast<unsigned>(at))}), MD_RC_OK);
+      ASSERT_EQ(store_.add({numbered("more", at), numbered("of", static_cast<int>(flags)), "x"}), MD_RC_OK);
+    }
+    ASSERT_EQ(store_.add({"g3", numbered("new", static_cast<int>(flags)), "x"}), MD_RC_OK);
+    auto key = encode(match, true);
+    std::vector<std::byte> out(key.size());
+    Values seen;
+    while (reader.GetNext(flags, key.data(), out.data()) == MD_RC_OK) seen.push_back(decode(out));
+    EXPECT_EQ(reader.CloseScan(), MD_RC_OK);
+    EXPECT_EQ(seen, before) << flags;
+  }
+}
+
+// ---- Order
+
+class ScanOrderOfEveryEngine : public EveryEngine {};
+INSTANTIATE_TEST_SUITE_P(Engines, ScanOrderOfEveryEngine, everyEngine(), engineName);
+
+TEST_P(ScanOrderOfEveryEngine, IsThatOfInsertionThroughChangeAndCompaction) {
+  fill(60, 3);
+  Values expected = store_.list();
+  for (std::size_t at = 0; at < expected.size(); at += 7) {
+    expected[at].data = "changed " + std::to_string(at);
+    ASSERT_EQ(store_.change(expected[at]), MD_RC_OK);
+  }
+  EXPECT_EQ(store_.list(), expected);
+  const Value from = expected[5];
+  expected[5].key = "renamed";
+  ASSERT_EQ(store_.changeTo(from, expected[5]), MD_RC_OK);
+  EXPECT_EQ(store_.list(), expected);
+  ASSERT_EQ(store_.compact(), MD_RC_OK);
+  ASSERT_EQ(store_.add({"g", "last", "x"}), MD_RC_OK);
+  expected.push_back({"g", "last", "x"});
+  EXPECT_EQ(store_.list(), expected);
+}
+
+// ---- The match callback decides
+
+class MatchFlags : public EveryEngine {};
+INSTANTIATE_TEST_SUITE_P(Engines, MatchFlags, everyEngine(), engineName);
+
+TEST_P(MatchFlags, WorkInAnyCombination) {
+  for (int at = 0; at < 60; ++at) {
+    ASSERT_EQ(store_.add({numbered("g", at % 4), numbered("k", at % 15), numbered("d", at % 3)}, 0), MD_RC_OK);
+  }
+  const Values all = store_.list();
+  for (unsigned long flags = 0; flags < 64; ++flags) {
+    const Value match{"g2", "k6", "d0"};
+    auto key = encode(match, true);
+    Values expected;
+    for (const Value& value : all) {
+      auto record = encode(value, true);
+      if (matchRecord(flags, record.data(), key.data()) == 1) expected.push_back(value);
+    }
+    EXPECT_EQ(store_.list(flags, match), expected) << flags;
+    Value found;
+    const std::uint32_t rc = store_.get("g2", "k6", found, flags, "d0");
+    ASSERT_EQ(rc, expected.empty() ? GENREG_RC_NOT_FOUND : MD_RC_OK) << flags;
+    if (!expected.empty()) {
+      EXPECT_EQ(found, expected.front()) << flags;
+    }
+  }
+}
+
+TEST_P(MatchFlags, TakeTheFirstOfTheRecordsThatAChangeMadeAlike) {
+  ASSERT_EQ(store_.add({"g", "k", "first"}), MD_RC_OK);
+  ASSERT_EQ(store_.add({"g", "other", "x"}), MD_RC_OK);
+  ASSERT_EQ(store_.changeTo({"g", "other", ""}, {"g", "k", "second"}), MD_RC_OK);
+  Value value;
+  ASSERT_EQ(store_.get("g", "k", value), MD_RC_OK);
+  EXPECT_EQ(value.data, "first");
+  ASSERT_EQ(store_.compact(), MD_RC_OK);
+  ASSERT_EQ(store_.get("g", "k", value), MD_RC_OK);
+  EXPECT_EQ(value.data, "first");
+  ASSERT_EQ(store_.remove("g", "k"), MD_RC_OK);
+  EXPECT_EQ(store_.list(), Values({{"g", "k", "second"}}));
+}
+
+TEST_P(MatchFlags, TakeTheFirstOfTheRecordsThatDifferInMoreThanTheirKey) {
+  ASSERT_EQ(store_.add({"g", "k", "first"}, WHOLE_KEY | DATA), MD_RC_OK);
+  ASSERT_EQ(store_.add({"g", "k", "second"}, WHOLE_KEY | DATA), MD_RC_OK);
+  EXPECT_EQ(store_.add({"g", "k", "second"}, WHOLE_KEY | DATA), GENREG_RC_DUPLICATE_KEY);
+  Value value;
+  ASSERT_EQ(store_.get("g", "k", value), MD_RC_OK);
+  EXPECT_EQ(value.data, "first");
+}
+
+TEST_P(MatchFlags, DecideWhatAGroupDeleteTakes) {
+  fill(100, 7);
+  Values left;
+  for (const Value& value : store_.list()) {
+    if (value.group != "g3") left.push_back(value);
+  }
+  ASSERT_EQ(store_.removeAll("g3", "", GROUP), MD_RC_OK);
+  EXPECT_EQ(store_.list(), left);
+  EXPECT_EQ(store_.removeAll("g3", "", GROUP), GENREG_RC_NOT_FOUND);
+  ASSERT_EQ(store_.remove("g4", "", GROUP), MD_RC_OK);
+  left.erase(std::find_if(left.begin(), left.end(), [](const Value& value) { return value.group == "g4"; }));
+  EXPECT_EQ(store_.list(), left);
+}
+
+}  // namespace
+}  // namespace zon::test
