@@ -113,8 +113,8 @@ class FileBatch final : public RecordBatch {
 }  // namespace
 
 template <class Work>
-std::uint32_t FileEngine::withFile(const WriterSettings& settings, bool create, Work work) {
-  Transaction transaction(settings_.type, settings);
+std::uint32_t FileEngine::withFile(WriterSettings settings, bool create, Work work) {
+  Transaction transaction(settings_.type, std::move(settings));
   std::uint32_t rc = beginOrStub(transaction, create, settings_.file);
   if (rc == MD_RC_OK) rc = work(transaction);
   if (transaction.hasMetLoss()) hasMetLoss_ = true;
@@ -168,7 +168,7 @@ std::uint32_t FileEngine::repair() {
   GenRegStatus before;
   const std::uint32_t told = status(before);
   if (told != MD_RC_OK && told != GENREG_RC_NOT_RECORD_FILE) return told;
-  const std::uint32_t rc = withFile(writer, false, [&before](Transaction& transaction) {
+  const std::uint32_t rc = withFile(std::move(writer), false, [&before](Transaction& transaction) {
     return before.damaged == 0 || transaction.isRepaired() ? MD_RC_OK : transaction.repair();
   });
   return rc == GENREG_RC_NOT_FOUND ? MD_RC_OK : rc;

@@ -36,7 +36,7 @@ class FileEngine final : public RecordEngine {
  private:
   // Work on a file that is there; `create`: it may be made.
   template <class Work>
-  [[nodiscard]] std::uint32_t withFile(const WriterSettings& settings, bool create, Work work);
+  [[nodiscard]] std::uint32_t withFile(WriterSettings settings, bool create, Work work);
   template <class Work>
   [[nodiscard]] std::uint32_t runChange(bool create, Work work);
 
