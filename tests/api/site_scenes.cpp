@@ -10,6 +10,7 @@
 #include "platform/registry/format.h"
 #include "support/metadata_test.h"
 #include "zonmdfile/MDCloningHistory.h"
+#include "zonmdfile/MDCloningMapping.h"
 #include "zonmdfile/MDCloningSubSystemSetting.h"
 #include "zonmdfile/MDContact.h"
 #include "zonmdfile/MDContactGroup.h"
@@ -52,6 +53,17 @@ void fillTwoKey() {
   };
   for (int i = 0; i < FILLERS; ++i) insert(i % 3 == 0 ? "group" : "other", numbered("filler", i));
   insert("group", "key");
+  ASSERT_EQ(store.commitBatch(), 0U);
+}
+
+void fillMappings() {
+  MDCloningMapping store;
+  ASSERT_EQ(store.beginBatch(), 0U);
+  const auto insert = [&store](const std::string& subGroup, const std::string& key) {
+    EXPECT_EQ(store.insert(Text("group"), Text(subGroup), Text(key), Text("data"), DString("1")), 0U);
+  };
+  for (int i = 0; i < FILLERS; ++i) insert(i % 3 == 0 ? "sub" : "other", numbered("filler", i));
+  insert("sub", "key");
   ASSERT_EQ(store.commitBatch(), 0U);
 }
 
@@ -109,14 +121,15 @@ Records twoKeyRecords() {
   return recordsOf({&groups, &keys, &data, &versions});
 }
 
-Records groupRecords() {
+template <class Store>
+Records threeKeyRecords() {
   DString groups;
-  DString kinds;
-  DString members;
-  DString descriptions;
+  DString subGroups;
+  DString keys;
+  DString data;
   DString versions;
-  MDContactGroup().retrieveAll(groups, kinds, members, descriptions, versions);
-  return recordsOf({&groups, &kinds, &members, &descriptions, &versions});
+  Store().retrieveAll(groups, subGroups, keys, data, versions);
+  return recordsOf({&groups, &subGroups, &keys, &data, &versions});
 }
 
 template <class Store>
@@ -173,9 +186,18 @@ const std::vector<StoreOfSite>& storesOfSites() {
       twoKeyStore<MDUtilityHistory>("MDUtilityHistory_"),
       {"MDContact_", MDContact::FILENAME, fillContacts, oneKeyRecords<MDContact>},
       {"ContactAPI_", MDContact::FILENAME, fillContacts, oneKeyRecords<MDContact>},
-      {"MDContactGroup_", MDContactGroup::FILENAME, fillGroups, groupRecords},
-      {"ContactGroupAPI_", MDContactGroup::FILENAME, fillGroups, groupRecords}};
+      {"MDContactGroup_", MDContactGroup::FILENAME, fillGroups, threeKeyRecords<MDContactGroup>},
+      {"ContactGroupAPI_", MDContactGroup::FILENAME, fillGroups, threeKeyRecords<MDContactGroup>}};
   return STORES;
+}
+
+const StoreOfSite& cloningMappings() {
+  static const StoreOfSite STORE{
+      "MDCloningMapping_", MDCloningMapping::FILENAME, fillMappings, threeKeyRecords<MDCloningMapping>, [] {
+        EXPECT_EQ(MDCloningMapping().insert(Text("group"), Text("sub"), Text("one more"), Text("data"), DString("1")),
+                  0U);
+      }};
+  return STORE;
 }
 
 const char* nameOfScene(Scene scene) {
@@ -205,15 +227,15 @@ Site::Site(const StoreOfSite& store) : store_(store) {
 
 Records Site::records() const {
   Records records = store_.records();
-  if (withdrawsFromGroups()) records.merge(groupRecords());
+  if (withdrawsFromGroups()) records.merge(threeKeyRecords<MDContactGroup>());
   return records;
 }
 
 // Whoever removes a contact changes the file of the groups too.
 bool Site::withdrawsFromGroups() const { return store_.fileName == MDContact::FILENAME; }
 
-// Through the entry point, as one commit of its own.
 void Site::insertOneMore() const {
+  if (store_.insertOne) return store_.insertOne();
   const bool isOfGroups = store_.fileName == MDContactGroup::FILENAME;
   const std::string name = std::string(isOfGroups ? "MDContactGroup_" : store_.prefix) + "insert";
   for (const EntryPointCase& entry : allEntryPoints()) {

@@ -88,6 +88,7 @@ class Call {
     return std::all_of(bytes, bytes + sizeof sqlca_, [](unsigned char byte) { return byte == MARK_BYTE; });
   }
 
+  std::size_t slotCount() const { return slots_.size(); }
   std::size_t outputCount() const {
     std::size_t count = 0;
     for (const Slot& slot : slots_) count += slot.kind == Kind::OUT ? 1 : 0;
