@@ -30,7 +30,7 @@ TEST_F(DamagedFiles, AHeaderPageThatCannotBeReadIsDamage) {
   for (const int sectors : {1, 2, 3}) {
     disk_.boot(golden_);
     disk_.setBootNumber(boot_);
-    for (const std::uint64_t sector : {0, 1}) {
+    for (const std::uint64_t sector : {std::uint64_t{0}, std::uint64_t{1}}) {
       if ((sectors >> sector & 1) != 0) disk_.badSectors.insert({inode, sector});
     }
     TestStore store(DISK_FOLDER);

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <fstream>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <set>
 
@@ -183,7 +184,7 @@ TEST_F(SizeLimits, EndNoOperationOnADamagedFile) {
 
 TEST_F(SizeLimits, EndNoCreation) {
   const Operation insert = operations().front();
-  for (const rlim_t most : {0, 1, 4095, 4096, 8192, 12288, 100000}) {
+  for (const rlim_t most : std::initializer_list<rlim_t>{0, 1, 4095, 4096, 8192, 12288, 100000}) {
     putBack({});
     const int result = under(most, insert);
     EXPECT_EQ(result, most < 100000 && result == REFUSED ? REFUSED : WORKED) << most;
