@@ -52,8 +52,7 @@ class EveryTracedFunction : public zontest::MetadataTest {
       names.push_back(function != nullptr ? function->name : std::to_string(point));
     }
     std::ranges::sort(names);
-    const auto repeated = std::ranges::unique(names);
-    names.erase(repeated.begin(), repeated.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
     return names;
   }
 
