@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <iterator>
 
 #include "platform/registry/crc32c.h"
 #include "platform/registry/file_io.h"
@@ -208,7 +209,7 @@ std::uint32_t readHeaderPage(int file, HeaderPage& page) {
   const bool isKnown = page.header.version == format::FORMAT_VERSION && page.header.headerSize == format::LOG_START;
   if (!isKnown || page.header.mustUnderstand != 0) return GENREG_RC_NEWER_FORMAT;
   const std::uint32_t salt = saltOf(page.header.fileId);
-  for (std::size_t slot = 0; slot < page.slots.size(); ++slot) {
+  for (std::size_t slot = 0; slot < std::size(format::SLOT_OFFSET); ++slot) {
     std::memcpy(&page.slots[slot], bytes.data() + format::SLOT_OFFSET[slot], sizeof(format::Slot));
     // A slot that stands in the other one's place was not written there by a writer.
     page.slotValid[slot] = isIntact(page.slots[slot], salt) && page.slots[slot].sequence % 2 == slot;
