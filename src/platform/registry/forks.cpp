@@ -51,7 +51,7 @@ void endForkInChild() {
   closeCopies();
 }
 
-[[maybe_unused]] const int HANDLERS = pthread_atfork(beginFork, endForkInParent, endForkInChild);
+[[maybe_unused]] const int handlers = pthread_atfork(beginFork, endForkInParent, endForkInChild);
 
 std::size_t wordOf(int descriptor) { return static_cast<std::size_t>(descriptor) / WORD_BITS; }
 std::uint64_t bitOf(int descriptor) { return std::uint64_t{1} << static_cast<std::size_t>(descriptor) % WORD_BITS; }
