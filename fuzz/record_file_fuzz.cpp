@@ -12,7 +12,7 @@
 #include <fstream>
 #include <string>
 
-#include "platform/registry/forged_file.h"
+#include "platform/registry/harness/forged_file.h"
 #include "zonmdfile/MDCustomTree.h"
 #include "zonmdfile/platform/admin.h"
 

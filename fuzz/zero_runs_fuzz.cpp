@@ -6,7 +6,7 @@
 #include <span>
 #include <vector>
 
-#include "platform/registry/zero_runs.h"
+#include "platform/registry/format/zero_runs.h"
 
 namespace {
 

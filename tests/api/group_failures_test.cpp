@@ -9,7 +9,7 @@
 #include <set>
 #include <string>
 
-#include "platform/registry/system_calls.h"
+#include "platform/registry/files/system_calls.h"
 #include "support/cells.h"
 #include "support/groups.h"
 #include "support/metadata_test.h"

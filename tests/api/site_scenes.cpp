@@ -7,7 +7,7 @@
 #include <iterator>
 
 #include "api/entry_points.h"
-#include "platform/registry/format.h"
+#include "platform/registry/format/format.h"
 #include "support/metadata_test.h"
 #include "zonmdfile/MDCloningHistory.h"
 #include "zonmdfile/MDCloningMapping.h"

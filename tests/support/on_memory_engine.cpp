@@ -2,7 +2,7 @@
 // store.
 #include <filesystem>
 
-#include "platform/registry/memory_engine.h"
+#include "platform/registry/harness/memory_engine.h"
 #include "support/metadata_test.h"
 #include "zonmdfile/MDCloningHistory.h"
 #include "zonmdfile/MDCloningMapping.h"

@@ -3,15 +3,14 @@
 //
 // The rule: nothing here knows of files, logs or servers, and every promise of docs/engine.md that is not about a file
 // holds for each engine. Functions answer a return code; what an exception makes of them is the callers' business.
-#ifndef ZON_PLATFORM_REGISTRY_ENGINE_H
-#define ZON_PLATFORM_REGISTRY_ENGINE_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 
 #include "platform/guarded.h"
-#include "platform/registry/record_type.h"
+#include "platform/registry/format/record_type.h"
 #include "zonmdfile/platform/GenRegFile.h"
 
 namespace zon {
@@ -113,5 +112,3 @@ class RecordEngine : public Records {
 };
 
 }  // namespace zon
-
-#endif

@@ -1,6 +1,5 @@
 // The frame of every exported function of the engine: it is traced, and throws nothing.
-#ifndef ZON_PLATFORM_REGISTRY_ENGINE_CALL_H
-#define ZON_PLATFORM_REGISTRY_ENGINE_CALL_H
+#pragma once
 
 #include <cstdint>
 #include <utility>
@@ -18,5 +17,3 @@ std::uint32_t engineCall(std::uint32_t point, Work&& work) noexcept {
 }
 
 }  // namespace zon
-
-#endif

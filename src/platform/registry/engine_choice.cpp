@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "platform/registry/file_engine.h"
-#include "platform/registry/file_io.h"
-#include "platform/registry/stub.h"
+#include "platform/registry/files/file_io.h"
+#include "platform/registry/files/stub.h"
 
 namespace zon {
 

@@ -2,8 +2,7 @@
 //
 // The rule: a file of the file engine pays nothing for the choice. The file engine is asked first; what its first read
 // meets anyway tells whether it is the right one.
-#ifndef ZON_PLATFORM_REGISTRY_ENGINE_CHOICE_H
-#define ZON_PLATFORM_REGISTRY_ENGINE_CHOICE_H
+#pragma once
 
 #include <cstdint>
 #include <memory>
@@ -35,5 +34,3 @@ template <class Work>
 }
 
 }  // namespace zon
-
-#endif

@@ -8,10 +8,10 @@
 #include <span>
 #include <utility>
 
-#include "platform/registry/file_io.h"
 #include "platform/registry/file_status.h"
+#include "platform/registry/files/file_io.h"
+#include "platform/registry/files/stub.h"
 #include "platform/registry/reader.h"
-#include "platform/registry/stub.h"
 
 namespace zon {
 

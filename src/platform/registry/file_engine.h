@@ -3,8 +3,7 @@
 //
 // The rule: on a stub every function answers RC_STUB and has done nothing. Making an engine costs nothing, so that one
 // is made for each call.
-#ifndef ZON_PLATFORM_REGISTRY_FILE_ENGINE_H
-#define ZON_PLATFORM_REGISTRY_FILE_ENGINE_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -45,5 +44,3 @@ class FileEngine final : public RecordEngine {
 };
 
 }  // namespace zon
-
-#endif

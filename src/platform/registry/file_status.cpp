@@ -7,9 +7,9 @@
 #include <memory>
 #include <string_view>
 
-#include "platform/registry/file_io.h"
+#include "platform/registry/care/salvage.h"
+#include "platform/registry/files/file_io.h"
 #include "platform/registry/reader.h"
-#include "platform/registry/salvage.h"
 
 namespace zon {
 

@@ -1,8 +1,7 @@
 // What GenRegFile::status tells of a record file and its companions, with a check of every byte that matters.
 //
 // The rule: nothing is changed and no lock is taken.
-#ifndef ZON_PLATFORM_REGISTRY_FILE_STATUS_H
-#define ZON_PLATFORM_REGISTRY_FILE_STATUS_H
+#pragma once
 
 #include <cstdint>
 
@@ -14,5 +13,3 @@ namespace zon {
 [[nodiscard]] std::uint32_t readStatus(const EngineSettings& settings, GenRegStatus& status);
 
 }  // namespace zon
-
-#endif

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "platform/registry/stub.h"
+#include "platform/registry/files/stub.h"
 #include "platform/registry/transaction.h"
 
 namespace zon {

@@ -1,7 +1,6 @@
 // Answers questions from a record file without any right to write: from the file as it stands, and when that is damaged
 // from what is intact in it and its backup.
-#ifndef ZON_PLATFORM_REGISTRY_READER_H
-#define ZON_PLATFORM_REGISTRY_READER_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -9,9 +8,9 @@
 #include <optional>
 #include <vector>
 
+#include "platform/registry/care/salvage.h"
 #include "platform/registry/engine.h"
-#include "platform/registry/log_scan.h"
-#include "platform/registry/salvage.h"
+#include "platform/registry/log/log_scan.h"
 
 namespace zon {
 
@@ -85,5 +84,3 @@ class Scan final : public RecordScan {
 };
 
 }  // namespace zon
-
-#endif

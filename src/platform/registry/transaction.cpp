@@ -11,11 +11,11 @@
 #include <utility>
 
 #include "platform/guarded.h"
-#include "platform/registry/file_rights.h"
-#include "platform/registry/frame_checker.h"
-#include "platform/registry/log_scan.h"
-#include "platform/registry/salvage.h"
-#include "platform/registry/system_calls.h"
+#include "platform/registry/care/salvage.h"
+#include "platform/registry/files/file_rights.h"
+#include "platform/registry/files/system_calls.h"
+#include "platform/registry/format/frame_checker.h"
+#include "platform/registry/log/log_scan.h"
 
 namespace zon {
 

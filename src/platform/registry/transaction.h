@@ -1,8 +1,7 @@
 // One writer's work on one record file: takes the locks, opens or makes the file, lets records be added, changed and
 // removed, commits, and afterwards keeps the file small and its backup near. Whatever is not committed when the object
 // goes is gone.
-#ifndef ZON_PLATFORM_REGISTRY_TRANSACTION_H
-#define ZON_PLATFORM_REGISTRY_TRANSACTION_H
+#pragma once
 
 #include <cstddef>
 #include <cstdint>
@@ -10,10 +9,10 @@
 #include <memory>
 #include <string>
 
-#include "platform/registry/file_lock.h"
-#include "platform/registry/file_paths.h"
-#include "platform/registry/log_writer.h"
-#include "platform/registry/scratch_record.h"
+#include "platform/registry/files/file_lock.h"
+#include "platform/registry/files/file_paths.h"
+#include "platform/registry/format/scratch_record.h"
+#include "platform/registry/log/log_writer.h"
 
 namespace zon {
 
@@ -125,5 +124,3 @@ class Transaction {
 };
 
 }  // namespace zon
-
-#endif

@@ -2,15 +2,14 @@
 // what is there.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <string>
 
-#include "engine_promises.h"
-#include "platform/registry/format.h"
-#include "test_records.h"
+#include "platform/registry/format/format.h"
+#include "platform/registry/harness/engine_promises.h"
+#include "platform/registry/harness/test_records.h"
 
 namespace zon::test {
 namespace {

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "engine_promises.h"
-#include "test_records.h"
+#include "platform/registry/harness/engine_promises.h"
+#include "platform/registry/harness/test_records.h"
 
 namespace zon::test {
 namespace {

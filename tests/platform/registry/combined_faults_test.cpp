@@ -4,7 +4,7 @@
 //
 // ZON_FAULT_SCALE multiplies the share of failures that is tried; the seed is fixed unless ZON_FAULT_SEED tells
 // another.
-#include "fault_harness.h"
+#include "platform/registry/harness/fault_harness.h"
 
 namespace zon::test {
 namespace {

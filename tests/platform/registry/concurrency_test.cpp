@@ -18,8 +18,8 @@
 #include <set>
 #include <thread>
 
+#include "platform/registry/harness/test_records.h"
 #include "support/told_numbers.h"
-#include "test_records.h"
 
 namespace zon::test {
 namespace {

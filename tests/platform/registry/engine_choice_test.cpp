@@ -18,13 +18,13 @@
 #include <utility>
 #include <vector>
 
-#include "allocation_faults.h"
-#include "memory_engine.h"
 #include "platform/registry/engine_choice.h"
 #include "platform/registry/file_engine.h"
-#include "platform/registry/system_calls.h"
-#include "stub_file.h"
-#include "test_records.h"
+#include "platform/registry/files/system_calls.h"
+#include "platform/registry/harness/allocation_faults.h"
+#include "platform/registry/harness/memory_engine.h"
+#include "platform/registry/harness/stub_file.h"
+#include "platform/registry/harness/test_records.h"
 
 namespace zon::test {
 namespace {

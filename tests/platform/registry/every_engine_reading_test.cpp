@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "every_engine.h"
-#include "test_records.h"
+#include "platform/registry/harness/every_engine.h"
+#include "platform/registry/harness/test_records.h"
 
 namespace zon::test {
 namespace {

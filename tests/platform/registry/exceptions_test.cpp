@@ -2,7 +2,7 @@
 #include <new>
 #include <stdexcept>
 
-#include "platform/registry/test_records.h"
+#include "platform/registry/harness/test_records.h"
 
 namespace zon::test {
 namespace {

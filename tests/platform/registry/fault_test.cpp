@@ -6,8 +6,8 @@
 #include <iostream>
 #include <new>
 
-#include "platform/registry/format.h"
-#include "test_records.h"
+#include "platform/registry/format/format.h"
+#include "platform/registry/harness/test_records.h"
 #include "zonmdfile/platform/oss.h"
 
 namespace {

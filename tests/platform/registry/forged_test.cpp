@@ -11,13 +11,13 @@
 #include <iostream>
 #include <string>
 
-#include "forged_file.h"
-#include "forged_files.h"
-#include "platform/registry/format.h"
-#include "platform/registry/index_blocks.h"
-#include "platform/registry/system_calls.h"
+#include "platform/registry/files/system_calls.h"
+#include "platform/registry/format/format.h"
+#include "platform/registry/harness/forged_file.h"
+#include "platform/registry/harness/forged_files.h"
+#include "platform/registry/harness/test_records.h"
+#include "platform/registry/log/index_blocks.h"
 #include "support/told_numbers.h"
-#include "test_records.h"
 
 namespace zon::test {
 namespace {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <random>
 
-#include "every_engine.h"
-#include "test_records.h"
+#include "platform/registry/harness/every_engine.h"
+#include "platform/registry/harness/test_records.h"
 
 namespace zon::test {
 namespace {

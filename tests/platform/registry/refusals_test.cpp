@@ -7,11 +7,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
-#include <string>
 
-#include "engine_promises.h"
-#include "platform/registry/system_calls.h"
-#include "test_records.h"
+#include "platform/registry/files/system_calls.h"
+#include "platform/registry/harness/engine_promises.h"
+#include "platform/registry/harness/test_records.h"
 
 namespace zon::test {
 namespace {

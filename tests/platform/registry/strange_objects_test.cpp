@@ -16,10 +16,10 @@
 #include <string>
 #include <string_view>
 
-#include "engine_promises.h"
-#include "platform/registry/format.h"
-#include "platform/registry/system_calls.h"
-#include "test_records.h"
+#include "platform/registry/files/system_calls.h"
+#include "platform/registry/format/format.h"
+#include "platform/registry/harness/engine_promises.h"
+#include "platform/registry/harness/test_records.h"
 
 namespace zon::test {
 namespace {

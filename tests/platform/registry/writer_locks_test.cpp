@@ -13,9 +13,9 @@
 #include <system_error>
 #include <vector>
 
-#include "engine_promises.h"
-#include "platform/registry/system_calls.h"
-#include "test_records.h"
+#include "platform/registry/files/system_calls.h"
+#include "platform/registry/harness/engine_promises.h"
+#include "platform/registry/harness/test_records.h"
 
 namespace zon::test {
 namespace {
