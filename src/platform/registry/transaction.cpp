@@ -136,16 +136,16 @@ std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
   if (const std::uint32_t rc = requireOwner()) return rc;
   if (failure_ != MD_RC_OK) return failure_;
   const bool wasDirty = log_->isDirty();
-  const std::uint64_t end = log_->end();
+  const std::uint64_t end = log_->view().end();
   bool ended = false;  // in a way that leaves the log as it was, or with all of the change
   const auto attempt = [&] {
     ended = false;
     const std::uint32_t rc = work();
-    ended = rc == MD_RC_OK || log_->end() == end;
+    ended = rc == MD_RC_OK || log_->view().end() == end;
     return rc;
   };
   std::uint32_t rc = guarded(attempt);
-  const bool mayMend = !wasDirty || log_->end() == end;
+  const bool mayMend = !wasDirty || log_->view().end() == end;
   if (isDamage(rc) && settings_.repairs && !repaired_ && mayMend) {
     ended = false;
     rc = wasDirty ? repairBehindChanges() : repair();
@@ -161,7 +161,7 @@ std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
 std::uint32_t Transaction::repairBehindChanges() {
   const std::uint32_t rc = guarded([this] {
     const std::uint32_t written = log_->writeUnpublished();
-    return written == MD_RC_OK ? repair(log_.get()) : written;
+    return written == MD_RC_OK ? repair(&log_->view()) : written;
   });
   const bool isReplaced = !log_->isDirty();
   const bool isKnown = isReplaced || log_->takeBack();
@@ -179,13 +179,13 @@ std::uint32_t Transaction::addSized(unsigned long flags, const void* record, std
   LiveRecord found{};
   std::size_t foundSize = 0;
   if (flags != 0) {
-    const std::uint32_t rc = findFirst(*log_, flags, record, scratch_.get(), found, foundSize);
+    const std::uint32_t rc = findFirst(log_->view(), flags, record, scratch_.get(), found, foundSize);
     if (rc != GENREG_RC_NOT_FOUND) return rc == MD_RC_OK ? GENREG_RC_DUPLICATE_KEY : rc;
   }
   // Unless the caller's own condition keeps whole keys unique, see whether they still are.
   const unsigned long wholeKey = type_.indexFlags[0];
-  if (log_->isUnique() && (flags == 0 || (flags & ~wholeKey) != 0)) {
-    const std::uint32_t rc = findFirst(*log_, wholeKey, record, scratch_.get(), found, foundSize);
+  if (log_->view().isUnique() && (flags == 0 || (flags & ~wholeKey) != 0)) {
+    const std::uint32_t rc = findFirst(log_->view(), wholeKey, record, scratch_.get(), found, foundSize);
     if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
     if (rc == MD_RC_OK) log_->setNotUnique();
   }
@@ -201,17 +201,17 @@ std::uint32_t Transaction::change(unsigned long flags, const void* key, const vo
 
 std::uint32_t Transaction::changeSized(unsigned long flags, const void* key, const void* record, std::size_t size) {
   FoundRecord found{};
-  if (const std::uint32_t rc = findFirst(*log_, flags, key, scratch_.get(), found.where, found.size)) return rc;
+  if (const std::uint32_t rc = findFirst(log_->view(), flags, key, scratch_.get(), found.where, found.size)) return rc;
   if (found.size == size && std::memcmp(scratch_.get(), record, std::min(size, type_.maxSize)) == 0) {
     return GENREG_RC_NO_CHANGE;
   }
   const unsigned long wholeKey = type_.indexFlags[0];
-  if (log_->isUnique() && !type_.matches(wholeKey, scratch_.get(), record)) {
+  if (log_->view().isUnique() && !type_.matches(wholeKey, scratch_.get(), record)) {
     ScratchRecord other(type_.maxSize);
     if (!other.isThere()) return GENREG_RC_NO_MEMORY;
     LiveRecord same{};
     std::size_t sameSize = 0;
-    const std::uint32_t rc = findFirst(*log_, wholeKey, record, other.get(), same, sameSize);
+    const std::uint32_t rc = findFirst(log_->view(), wholeKey, record, other.get(), same, sameSize);
     if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
     if (rc == MD_RC_OK) log_->setNotUnique();
   }
@@ -225,14 +225,14 @@ std::uint32_t Transaction::remove(unsigned long flags, const void* key, bool all
 
 std::uint32_t Transaction::removeFirst(unsigned long flags, const void* key) {
   FoundRecord found{};
-  if (const std::uint32_t rc = findFirst(*log_, flags, key, scratch_.get(), found.where, found.size)) return rc;
+  if (const std::uint32_t rc = findFirst(log_->view(), flags, key, scratch_.get(), found.where, found.size)) return rc;
   if (const std::uint32_t rc = log_->appendRemove(found, scratch_.get())) return rc;
   return log_->finishCommit();
 }
 
 std::uint32_t Transaction::removeAll(unsigned long flags, const void* key) {
   std::vector<LiveRecord> matches;
-  if (const std::uint32_t rc = findAll(*log_, flags, key, scratch_.get(), matches)) return rc;
+  if (const std::uint32_t rc = findAll(log_->view(), flags, key, scratch_.get(), matches)) return rc;
   if (matches.empty()) return GENREG_RC_NOT_FOUND;
   for (const LiveRecord& match : matches) {
     FoundRecord found{.where = match, .size = 0};
@@ -319,10 +319,10 @@ std::uint32_t Transaction::fill(LogWriter& fresh, const RecordSource& source, Ke
     }
     if (rc != MD_RC_OK) return rc;
     FoundRecord found{};
-    if (keys == Keys::MERGE || (keys == Keys::FIND_OUT && fresh.isUnique())) {
+    if (keys == Keys::MERGE || (keys == Keys::FIND_OUT && fresh.view().isUnique())) {
       ScratchRecord earlier(type_.maxSize);
       if (!earlier.isThere()) return GENREG_RC_NO_MEMORY;
-      rc = findFirst(fresh, type_.indexFlags[0], scratch_.get(), earlier.get(), found.where, found.size);
+      rc = findFirst(fresh.view(), type_.indexFlags[0], scratch_.get(), earlier.get(), found.where, found.size);
       if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
       const bool isRepeated = rc == MD_RC_OK;
       if (isRepeated && keys == Keys::FIND_OUT) fresh.setNotUnique();
@@ -395,29 +395,29 @@ std::uint32_t Transaction::putInPlace(LockedFile& temporary, const std::string& 
 // The slot's counts are believed no further than there are bytes on the disk. A changed record's frame becomes smaller
 // when it is inserted anew.
 LogWriter::Expected Transaction::liveParts() const {
-  const std::uint64_t bytes = dataBytes(data_.get(), log_->end());
-  const std::uint64_t records = std::min(log_->records(), bytes / format::LEAST_RECORD_FRAME);
-  const std::uint64_t frames = std::min(log_->slot().liveFrameBytes, bytes);
+  const std::uint64_t bytes = dataBytes(data_.get(), log_->view().end());
+  const std::uint64_t records = std::min(log_->view().records(), bytes / format::LEAST_RECORD_FRAME);
+  const std::uint64_t frames = std::min(log_->view().slot().liveFrameBytes, bytes);
   return {.records = records, .bytes = frames - std::min(frames, records * sizeof(format::EventBody))};
 }
 
 std::uint32_t Transaction::compact() {
   if (log_->isDirty()) return GENREG_RC_INTERNAL;
-  LogScan scan(*log_);
+  LogScan scan(log_->view());
   const RecordSource source = [&scan](std::byte* out, std::size_t& size) {
     LiveRecord record{};
     return scan.next(out, record, size);
   };
-  const Keys keys = log_->isUnique() ? Keys::DIFFER : Keys::REPEAT;
-  acknowledgedLosses_ = log_->slot().acknowledgedLosses;
-  commits_ = log_->slot().commits + 1;
-  if (const std::uint32_t rc = rewrite(source, liveParts(), log_->header(), keys)) return rc;
+  const Keys keys = log_->view().isUnique() ? Keys::DIFFER : Keys::REPEAT;
+  acknowledgedLosses_ = log_->view().slot().acknowledgedLosses;
+  commits_ = log_->view().slot().commits + 1;
+  if (const std::uint32_t rc = rewrite(source, liveParts(), log_->view().header(), keys)) return rc;
   // A backup of what was given up would be no smaller than before.
   FileState backup;
   const bool hasBackup = settings_.keepsBackup &&
                          stateAt(directory_.get(), settings_.paths.backup.c_str(), backup) == MD_RC_OK &&
                          makeBackup() == MD_RC_OK;
-  log_->republish(hasBackup ? log_->end() : 0);
+  log_->republish(hasBackup ? log_->view().end() : 0);
   return MD_RC_OK;
 }
 
@@ -456,7 +456,7 @@ std::uint32_t Transaction::repair(const LogView* view) {
 }
 
 std::uint32_t Transaction::acknowledgeLoss() {
-  if (log_->slot().acknowledgedLosses >= log_->header().lossyRepairs) return MD_RC_OK;
+  if (log_->view().slot().acknowledgedLosses >= log_->view().header().lossyRepairs) return MD_RC_OK;
   return log_->acknowledgeLosses();
 }
 
@@ -513,7 +513,7 @@ std::uint32_t Transaction::numberOlderCorruptCopy() {
 // written anew nor backed up.
 
 bool Transaction::isTooLarge() const {
-  const format::Slot& slot = log_->slot();
+  const format::Slot& slot = log_->view().slot();
   const std::uint64_t limit = 2 * (std::min(slot.recordBytes, slot.liveFrameBytes) + SPACE_SLACK);
   if (log_->isShortOfRoom() && log_->deadBytes() >= LEAST_GAIN) return true;
   return log_->fileSize() > limit - limit / 8 && log_->deadBytes() >= std::max(LEAST_GAIN, slot.liveFrameBytes / 8);
@@ -526,13 +526,13 @@ void Transaction::maintain() {
 }
 
 bool Transaction::isBackupDue() const {
-  const std::uint64_t end = log_->end();
-  const std::uint64_t reached = log_->slot().backupEnd;
+  const std::uint64_t end = log_->view().end();
+  const std::uint64_t reached = log_->view().slot().backupEnd;
   if (reached != 0) return end - reached >= std::max(BACKUP_DISTANCE, end / BACKUP_SHARE);
   if (end - format::LOG_START - log_->areaBytes() >= FIRST_BACKUP_DISTANCE) return true;
   // What a larger file left is made anew all the same.
   FileState state;
-  return log_->slot().commits % STALE_BACKUP_INTERVAL == 0 &&
+  return log_->view().slot().commits % STALE_BACKUP_INTERVAL == 0 &&
          stateAt(directory_.get(), settings_.paths.backup.c_str(), state) == MD_RC_OK && S_ISREG(state.mode) &&
          state.size > end + SPACE_SLACK;
 }
@@ -540,13 +540,13 @@ bool Transaction::isBackupDue() const {
 std::uint32_t Transaction::updateBackup() {
   if (!isBackupDue()) return MD_RC_OK;
   // A log of holes was forged to fill the disk.
-  if (dataBytes(data_.get(), log_->end()) < log_->end() / 2) return MD_RC_OK;
+  if (dataBytes(data_.get(), log_->view().end()) < log_->view().end() / 2) return MD_RC_OK;
   Descriptor backup;
   std::uint32_t rc = openRegular(directory_.get(), settings_.paths.backup.c_str(), O_RDWR, 0, backup);
   if (rc == MD_RC_OK) rc = extendBackup(backup.get());
   // Where the device does not take it, another place may serve.
   if (rc == GENREG_RC_NOT_FOUND || rc == GENREG_RC_IO_ERROR) rc = makeBackup();
-  if (rc == MD_RC_OK) log_->republish(log_->end());
+  if (rc == MD_RC_OK) log_->republish(log_->view().end());
   return rc;
 }
 
@@ -563,11 +563,11 @@ std::uint32_t Transaction::extendBackup(int backup) {
   if (const std::uint32_t failed = rightsOf(backup, rights)) return failed;
   if (rights != ours) return GENREG_RC_NOT_FOUND;
   const bool isOurs =
-      rc == MD_RC_OK && state.links == 1 && page.header.fileId == log_->header().fileId && page.hasSlot();
+      rc == MD_RC_OK && state.links == 1 && page.header.fileId == log_->view().header().fileId && page.hasSlot();
   if (!isOurs) return GENREG_RC_NOT_FOUND;
   const format::Slot& slot = page.slots[page.newest()];
-  if (slot.end > log_->end() || log_->chainAt(slot.end) != slot.chain) return GENREG_RC_NOT_FOUND;
-  if (const std::uint32_t failed = reserve(backup, state.size, log_->end())) return failed;
+  if (slot.end > log_->view().end() || log_->view().chainAt(slot.end) != slot.chain) return GENREG_RC_NOT_FOUND;
+  if (const std::uint32_t failed = reserve(backup, state.size, log_->view().end())) return failed;
   if (const std::uint32_t failed = restoreHeader(backup, page)) return failed;
   if (const std::uint32_t failed = copyLog(backup, slot.end, slot.chain)) return failed;
   if (const std::uint32_t failed = syncData(backup)) return failed;
@@ -578,7 +578,7 @@ std::uint32_t Transaction::extendBackup(int backup) {
 // The sync before the seal keeps the two from being under way at once.
 std::uint32_t Transaction::restoreHeader(int backup, const HeaderPage& page) const {
   if (page.bothHeaders()) return MD_RC_OK;
-  return writeAt(backup, page.headerValid[0] ? format::HEADER_COPY_OFFSET : 0, bytesOf(log_->header()));
+  return writeAt(backup, page.headerValid[0] ? format::HEADER_COPY_OFFSET : 0, bytesOf(log_->view().header()));
 }
 
 std::uint32_t Transaction::makeBackup() {
@@ -586,10 +586,10 @@ std::uint32_t Transaction::makeBackup() {
   if (const std::uint32_t rc = lockTemporary(temporary)) return rc;
   const int file = temporary.get();
   std::uint32_t rc = guarded([&] { return takeOverRights(file); });
-  if (rc == MD_RC_OK) rc = reserve(file, 0, log_->end());
-  if (rc == MD_RC_OK) rc = writeAt(file, 0, bytesOf(log_->header()));
-  if (rc == MD_RC_OK) rc = writeAt(file, format::HEADER_COPY_OFFSET, bytesOf(log_->header()));
-  if (rc == MD_RC_OK) rc = guarded([&] { return copyLog(file, format::LOG_START, log_->key().salt); });
+  if (rc == MD_RC_OK) rc = reserve(file, 0, log_->view().end());
+  if (rc == MD_RC_OK) rc = writeAt(file, 0, bytesOf(log_->view().header()));
+  if (rc == MD_RC_OK) rc = writeAt(file, format::HEADER_COPY_OFFSET, bytesOf(log_->view().header()));
+  if (rc == MD_RC_OK) rc = guarded([&] { return copyLog(file, format::LOG_START, log_->view().key().salt); });
   if (rc == MD_RC_OK) rc = sealBackup(file, 1);
   if (rc == MD_RC_OK) rc = sealBackup(file, 2);
   if (rc == MD_RC_OK) rc = syncFile(file);
@@ -602,10 +602,11 @@ std::uint32_t Transaction::makeBackup() {
 
 // Nothing that fails its checksum gets into the backup, which may be the last to have it right.
 std::uint32_t Transaction::copyLog(int backup, std::uint64_t from, std::uint32_t chain) {
-  FrameChecker checker(log_->key(), from, chain);
-  std::vector<std::byte> piece(static_cast<std::size_t>(std::min<std::uint64_t>(COPY_PIECE, log_->end() - from)));
-  for (std::uint64_t at = from; at < log_->end();) {
-    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), log_->end() - at));
+  FrameChecker checker(log_->view().key(), from, chain);
+  std::vector<std::byte> piece(
+      static_cast<std::size_t>(std::min<std::uint64_t>(COPY_PIECE, log_->view().end() - from)));
+  for (std::uint64_t at = from; at < log_->view().end();) {
+    const auto wanted = static_cast<std::size_t>(std::min<std::uint64_t>(piece.size(), log_->view().end() - at));
     const std::span<std::byte> bytes = std::span(piece).first(wanted);
     std::size_t got = 0;
     if (const std::uint32_t rc = readAt(data_.get(), at, bytes, got)) return rc;
@@ -613,19 +614,19 @@ std::uint32_t Transaction::copyLog(int backup, std::uint64_t from, std::uint32_t
     if (const std::uint32_t rc = writeAt(backup, at, bytes)) return rc;
     at += wanted;
   }
-  return checker.endsWith(log_->slot().chain) ? MD_RC_OK : GENREG_RC_DAMAGED;
+  return checker.endsWith(log_->view().slot().chain) ? MD_RC_OK : GENREG_RC_DAMAGED;
 }
 
 // A backup is read frame by frame: its slot tells only how far it reaches.
 std::uint32_t Transaction::sealBackup(int backup, std::uint64_t sequence) {
-  format::Slot slot = log_->slot();
+  format::Slot slot = log_->view().slot();
   slot.overlayCount = 0;
   slot.overlayApplied = 0;
-  slot.end = log_->end();
+  slot.end = log_->view().end();
   slot.sequence = sequence;
   std::fill(std::begin(slot.bootId), std::end(slot.bootId), std::uint8_t{0});
   slot.mountId = 0;
-  sealSlot(slot, log_->key().salt);
+  sealSlot(slot, log_->view().key().salt);
   return writeAt(backup, format::SLOT_OFFSET[sequence % 2], bytesOf(slot).first(slotSize(slot)));
 }
 

@@ -47,7 +47,7 @@ class Transaction {
   std::uint32_t repair() { return repair(nullptr); }
 
   const RecordType& type() const { return type_; }
-  const LogView& view() const { return *log_; }
+  const LogView& view() const { return log_->view(); }
   bool hasFile() const { return log_ != nullptr; }
   // GENREG_RC_NO_BATCH in a child that was forked meanwhile: neither the lock nor the descriptors are its own.
   std::uint32_t requireOwner() const { return hasFile() && !data_.isOurs() ? GENREG_RC_NO_BATCH : MD_RC_OK; }

@@ -45,6 +45,9 @@ class LogWriter : public LogView {
   // Without `durable` no commit is synced: a crash of the machine may then cost commits, and damage the file.
   LogWriter(const RecordType& type, const RunId& run, bool durable) : LogView(type), run_(run), durable_(durable) {}
 
+  // What the log holds, with all that was appended.
+  const LogView& view() const { return *this; }
+
   // What a new log is going to hold; too little does no harm.
   struct Expected {
     std::uint64_t records = 0;
