@@ -156,16 +156,10 @@ std::uint32_t Transaction::mending(const std::function<std::uint32_t()>& work) {
   return rc;
 }
 
-// Repair keeps what is in the file: the batch's changes so far, each of them whole, go there first. Nobody sees them
-// before the repaired file has the name, and when there will be none, they are taken back.
+// The batch's changes so far, each of them whole, wait in memory and go to the repaired file: nothing of them is
+// written to the damaged one. When there will be no repaired file, the batch has failed.
 std::uint32_t Transaction::repairBehindChanges() {
-  const std::uint32_t rc = guarded([this] {
-    const std::uint32_t written = log_->writeUnpublished();
-    return written == MD_RC_OK ? repair(&log_->view()) : written;
-  });
-  const bool isReplaced = !log_->isDirty();
-  const bool isKnown = isReplaced || log_->takeBack();
-  if (rc != MD_RC_OK) failure_ = isKnown ? rc : GENREG_RC_DURABILITY_UNKNOWN;
+  failure_ = guarded([this] { return repair(&log_->view()); });
   return failure_;
 }
 

@@ -56,6 +56,14 @@ RawLog::RawLog(const RecordType& type, int file, const format::FileHeader& heade
   end_ = size;
 }
 
+void RawLog::goOnWith(const LogView& view) {
+  const std::span<const std::byte> waiting = view.waiting();
+  if (waiting.empty()) return;
+  pending_.assign(waiting.begin(), waiting.end());
+  pendingStart_ = view.waitingFrom();
+  end_ = std::max(end_, view.end());
+}
+
 bool RawLog::hasFrame(std::uint64_t offset, Frame& frame) const {
   if (offset + sizeof(format::FrameHeader) > end_) return false;
   FrameBytes bytes;
@@ -89,10 +97,12 @@ std::uint64_t RawLog::findHead(std::uint64_t from, std::uint64_t limit) {
   Frame frame;
   for (std::uint64_t at = from; at + sizeof(format::FrameHeader) <= limit; at += format::FRAME_ALIGNMENT) {
     if (at < windowStart_ || at + format::MAX_HEAD_SIZE > windowStart_ + windowSize_) {
-      at = skipHole(file_, at, limit) / format::FRAME_ALIGNMENT * format::FRAME_ALIGNMENT;
+      if (at < pendingStart_) {
+        at = skipHole(file_, at, std::min(limit, pendingStart_)) / format::FRAME_ALIGNMENT * format::FRAME_ALIGNMENT;
+      }
       window_.resize(SEARCH_WINDOW);
       windowStart_ = at;
-      if (noteFailure(bad_.read(file_, at, window_, windowSize_)) || at >= limit) return limit;
+      if (noteFailure(read(at, window_, windowSize_)) || at >= limit) return limit;
     }
     const auto bytes = std::span<const std::byte>(window_).first(windowSize_).subspan(at - windowStart_);
     const bool mayBeHead = bytes.size() > KIND_OFFSET && bytes[KIND_OFFSET] != std::byte{0};
@@ -163,6 +173,7 @@ void Salvage::takeStateOf(const LogView& view) {
   hasSlot_ = true;
   isEndKnown_ = true;
   takesBehind_ = false;
+  if (file_ != nullptr) file_->goOnWith(view);
 }
 
 // A copy of the file that somebody put back goes its own way from where it was taken, and the backup may know another

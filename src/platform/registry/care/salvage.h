@@ -25,6 +25,9 @@ class RawLog : public LogView {
  public:
   RawLog(const RecordType& type, int file, const format::FileHeader& header, std::uint64_t size);
 
+  // What the writer whose view this is has not put into the file yet is read from its memory.
+  void goOnWith(const LogView& view);
+
   // The head of the frame at offset, whose payload has been checked, its record decoded.
   bool hasFrame(std::uint64_t offset, Frame& frame) const;
 

@@ -56,7 +56,9 @@ bool BadSectors::isDeviceFailing(int file) const {
   const auto isReadable = [&](std::uint64_t offset) {
     std::array<std::byte, 1> byte;
     std::size_t got = 0;
-    return readAt(file, offset, byte, got) == MD_RC_OK && got != 0;
+    const std::uint32_t rc = readAt(file, offset, byte, got);
+    // What else keeps a byte from being read has a code of its own, which comes with the next reading.
+    return rc == MD_RC_OK ? got != 0 : rc != RC_UNREADABLE;
   };
   if (goodOffset_.has_value()) return !isReadable(*goodOffset_);
   return !isReadable(0) && !isReadable(fileSize_ / 2) && !isReadable(fileSize_ - 1);

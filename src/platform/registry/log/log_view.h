@@ -75,6 +75,9 @@ class LogView {
   std::uint64_t end() const { return end_; }
   int file() const { return file_; }
   std::uint64_t records() const { return slot_.records; }
+  // The end of the log that is not in the file yet, and where it begins.
+  std::span<const std::byte> waiting() const { return pending_; }
+  std::uint64_t waitingFrom() const { return pendingStart_; }
   bool isUnique() const { return (slot_.flags & format::SLOT_NOT_UNIQUE) == 0; }
 
   // Bytes of the log, written to the file or not; fewer than asked for at its end.

@@ -806,12 +806,6 @@ std::uint32_t LogWriter::settlePublished(std::uint64_t commitSize) {
   return commitSize > LARGE_COMMIT ? syncPublished() : MD_RC_OK;
 }
 
-std::uint32_t LogWriter::writeUnpublished() {
-  hasWritten_ = false;
-  const std::uint32_t rc = requireAllowedSize(touchedSize());
-  return rc == MD_RC_OK ? flushPending() : rc;
-}
-
 // Whether the commit will be found after a crash, nobody knows when this fails. Only what this writer appended itself
 // is touched.
 bool LogWriter::takeBack() {

@@ -89,12 +89,6 @@ class LogWriter : public LogView {
   // object must not be used any more.
   std::uint32_t commit();
 
-  // Puts everything appended into the file without showing it to anybody, for who reads the file itself. Then either
-  // the file is replaced, or it is taken back.
-  std::uint32_t writeUnpublished();
-  // False when what was not published may still be found by the next writer. This object must not be used any more.
-  bool takeBack();
-
   // For a log in a file that nobody sees yet: writes out what waits, without a sync.
   std::uint32_t spill();
   // Completes such a log: everything is on the disk when it answers 0.
@@ -154,6 +148,8 @@ class LogWriter : public LogView {
   std::uint32_t syncPublished();
   std::uint32_t settlePublished(std::uint64_t commitSize);
   std::uint32_t commitAppended();
+  // False when what was not published may still be found by the next writer.
+  bool takeBack();
   std::uint32_t clearBehind();
   std::uint32_t unmark() const;
   void setOverlay(const std::vector<format::OverlayEntry>& overlay, std::size_t applied);
