@@ -55,6 +55,8 @@ TEST_P(FaultsOn, AFileThatWasMountedAnewWithoutItsCache) { sweepOn(remountScenes
 
 TEST_P(FaultsOn, ADamagedFile) { sweepOn(damageScenes(disk_, base()), 0.02); }
 
+TEST_P(FaultsOn, AFileOfWhichTheRecordAskedForIsHit) { sweepOn(hitRecordScenes(disk_, base()), 0.03); }
+
 TEST_P(FaultsOn, AFileWhoseLastWriterDiedAdding) {
   sweepOn(deadWriterScenes(disk_, base(), operationNamed("add")), 0.01);
 }

@@ -95,6 +95,8 @@ class FaultSweep {
   const Expected& expected() const { return hasMet_ ? expectedMet_ : expected_; }
   std::vector<Values> allowedNow(const Told& told) const;
   std::vector<Values> allowedAfterCut(const Told& told) const;
+  bool mayLeavePrefix(const Told& told) const;
+  Values withoutLost(Values values) const;
   bool isNear(const Values& values, const Values& truth) const;
   bool isNearOne(const Values& values, const std::vector<Values>& truths) const;
   // A listing that is one of these states, or breaks off where the scene allows it.
@@ -115,6 +117,7 @@ class FaultSweep {
   std::vector<Call> calls_;
   Values before_;
   Expected expected_;
+  Expected expectedLost_;   // when damage had cost what is at risk
   Expected expectedMet_;    // when the other writer of the scene was there first
   bool meets_ = false;      // the other writer comes, before the first lock or else the second call
   bool takesLock_ = false;  // the operation does

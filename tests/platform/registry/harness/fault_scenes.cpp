@@ -27,6 +27,7 @@ class Stage {
   explicit Stage(SimulatedDisk& disk) : disk_(disk) {
     disk_.fault = nullptr;
     disk_.mostBytes = 0;
+    disk_.badSectors.clear();
     disk_.boot(DiskImage{});
     disk_.setBootNumber(1);
     disk_.setMountNumber(1);

@@ -7,7 +7,9 @@
 #pragma once
 
 #include <functional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/registry/harness/fault_operations.h"
@@ -27,6 +29,7 @@ struct Scene {
   // What may be there; a reader decides. More than one when a change was never acknowledged.
   std::vector<Values> truths;
   bool isDamaged = false;
+  std::set<std::pair<std::uint64_t, std::uint64_t>> badSectors;
   // Records that damage may have cost, as no intact copy of them is left.
   Values atRisk;
   // Where the log ended is not known, or a frame of no record is gone: a reader may refuse to answer for all of it.
@@ -48,6 +51,9 @@ std::vector<Scene> powerCutScenes(SimulatedDisk& disk, const Base& base);
 // The cache is lost as by a power cut, but the machine goes on: the file system is mounted anew.
 std::vector<Scene> remountScenes(SimulatedDisk& disk, const Base& base);
 std::vector<Scene> damageScenes(SimulatedDisk& disk, const Base& base);
+// The record (g0, k0) is hit, which most operations are about: a byte of it, or its sector; and the sector in which the
+// log ends. For bases whose records were never changed.
+std::vector<Scene> hitRecordScenes(SimulatedDisk& disk, const Base& base);
 // The writer of `dying` is killed before each of its calls in turn.
 std::vector<Scene> deadWriterScenes(SimulatedDisk& disk, const Base& base, const Operation& dying);
 // A dead writer, and then a power cut.
