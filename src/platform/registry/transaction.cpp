@@ -33,6 +33,8 @@ constexpr std::uint32_t UNFINISHED_PAUSE_US = 20000;
 constexpr int MOST_RANDOM_ATTEMPTS = 1000;
 // A file too small for a backup looks after what an earlier one left so often, by its commits.
 constexpr std::uint64_t STALE_BACKUP_INTERVAL = 8;
+// Where damage keeps upkeep from its work, and nobody may repair it, it is tried so often, by the file's commits.
+constexpr std::uint64_t BLOCKED_UPKEEP_INTERVAL = 64;
 
 std::uint32_t fillRandom(std::uint64_t& value) {
   for (int attempt = 0; attempt < MOST_RANDOM_ATTEMPTS; ++attempt) {
@@ -102,7 +104,7 @@ std::uint32_t Transaction::make() {
   format::FileHeader header{};
   header.lossyRepairs = hasOrphan ? 1 : 0;
   const RecordSource nothing = [](std::byte*, std::size_t&) { return GENREG_RC_END_OF_SCAN; };
-  const std::uint32_t rc = rewrite(nothing, {}, header, Keys::DIFFER);
+  const std::uint32_t rc = rewrite(nothing, {}, header, Keys::DIFFER, Present::GIVEN_UP);
   if (!hasOrphan || (rc != MD_RC_OK && rc != GENREG_RC_DURABILITY_UNKNOWN)) return rc;
   hasMetLoss_ = true;
   if (rc != MD_RC_OK) return rc;
@@ -332,25 +334,30 @@ std::uint32_t Transaction::fill(LogWriter& fresh, const RecordSource& source, Ke
 }
 
 std::uint32_t Transaction::rewrite(const RecordSource& source, const LogWriter::Expected& expected,
-                                   const format::FileHeader& old, Keys keys) {
+                                   const format::FileHeader& old, Keys keys, Present present) {
   LockedFile temporary;
   if (const std::uint32_t rc = lockTemporary(temporary)) return rc;
   std::unique_ptr<LogWriter> fresh;
-  const std::uint32_t rc = guarded([&] {
+  const std::uint32_t made = guarded([&] {
     const RunId run{.boot = boot_, .mount = temporary.state().mount};
     fresh = std::make_unique<LogWriter>(type_, run, settings_.durable);
     format::FileHeader header;
     if (const std::uint32_t failed = makeHeader(type_, old, header)) return failed;
     if (const std::uint32_t failed = takeOverRights(temporary.get())) return failed;
     if (const std::uint32_t failed = fresh->create(temporary.get(), header, expected)) return failed;
+    // Only now: without room for the new file nothing is to change.
+    if (present == Present::KEPT) {
+      if (const std::uint32_t failed = keepAsCorruptCopy(settings_.paths.file)) return failed;
+    }
     fresh->setAcknowledgedLosses(acknowledgedLosses_);
     if (keys == Keys::REPEAT) fresh->setNotUnique();
     if (const std::uint32_t failed = fill(*fresh, source, keys)) return failed;
     // They may have been changed meanwhile.
-    if (const std::uint32_t failed = takeOverRights(temporary.get())) return failed;
-    return putInPlace(temporary, settings_.paths.file);
+    return takeOverRights(temporary.get());
   });
-  if (rc == MD_RC_OK || rc == GENREG_RC_DURABILITY_UNKNOWN) {
+  const std::uint32_t rc = made == MD_RC_OK ? putInPlace(temporary, settings_.paths.file) : made;
+  const bool isInPlace = made == MD_RC_OK && (rc == MD_RC_OK || rc == GENREG_RC_DURABILITY_UNKNOWN);
+  if (isInPlace) {
     data_ = std::move(temporary);
     log_ = std::move(fresh);
     if (rc == MD_RC_OK) log_->setNameSynced();
@@ -405,7 +412,7 @@ std::uint32_t Transaction::compact() {
   const Keys keys = log_->view().isUnique() ? Keys::DIFFER : Keys::REPEAT;
   acknowledgedLosses_ = log_->view().slot().acknowledgedLosses;
   commits_ = log_->view().slot().commits + 1;
-  if (const std::uint32_t rc = rewrite(source, liveParts(), log_->view().header(), keys)) return rc;
+  if (const std::uint32_t rc = rewrite(source, liveParts(), log_->view().header(), keys, Present::GIVEN_UP)) return rc;
   // A backup of what was given up would be no smaller than before.
   FileState backup;
   const bool hasBackup = settings_.keepsBackup &&
@@ -431,7 +438,6 @@ std::uint32_t Transaction::repair(const LogView* view) {
     return make();
   }
   if (rc != MD_RC_OK) return rc;
-  if (const std::uint32_t failed = keepAsCorruptCopy(settings_.paths.file)) return failed;
   std::size_t next = 0;
   const RecordSource source = [&](std::byte* out, std::size_t& size) {
     return next == salvage.count() ? GENREG_RC_END_OF_SCAN : salvage.readRecord(next++, out, size);
@@ -444,7 +450,8 @@ std::uint32_t Transaction::repair(const LogView* view) {
   acknowledgedLosses_ = salvage.acknowledgedLosses();
   commits_ = salvage.mostCommits() + 1;
   const Keys keys = salvage.hasRepeatedKeys() ? Keys::REPEAT : isLossy ? Keys::MERGE : Keys::FIND_OUT;
-  const std::uint32_t written = rewrite(source, {.records = salvage.count(), .bytes = 0}, header, keys);
+  const LogWriter::Expected expected{.records = salvage.count(), .bytes = salvage.frameBytes()};
+  const std::uint32_t written = rewrite(source, expected, header, keys, Present::KEPT);
   if (isLossy && (written == MD_RC_OK || written == GENREG_RC_DURABILITY_UNKNOWN)) hasMetLoss_ = true;
   return written;
 }
@@ -513,10 +520,18 @@ bool Transaction::isTooLarge() const {
   return log_->fileSize() > limit - limit / 8 && log_->deadBytes() >= std::max(LEAST_GAIN, slot.liveFrameBytes / 8);
 }
 
+// Who may not repair leaves a note in the slot: each change would read the file up to the damage once more.
 void Transaction::maintain() {
+  const bool isTried =
+      settings_.repairs || !log_->isUpkeepBlocked() || log_->view().slot().commits % BLOCKED_UPKEEP_INTERVAL == 0;
+  if (!isTried) return;
   std::uint32_t rc = guarded([this] { return isTooLarge() || log_->isIndexFull() ? compact() : MD_RC_OK; });
   if (!isDamage(rc)) rc = guarded([this] { return settings_.keepsBackup ? updateBackup() : MD_RC_OK; });
-  if (isDamage(rc) && settings_.repairs && !repaired_) guarded([this] { return repair(); });
+  if (isDamage(rc) && settings_.repairs && !repaired_) {
+    guarded([this] { return repair(); });
+  } else if (isDamage(rc) != log_->isUpkeepBlocked()) {
+    log_->noteUpkeepBlocked(isDamage(rc));
+  }
 }
 
 bool Transaction::isBackupDue() const {

@@ -83,12 +83,15 @@ class Transaction {
     MERGE,  // of a key that damage brought back, the later record is the right one
   };
 
+  // What becomes of the present file when a new one takes its name.
+  enum class Present { GIVEN_UP, KEPT };
+
   std::uint32_t lockTemporary(LockedFile& temporary);
   std::uint32_t removeTemporary(const FileState& found);
   bool isLeftUnfinished(const FileState& found);
   LogWriter::Expected liveParts() const;
   std::uint32_t rewrite(const RecordSource& source, const LogWriter::Expected& expected, const format::FileHeader& old,
-                        Keys keys);
+                        Keys keys, Present present);
   std::uint32_t fill(LogWriter& fresh, const RecordSource& source, Keys keys);
   std::uint32_t takeOverRights(int temporary) const;
   std::uint32_t putInPlace(LockedFile& temporary, const std::string& name);

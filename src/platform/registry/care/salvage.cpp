@@ -236,6 +236,15 @@ std::uint64_t Salvage::mostCommits() const {
   return slot_.commits + (end > from ? (end - from) / format::LEAST_RECORD_FRAME : 0);
 }
 
+std::uint64_t Salvage::frameBytes() const {
+  std::uint64_t bytes = 0;
+  for (const Event& record : records_) {
+    const bool isChange = record.offset != record.place;
+    bytes += record.size - (isChange ? sizeof(format::EventBody) : 0);
+  }
+  return bytes;
+}
+
 bool Salvage::frameAt(std::uint64_t offset, Frame& frame, bool& inBackup) const {
   inBackup = false;
   if (file_ != nullptr && file_->hasFrame(offset, frame)) return true;
@@ -313,6 +322,7 @@ void Salvage::takeFrame(const Frame& frame, bool inBackup) {
   if (!frame.isEvent()) return;
   events_.push_back(Event{.place = frame.place,
                           .offset = frame.offset,
+                          .size = frame.size,
                           .removed = frame.kind == format::FrameKind::REMOVE,
                           .inBackup = inBackup});
 }

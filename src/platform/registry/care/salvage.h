@@ -81,6 +81,9 @@ class Salvage {
   std::size_t count() const { return records_.size(); }
   std::uint32_t readRecord(std::size_t number, std::byte* out, std::size_t& size) const;
 
+  // Of the frames that hold them, which are no smaller when the records are inserted anew.
+  std::uint64_t frameBytes() const;
+
   std::uint64_t placeOf(std::size_t number) const { return records_[number].place; }
 
   // Bytes of the log that neither file has intact, and that may have held records.
@@ -100,6 +103,7 @@ class Salvage {
   struct Event {
     std::uint64_t place;
     std::uint64_t offset;
+    std::uint32_t size;
     bool removed;
     bool inBackup;
   };

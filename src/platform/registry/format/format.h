@@ -90,8 +90,9 @@ static_assert(SLOT_OFFSET[0] + sizeof(Slot) <= SECTOR_SIZE && SLOT_OFFSET[1] + s
 constexpr std::uint64_t MAX_SEQUENCE = std::uint64_t{1} << 63;
 constexpr std::uint64_t LAST_SEQUENCE = std::uint64_t{1} << 62;
 
-constexpr std::uint32_t SLOT_NOT_UNIQUE = 1;     // several live records may have the same whole key
-constexpr std::uint32_t SLOT_NAME_UNSYNCED = 2;  // the directory must be synced before a commit is acknowledged
+constexpr std::uint32_t SLOT_NOT_UNIQUE = 1;      // several live records may have the same whole key
+constexpr std::uint32_t SLOT_NAME_UNSYNCED = 2;   // the directory must be synced before a commit is acknowledged
+constexpr std::uint32_t SLOT_UPKEEP_BLOCKED = 4;  // by damage that the writer might not repair
 
 enum class FrameKind : std::uint8_t {
   INSERT = 1,   // a record; its place in the scan order is the frame's own offset

@@ -762,6 +762,11 @@ std::uint32_t LogWriter::syncPublished() {
   return rc;
 }
 
+void LogWriter::noteUpkeepBlocked(bool isBlocked) {
+  slot_.flags = (slot_.flags & ~format::SLOT_UPKEEP_BLOCKED) | (isBlocked ? format::SLOT_UPKEEP_BLOCKED : 0);
+  publishSlot();  // should this fail, the next writer finds out once more
+}
+
 void LogWriter::republish(std::uint64_t backupEnd) {
   slot_.backupEnd = backupEnd;
   publishSlot();  // should this fail, the next writer looks at the backup once more

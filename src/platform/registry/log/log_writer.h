@@ -67,6 +67,10 @@ class LogWriter : public LogView {
   std::uint32_t appendRemove(const FoundRecord& found, const void* old);
   std::uint32_t finishCommit();
 
+  // Damage that the file's last writer might not repair keeps it from being written anew or backed up.
+  bool isUpkeepBlocked() const { return (slot_.flags & format::SLOT_UPKEEP_BLOCKED) != 0; }
+  void noteUpkeepBlocked(bool isBlocked);
+
   void setNotUnique() { slot_.flags |= format::SLOT_NOT_UNIQUE; }
 
   // A power cut may give the file's name back to what stood there before. A new file says so until its directory was

@@ -108,6 +108,109 @@ TEST_F(DamageMetByUpkeep, DoesNotStopCompaction) {
   EXPECT_TRUE(disk_.image().has("store.cor"));
 }
 
+// Who may not repair cannot write the file anew either: he does not begin with it at every change.
+TEST_F(DamageMetByUpkeep, CostsAWriterWithoutTheRightToRepairFewAttempts) {
+  for (const bool keepsBackup : {false, true}) {
+    disk_.boot(DiskImage{});
+    TestStore store(DISK_FOLDER);
+    store.unsetFeature(GenRegBase::FEATURE_BACKUP);
+    note(store.add({"g", "nobody asks", noise(900, 1)}));
+    note(store.add({"g", "busy", noise(3000, 2)}));
+    take();
+    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+    spoilText(*bytes, noise(900, 1));
+    bootWith(bytes);
+    store.unsetFeature(GenRegBase::FEATURE_REPAIR);
+    if (keepsBackup) store.setFeature(GenRegBase::FEATURE_BACKUP);
+    disk_.log.clear();
+    disk_.isRecording = true;
+    constexpr unsigned ROUNDS = 300;
+    for (unsigned round = 0; round < ROUNDS; ++round) {
+      ASSERT_EQ(store.change({"g", "busy", noise(3000, 10 + round)}), MD_RC_OK) << round;
+    }
+    disk_.isRecording = false;
+    const auto attempts = std::count_if(disk_.log.begin(), disk_.log.end(), [](const DiskOp& op) {
+      return op.kind == DiskOp::Kind::BIND && op.name == "store.tmp";
+    });
+    EXPECT_GE(attempts, 2);  // damage may pass
+    EXPECT_LE(attempts, 8);
+    EXPECT_FALSE(disk_.image().has("store.cor"));
+    // Whoever may, does it at once.
+    store.setFeature(GenRegBase::FEATURE_REPAIR);
+    note(store.change({"g", "busy", "last"}));
+    GenRegStatus status{};
+    note(store.status(status));
+    EXPECT_EQ(status.repairs, 1u);
+    EXPECT_LT(status.fileBytes, 131072u);
+  }
+}
+
+// A place that could not be read for a while.
+TEST_F(DamageMetByUpkeep, ThatHasPassedIsTriedAgain) {
+  TestStore store(DISK_FOLDER);
+  note(store.add({"b", "busy", noise(3000, 2)}));
+  for (unsigned at = 0; at < 3; ++at) note(store.add({"g", "nobody asks " + std::to_string(at), noise(4000, at)}));
+  take();
+  disk_.boot(golden_);
+  store.unsetFeature(GenRegBase::FEATURE_REPAIR);
+  disk_.badSectors = {{golden_.names.at("store"), (used_ - 6000) / 4096}};  // of the second of them
+  for (unsigned round = 0; round < 100; ++round) {
+    ASSERT_EQ(store.change({"b", "busy", noise(3000, 10 + round)}), MD_RC_OK) << round;
+  }
+  GenRegStatus status{};
+  note(store.status(status));
+  EXPECT_GT(status.fileBytes, 250000u);
+  disk_.badSectors.clear();
+  for (unsigned round = 0; round < 64; ++round) {
+    ASSERT_EQ(store.change({"b", "busy", noise(3000, 300 + round)}), MD_RC_OK) << round;
+  }
+  note(store.status(status));
+  EXPECT_LT(status.fileBytes, 250000u);
+  EXPECT_EQ(status.damaged, 0u);
+  EXPECT_GT(status.backupBytes + 16384, status.usedBytes);
+}
+
+// There is no room for the repaired file: nothing is written for it, and nothing gets another name.
+TEST_F(DamagedFiles, ARepairWithoutRoomIsRefusedBeforeItBegins) {
+  makeWithBackup();
+  {
+    TestStore store(DISK_FOLDER);
+    for (unsigned at = 0; at < 40; ++at) note(store.add({"more", std::to_string(at), noise(3000, at)}));
+    take();
+  }
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  spoilText(*bytes, noise(3000, 20));
+  golden_.files[golden_.names.at("store")] = bytes;
+  golden_.names["store.cor"] = 7000;
+  golden_.files[7000] = std::make_shared<Bytes>(10, std::byte{7});
+  std::uint64_t used = 0;
+  for (const auto& [name, inode] : golden_.names) used += golden_.files.at(inode)->size();
+  for (const std::uint64_t room : {std::uint64_t{4096}, std::uint64_t{60000}, std::uint64_t{110000}}) {
+    disk_.boot(golden_);
+    disk_.setBootNumber(boot_);
+    disk_.capacity = used + room;
+    disk_.log.clear();
+    disk_.isRecording = true;
+    TestStore store(DISK_FOLDER);
+    EXPECT_EQ(store.repair(), GENREG_RC_NO_SPACE) << room;
+    EXPECT_EQ(store.change({"more", "20", "changed"}), GENREG_RC_NO_SPACE) << room;
+    disk_.isRecording = false;
+    for (const DiskOp& op : disk_.log) {
+      EXPECT_NE(op.kind, DiskOp::Kind::WRITE) << room;
+      EXPECT_NE(op.kind, DiskOp::Kind::RENAME) << room;
+      if (op.kind == DiskOp::Kind::BIND) {
+        EXPECT_NE(op.name, "store.cor") << room;
+      }
+    }
+    EXPECT_EQ(disk_.image().names, golden_.names) << room;
+    checkUntouched(bytes);
+  }
+  disk_.capacity = used + 200000;
+  TestStore store(DISK_FOLDER);
+  EXPECT_EQ(store.repair(), MD_RC_OK);
+  EXPECT_TRUE(disk_.image().has("store.cor.1"));
+}
+
 TEST_F(DamageMetByUpkeep, IsRepairedByACompactionThatWasAskedFor) {
   makeWithBackup();
   const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
