@@ -7,7 +7,7 @@ FOLDERS = ("src", "include", "tools", "tests", "bench", "fuzz", "examples")
 CODE = {".h", ".c", ".cpp"}
 
 # Where an include that is not beside its file is looked for, as the builds do.
-INCLUDE_PATHS = ("include", "src", "tests", "tools/zontrace")
+INCLUDE_PATHS = ("include", "src", "tests", "bench", "tools/zontrace")
 
 INCLUDE = re.compile(r'^[ \t]*#[ \t]*include[ \t]*([<"])([^>"]+)[>"]', re.MULTILINE)
 NO_CODE = re.compile(
