@@ -45,6 +45,11 @@ std::uint32_t fillRandom(std::uint64_t& value) {
   return GENREG_RC_SYSTEM_ERROR;
 }
 
+// A count that began over would hide what it is to tell.
+void addUpToMost(std::uint64_t& count, std::uint64_t more) {
+  count = count + more < count ? ~std::uint64_t{0} : count + more;
+}
+
 std::uint32_t makeHeader(const RecordType& type, const format::FileHeader& old, format::FileHeader& header) {
   header = format::FileHeader{};
   std::copy(std::begin(format::MAGIC), std::end(format::MAGIC), header.magic);
@@ -444,9 +449,9 @@ std::uint32_t Transaction::repair(const LogView* view) {
   };
   format::FileHeader header = salvage.header();
   const bool isLossy = salvage.lostBytes() > 0;
-  ++header.repairs;
-  header.lostBytes += salvage.lostBytes();
-  if (isLossy) ++header.lossyRepairs;
+  addUpToMost(header.repairs, 1);
+  addUpToMost(header.lostBytes, salvage.lostBytes());
+  addUpToMost(header.lossyRepairs, isLossy ? 1 : 0);
   acknowledgedLosses_ = salvage.acknowledgedLosses();
   commits_ = salvage.mostCommits() + 1;
   const Keys keys = salvage.hasRepeatedKeys() ? Keys::REPEAT : isLossy ? Keys::MERGE : Keys::FIND_OUT;

@@ -4,6 +4,7 @@
 // for the files that failed.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -213,6 +214,185 @@ TEST_F(ForgedSlots, WithCountsOfAnotherFile) {
     EXPECT_EQ(meetSlots([count](format::Slot& slot) { slot.liveFrameBytes = count; }), "") << count;
     EXPECT_EQ(meetSlots([count](format::Slot& slot) { slot.segmentEntries = count; }), "") << count;
     EXPECT_EQ(meetSlots([count](format::Slot& slot) { slot.backupEnd = count; }), "") << count;
+  }
+}
+
+// ---- Numbers of the header, of the backup and of an index with several segments
+
+class ForgedHeaders : public RandomlyForged {
+ protected:
+  ForgedHeaders() : original_(makeFew()) {}
+
+  template <class Change>
+  ForgedCase changed(Change change) {
+    ForgedFile file(original_.file, INDEXES);
+    format::FileHeader header = file.header();
+    change(header);
+    file.setHeader(header);
+    file.seal();
+    return ForgedCase{.file = file.bytes(), .backup = original_.backup, .history = &original_.history};
+  }
+
+  Original original_;
+};
+
+TEST_F(ForgedHeaders, WithTheNameOfAnotherStore) {
+  for (const std::string& name :
+       {std::string("other"), std::string(), std::string(sizeof(format::FileHeader::store), 'x'),
+        std::string("store\0more", 10)}) {
+    const ForgedCase forged = changed([&](format::FileHeader& header) {
+      std::fill(std::begin(header.store), std::end(header.store), '\0');
+      std::copy(name.begin(), name.end(), header.store);
+    });
+    EXPECT_EQ(meet(forged), "") << name;
+    put(forged);
+    TestStore store(folder_.path());
+    EXPECT_EQ(store.add(PROBE), GENREG_RC_WRONG_RECORD_TYPE) << name;
+    EXPECT_EQ(contentOf(folder_.file()), forged.file) << name;
+  }
+}
+
+// However many repairs the header counts, one more loss is told.
+TEST_F(ForgedHeaders, WithCountsThatCannotGrow) {
+  constexpr std::uint64_t MOST = ~std::uint64_t{0};
+  for (const std::uint64_t acknowledged : {std::uint64_t{0}, std::uint64_t{1}, MOST - 1}) {
+    const ForgedCase forged = changed([](format::FileHeader& header) {
+      header.repairs = MOST;
+      header.lostBytes = MOST;
+      header.lossyRepairs = MOST;
+    });
+    EXPECT_EQ(meet(forged), "");
+    ForgedFile file(forged.file, INDEXES);
+    for (std::size_t number = 0; number < 2; ++number) {
+      format::Slot slot = file.slot(number);
+      slot.acknowledgedLosses = acknowledged;
+      file.setSlot(number, slot);
+    }
+    file.seal();
+    FileBytes damaged = file.bytes();
+    spoilByte(damaged, file.frames().back().offset + 30);
+    put(ForgedCase{.file = damaged});
+    TestStore store(folder_.path());
+    EXPECT_EQ(store.add(PROBE), MD_RC_OK);
+    EXPECT_EQ(store.repair(), MD_RC_OK);
+    GenRegStatus status{};
+    EXPECT_EQ(store.status(status), MD_RC_OK);
+    EXPECT_NE(status.unacknowledgedLosses, 0u) << acknowledged;
+    EXPECT_EQ(status.repairs, MOST);
+    EXPECT_EQ(status.lostBytes, MOST);
+  }
+}
+
+class ForgedBackups : public RandomlyForged {
+ protected:
+  ForgedBackups() : original_(makeMany()) { EXPECT_FALSE(original_.backup.empty()); }
+
+  // The file itself is sound, has a damaged record, or is gone but for its name.
+  template <class Change>
+  void meetBackup(const std::string& what, Change change) {
+    ForgedFile backup(original_.backup, INDEXES);
+    change(backup);
+    backup.seal();
+    FileBytes damaged = original_.file;
+    spoilByte(damaged, ForgedFile(original_.file, INDEXES).frames()[5].offset + 60);
+    for (const FileBytes& file : {original_.file, damaged, FileBytes{}}) {
+      const ForgedCase forged{.file = file, .backup = backup.bytes(), .history = &original_.history};
+      EXPECT_EQ(meet(forged), "") << what << ", file of " << file.size();
+    }
+  }
+
+  template <class Change>
+  void meetSlots(const std::string& what, Change change) {
+    meetBackup(what, [&](ForgedFile& backup) {
+      for (std::size_t number = 0; number < 2; ++number) {
+        format::Slot slot = backup.slot(number);
+        change(slot);
+        backup.setSlot(number, slot);
+      }
+    });
+  }
+
+  Original original_;
+};
+
+TEST_F(ForgedBackups, ThatReachSomewhereElse) {
+  for (const std::int64_t by : {8, -8, 4, 4096, -4096, 1 << 20, 1 << 30}) {
+    meetSlots("end by " + std::to_string(by),
+              [by](format::Slot& slot) { slot.indexedEnd = slot.end += static_cast<std::uint64_t>(by); });
+  }
+  meetSlots("chain", [](format::Slot& slot) { ++slot.chain; });
+  meetSlots("sequence", [](format::Slot& slot) { slot.sequence += format::LAST_SEQUENCE; });
+}
+
+TEST_F(ForgedBackups, WithCountsOfAnotherFile) {
+  for (const std::uint64_t count : {std::uint64_t{0}, std::uint64_t{1} << 27, ~std::uint64_t{0}}) {
+    meetSlots("counts " + std::to_string(count), [count](format::Slot& slot) {
+      slot.records = slot.recordBytes = slot.liveFrameBytes = slot.commits = slot.acknowledgedLosses = count;
+    });
+    meetBackup("header " + std::to_string(count), [count](ForgedFile& backup) {
+      format::FileHeader header = backup.header();
+      header.repairs = header.lostBytes = header.lossyRepairs = count;
+      backup.setHeader(header);
+    });
+  }
+}
+
+class ForgedSegments : public RandomlyForged {
+ protected:
+  // An index that has grown twice at least.
+  ForgedSegments() {
+    TestStore store(folder_.path());
+    store.unsetFeature(GenRegBase::FEATURE_BACKUP);
+    for (int batch = 0; batch < 30; ++batch) {
+      EXPECT_EQ(store.beginBatch(), MD_RC_OK);
+      for (int at = 0; at < 50; ++at)
+        add(store, original_, {"s" + std::to_string(batch), "k" + std::to_string(at), "x"});
+      EXPECT_EQ(store.commitBatch(), MD_RC_OK);
+    }
+    add(store, original_, {"g1", "a", "x"});
+    original_ = take(original_);
+    EXPECT_GE(segmentCount(ForgedFile(original_.file, INDEXES).slot(0)), 3u);
+  }
+
+  template <class Change>
+  std::string meetSegments(Change change) {
+    ForgedFile file(original_.file, INDEXES);
+    for (std::size_t number = 0; number < 2; ++number) {
+      format::Slot slot = file.slot(number);
+      change(slot.segments);
+      file.setSlot(number, slot);
+    }
+    file.seal();
+    // What is found out by reading alone: the harness asks for every record there ever was.
+    return meet(ForgedCase{.file = file.bytes(), .mostRead = std::uint64_t{200} * file.bytes().size()});
+  }
+
+  Original original_;
+};
+
+TEST_F(ForgedSegments, InAnotherOrder) {
+  EXPECT_EQ(meetSegments([](std::uint64_t* segments) { std::swap(segments[0], segments[1]); }), "");
+  EXPECT_EQ(meetSegments([](std::uint64_t* segments) { std::swap(segments[1], segments[2]); }), "");
+  EXPECT_EQ(meetSegments([](std::uint64_t* segments) { segments[1] = segments[0]; }), "");
+}
+
+TEST_F(ForgedSegments, WithOneLeftOut) {
+  EXPECT_EQ(meetSegments([](std::uint64_t* segments) { segments[0] = 0; }), "");
+  EXPECT_EQ(meetSegments([](std::uint64_t* segments) { segments[1] = segments[2], segments[2] = 0; }), "");
+  EXPECT_EQ(meetSegments([](std::uint64_t* segments) { segments[2] = 0; }), "");
+}
+
+TEST_F(ForgedSegments, OfAnotherSize) {
+  for (const std::size_t at : {0u, 1u, 2u}) {
+    for (const std::int64_t by : {-1, 1, 8, 1 << 20}) {
+      EXPECT_EQ(meetSegments([&](std::uint64_t* segments) {
+                  Segment segment = unpackSegment(segments[at]);
+                  segment.blockCount += static_cast<std::uint64_t>(by);
+                  segments[at] = packSegment(segment);
+                }),
+                "")
+          << at << " by " << by;
+    }
   }
 }
 

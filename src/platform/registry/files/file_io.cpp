@@ -173,11 +173,23 @@ std::uint64_t skipHole(int file, std::uint64_t offset, std::uint64_t end) {
   return std::min(end, std::max(offset, static_cast<std::uint64_t>(data)));
 }
 
+namespace {
+
+constexpr std::uint64_t STATX_BLOCK_SIZE = 512;
+
+std::uint64_t blockBytes(int file, std::uint64_t end) {
+  struct statx status {};
+  if (systemCalls.statx(file, "", AT_EMPTY_PATH, STATX_BLOCKS, &status) != 0) return 0;
+  return std::min<std::uint64_t>(end, status.stx_blocks * STATX_BLOCK_SIZE);
+}
+
+}  // namespace
+
 std::uint64_t dataBytes(int file, std::uint64_t end) {
   std::uint64_t count = 0;
   for (std::uint64_t at = skipHole(file, 0, end); at < end; at = skipHole(file, at, end)) {
     const off_t found = systemCalls.seek(file, static_cast<off_t>(at), SEEK_HOLE);
-    if (found < 0 || static_cast<std::uint64_t>(found) <= at) return end;
+    if (found < 0 || static_cast<std::uint64_t>(found) <= at) return blockBytes(file, end);
     const std::uint64_t hole = std::min(end, static_cast<std::uint64_t>(found));
     count += hole - at;
     at = hole;

@@ -92,7 +92,8 @@ std::uint32_t readAt(int file, std::uint64_t offset, std::span<std::byte> range,
 // file system does not tell, the offset itself.
 std::uint64_t skipHole(int file, std::uint64_t offset, std::uint64_t end);
 
-// So many bytes of [0, end) are not in holes of the file; all of them where the file system does not tell.
+// So many bytes of [0, end) are not in holes of the file. Where the file system does not tell, no more than the file's
+// blocks on the disk.
 std::uint64_t dataBytes(int file, std::uint64_t end);
 
 // Writes the whole range or fails.

@@ -1,6 +1,7 @@
 // How a forged file is met: one operation after the other, each within bounds.
 #include "platform/registry/harness/forged_files.h"
 
+#include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <functional>
@@ -8,6 +9,7 @@
 #include <set>
 #include <utility>
 
+#include "platform/registry/files/system_calls.h"
 #include "platform/registry/harness/bounded_child.h"
 
 namespace zon::test {
@@ -23,6 +25,12 @@ class Meeting {
       : forged_(forged), folder_(folder), put_(std::move(put)) {}
 
   std::string run() {
+    if (!forged_.tellsHoles) {
+      systemCalls.seek = [](int, off_t, int) -> off_t {
+        errno = EINVAL;
+        return -1;
+      };
+    }
     put_();
     read();
     change();

@@ -34,6 +34,7 @@ struct ForgedCase {
   const Values* history = nullptr;  // all that was ever in it; null when nobody knows
   Value wanted{"g1", "a", ""};
   std::uint64_t mostRead = 0;  // 0: as for a small file
+  bool tellsHoles = true;      // the file system does
 };
 
 // The folder's owner; the work is done by children.

@@ -221,10 +221,13 @@ struct SimulatedCalls {
   }
 
   // Files on this disk have no holes.
-  static off_t seek(int descriptor, off_t offset, int) {
+  // No file has holes.
+  static off_t seek(int descriptor, off_t offset, int origin) {
     const SimulatedDisk::Open* open = theDisk->find(descriptor);
     if (open == nullptr || open->inode == nullptr) return fail(EBADF);
-    return static_cast<std::size_t>(offset) < open->inode->bytes->size() ? offset : fail(ENXIO);
+    const std::size_t size = open->inode->bytes->size();
+    if (static_cast<std::size_t>(offset) >= size) return fail(ENXIO);
+    return origin == SEEK_HOLE ? static_cast<off_t>(size) : offset;
   }
 
   static int flock(int descriptor, int operation) {
@@ -254,6 +257,7 @@ struct SimulatedCalls {
     status->stx_gid = inode->rights.group;
     status->stx_nlink = theDisk->linkCount(*inode);
     status->stx_size = inode->bytes->size();
+    status->stx_blocks = (inode->bytes->size() + UNIT - 1) / UNIT;
     if (!theDisk->tellsMounts) return;
     status->stx_mask |= UNIQUE_MOUNT_ID;
     status->stx_mnt_id = std::uint64_t{1} << 31 | theDisk->mountNumber_;

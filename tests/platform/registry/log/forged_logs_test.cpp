@@ -287,5 +287,43 @@ TEST_F(ForgedLogs, ThatAreMostlyHoles) {
   EXPECT_EQ(meet(forged), "");
 }
 
+// The same where nobody tells holes from data: what is reserved follows the blocks that the file has.
+TEST_F(ForgedLogs, ThatAreMostlyHolesWhichNobodyTells) {
+  constexpr std::uint64_t HOLE = std::uint64_t{32} << 20;
+  ForgedLog log(header_, INDEXES);
+  log.appendArea(8);
+  for (const char* key : {"a", "b"}) log.append(eventAt(0, 0), stored({"g1", key, "x"}));
+  log.slot().liveFrameBytes = HOLE / 2;
+  log.slot().records = HOLE / 64;
+  ForgedCase forged{.file = log.file(HOLE), .size = HOLE + (1 << 20)};
+  forged.tellsHoles = false;
+  forged.mostRead = 16 * HOLE;
+  EXPECT_EQ(meet(forged), "");
+}
+
+// Each takes a hundred bytes in the file, and a megabyte when it is read: one at a time.
+TEST_F(ForgedLogs, WhoseRecordsAreZeros) {
+  const SettingScope large(largestData, MAX_DATA);
+  ForgedLog log(header_, INDEXES);
+  log.appendArea(8);
+  const std::uint64_t start = log.end();
+  constexpr std::uint64_t RECORDS = 300;
+  std::uint64_t head = 0;
+  for (std::uint64_t at = 0; at < RECORDS; ++at) {
+    const Value value{"g1", at == 0 ? "a" : "z" + std::to_string(at), std::string(MAX_DATA - 1, '\0')};
+    Frame frame = eventAt(0, 0);
+    frame.links[0] = format::Link{
+        .previous = head, .events = static_cast<std::uint32_t>(at + 1), .live = static_cast<std::uint32_t>(at + 1)};
+    head = log.append(frame, stored(value));
+    if (at < 40) log.lead(0, digestOf(0, value), head);
+  }
+  log.lead(1, digestOf(1, {"g1", "", ""}), head);
+  log.slot().records = RECORDS;
+  log.slot().recordBytes = RECORDS * (RECORD_HEAD + MAX_DATA + 4);
+  log.slot().liveFrameBytes = log.end() - start;
+  EXPECT_LT(log.end(), 100000u);
+  EXPECT_EQ(meetLog(log), "");
+}
+
 }  // namespace
 }  // namespace zon::test
