@@ -5,11 +5,13 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "platform/registry/format/format.h"
 #include "platform/registry/harness/crash_explorer.h"
 #include "platform/registry/harness/simulated_disk.h"
 #include "platform/registry/harness/test_records.h"
@@ -49,6 +51,105 @@ TEST_F(PowerCuts, AfterAFailedSyncOfManyBlocks) {
     watched_.push_back(now().back());
   }
   add({"last", "last", ""});
+}
+
+// An index block that is exactly full when one more entry belongs there says from then on that a search goes on in the
+// next block. Here the two lie on pages of their own, so that what comes later touches the next one alone: keys are
+// chosen by the blocks where they belong.
+class FailedSyncs : public PowerCuts {
+ protected:
+  static constexpr std::uint64_t PAGE = 4096;
+
+  // The file's first records make it; its one segment tells where the blocks lie.
+  void SetUp() override {
+    addQuietly({"first", "first", ""});
+    const format::Slot slot = newestSlot();
+    firstBlock_ = (slot.segments[0] & ((std::uint64_t{1} << 40) - 1)) * format::BLOCK_SIZE;
+    blockCount_ = slot.segments[0] >> 40;
+    // The last block of its page whose next one belongs to the segment too.
+    full_ = (PAGE - firstBlock_ % PAGE) / format::BLOCK_SIZE - 1;
+    ASSERT_LT(full_ + 1, blockCount_);
+    group_ = findName([&](const std::string& name) { return blockOf(GROUP, {name, "", ""}) == full_ + 1; });
+  }
+
+  format::Slot newestSlot() const {
+    format::Slot newest{};
+    for (const std::uint64_t offset : format::SLOT_OFFSET) {
+      const auto slot = fromFile<format::Slot>(offset);
+      if (slot.sequence > newest.sequence) newest = slot;
+    }
+    return newest;
+  }
+
+  format::Block block(std::uint64_t number) const {
+    return fromFile<format::Block>(firstBlock_ + number * format::BLOCK_SIZE);
+  }
+
+  // A record whose whole key belongs to this block; another one at each call.
+  Value recordFor(std::uint64_t block) {
+    return {group_, findName([&](const std::string& name) {
+              return blockOf(WHOLE_KEY, {group_, name, ""}) == block;
+            }),
+            ""};
+  }
+
+  Values recordsFor(std::uint64_t block, std::size_t count) {
+    Values records;
+    while (records.size() < count) records.push_back(recordFor(block));
+    return records;
+  }
+
+  std::uint64_t full_ = 0;  // the number of the block that gets full
+
+ private:
+  template <class T>
+  T fromFile(std::uint64_t offset) const {
+    const DiskImage image = disk_.image();
+    T structure;
+    std::memcpy(&structure, image.files.at(image.names.at("store"))->data() + offset, sizeof structure);
+    return structure;
+  }
+
+  std::uint64_t blockOf(unsigned long fields, const Value& value) const {
+    const auto record = encode(value);
+    const std::uint64_t digest = digestRecord(fields, record.data(), fromFile<format::FileHeader>(0).hashSeed);
+    return (digest & 0xFFFFFFFF) * blockCount_ >> 32;
+  }
+
+  template <class Belongs>
+  std::string findName(const Belongs& belongs) {
+    std::string name;
+    do {
+      name = numbered("n", nextName_++);
+    } while (!belongs(name));
+    return name;
+  }
+
+  std::uint64_t firstBlock_ = 0;
+  std::uint64_t blockCount_ = 0;
+  std::string group_;
+  int nextName_ = 0;
+};
+
+TEST_F(FailedSyncs, DoNotTakeTheWayToAnEntryBehindAFullBlock) {
+  statesPerPoint_ = 40;
+  addInOneBatch(recordsFor(full_, format::BLOCK_ENTRIES));
+  ASSERT_EQ(block(full_).count, format::BLOCK_ENTRIES);
+  ASSERT_EQ(block(full_).overflowed, 0);
+  const Value behind = recordFor(full_);
+  addQuietly(behind);
+  watched_.push_back(behind);
+  while (block(full_).overflowed == 0) addQuietly(recordFor(full_ + 1));
+  // The blocks have the entry, and wait for the next sync, which fails.
+  ASSERT_GT(newestSlot().overlayApplied, 0);
+  const Value refused = recordFor(full_ + 1);
+  quietly([&](TestStore& store) { return addWithFailedSync(store, refused) == GENREG_RC_IO_ERROR ? MD_RC_OK : 1u; },
+          now());
+  while (newestSlot().overlayApplied == 0) addQuietly(recordFor(full_ + 1));
+  add(recordFor(full_ + 1));
+  EXPECT_EQ(newestSlot().overlayApplied, 0);
+  ASSERT_LE(block(full_ + 1).count, format::BLOCK_ENTRIES);
+  add({"elsewhere", "elsewhere", ""});
 }
 
 // A refused batch leaves its second part on the disk. When the first part is done again alone, its bytes are the same
