@@ -62,6 +62,31 @@ TEST_F(BetweenCalls, AnAbandonedScanOrBatchLeavesNothing) {
   EXPECT_EQ(store_.list().size(), 20u);
 }
 
+// A batch keeps files open, and so does a scan: no program that is started meanwhile gets them.
+TEST_F(BetweenCalls, ProgramsThatAreStartedWithinABatchGetNoneOfItsFiles) {
+  fill(5);
+  const auto descriptors = [] {
+    std::vector<int> flags;
+    for (int file = 0; file < 64; ++file) flags.push_back(fcntl(file, F_GETFD));
+    return flags;
+  };
+  const std::vector<int> before = descriptors();
+  TestStore scanning(folder_.path());
+  ASSERT_EQ(scanning.OpenScan(), MD_RC_OK);
+  ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
+  ASSERT_EQ(store_.add({"g", "in a batch", "x"}), MD_RC_OK);
+  const std::vector<int> within = descriptors();
+  int opened = 0;
+  for (std::size_t file = 0; file < within.size(); ++file) {
+    if (within[file] == before[file]) continue;
+    ++opened;
+    EXPECT_EQ(within[file], FD_CLOEXEC) << file;
+  }
+  EXPECT_GE(opened, 3);  // of the scan and the batch the record file, and the lock file
+  EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
+  EXPECT_EQ(scanning.CloseScan(), MD_RC_OK);
+}
+
 TEST_F(BetweenCalls, ClosedStandardStreamsDoNoHarm) {
   fill(5);
   const int result = inChild([&] {

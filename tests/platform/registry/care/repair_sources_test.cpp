@@ -135,6 +135,26 @@ TEST_F(DamagedFiles, AnUnfinishedCommitIsNotSalvaged) {
   check("an unfinished commit behind the end", bytes);
 }
 
+// Without a slot nothing tells where the log ends but its last complete commit.
+TEST_F(DamagedFiles, AnUnfinishedCommitIsNotSalvagedWhereTheSlotsAreLost) {
+  TestStore store(DISK_FOLDER);
+  store.unsetFeature(GenRegBase::FEATURE_BACKUP);
+  for (const char* key : {"a", "b"}) note(store.add({"g", key, "x"}));
+  take();
+  note(store.removeAll("g", "", GROUP));
+  const DiskImage removed = disk_.image();
+  const Bytes& later = *removed.files.at(removed.names.at("store"));
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  // The first of two removals: 72 bytes with two indexes, or as many as its frame tells.
+  const auto size = loadAt<std::uint32_t>(later, used_ + 12);
+  const auto at = static_cast<std::ptrdiff_t>(used_);
+  std::copy_n(later.begin() + at, size, bytes->begin() + at);
+  for (const std::size_t slot : format::SLOT_OFFSET) spoilByte(*bytes, slot + 20);
+  bootWith(bytes);
+  EXPECT_EQ(store.repair(), MD_RC_OK);
+  EXPECT_EQ(store.list(), truth_);
+}
+
 // Somebody put an older state of the file back, and went on: its backup holds other frames at the same places.
 TEST_F(DamagedFiles, WhatTheFileHasIntactIsNotTakenFromItsBackup) {
   TestStore store(DISK_FOLDER);
@@ -212,6 +232,7 @@ TEST_F(CopiesPutBack, GetABackupOfTheirOwn) {
   addNew(store, 12);
   GenRegStatus status;
   note(store.status(status));
+  EXPECT_EQ(status.repairs, 0u);
   const std::uint64_t reach = status.backupBytes;
   take();
   for (std::size_t at = format::LOG_START; at + 16 < reach; at += 512) {
@@ -230,6 +251,12 @@ TEST_F(DamagedFiles, ASummaryIsNotBelievedWithoutItsChecksum) {
   const Frame summary = lastFrame(format::FrameKind::SUMMARY);
   // The place of the first of its records, which would then come last.
   bootWithFlipped(summary.offset + summary.headSize + 5);
+  EXPECT_EQ(store.list(GROUP, {"g", "", ""}), truth_);
+  // The form that its first record had when it was added: everything about it is possible.
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  const std::size_t entry = summary.offset + summary.headSize;
+  storeAt(*bytes, entry + 8, loadAt<std::uint64_t>(*bytes, entry));
+  bootWith(bytes);
   EXPECT_EQ(store.list(GROUP, {"g", "", ""}), truth_);
 }
 

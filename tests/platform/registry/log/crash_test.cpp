@@ -105,6 +105,47 @@ TEST_F(PowerCuts, ABatchWithMoreHeadsThanTheSlotHolds) {
   }
 }
 
+// Nothing may lead to a batch that its writer did not live to show: not when its records are looked for, nor when they
+// are added after all.
+TEST_F(PowerCuts, ABatchThatWasDiscardedIsAddedAgain) {
+  Values batch;
+  for (int at = 0; at < 40; ++at) batch.push_back({numbered("g", at), numbered("k", at), noise(40, 1)});
+  addQuietly({"g", "before", "b"});
+  const DiskImage before = disk_.image();
+  const unsigned boot = disk_.bootNumber();
+  bool isDone = false;
+  for (std::size_t most = 0; !isDone; ++most) {
+    disk_.boot(before);
+    disk_.setBootNumber(boot);
+    std::size_t calls = 0;
+    disk_.fault = [&](Call) { return calls++ >= most ? EINTR : 0; };
+    const auto addAll = [&](TestStore& store) {
+      std::uint32_t rc = store.beginBatch();
+      for (const Value& value : batch) rc |= store.add(value);
+      return rc | store.commitBatch();
+    };
+    {
+      TestStore store(DISK_FOLDER);
+      static_cast<void>(addAll(store));
+    }
+    disk_.fault = nullptr;
+    disk_.killProcesses();
+    isDone = calls <= most;
+    TestStore store(DISK_FOLDER);
+    const bool wasShown = store.list().size() > now().size();
+    ASSERT_EQ(store.add(PROBE), MD_RC_OK) << most;
+    Value value;
+    for (const Value& wanted : batch) {
+      ASSERT_EQ(store.get(wanted.group, wanted.key, value), wasShown ? MD_RC_OK : GENREG_RC_NOT_FOUND) << most;
+    }
+    ASSERT_EQ(wasShown ? MD_RC_OK : addAll(store), MD_RC_OK) << most;
+    ASSERT_EQ(store.list().size(), now().size() + batch.size() + 1) << most;
+    GenRegStatus status{};
+    ASSERT_EQ(store.status(status), MD_RC_OK);
+    ASSERT_EQ(status.damaged + status.repairs, 0u) << most;
+  }
+}
+
 TEST_F(PowerCuts, TheOverlayFillsAndIsApplied) {
   statesPerPoint_ = 24;
   for (int at = 0; at < 60; ++at) {
@@ -218,6 +259,20 @@ TEST_F(PowerCuts, TheBackupGrows) {
   statesPerPoint_ = 20;
   for (unsigned at = 0; at < 3; ++at) addQuietly({"g", "k" + std::to_string(at), noise(3000, at)});
   for (unsigned at = 3; at < 12; ++at) add({"g", "k" + std::to_string(at), noise(3000, at)});
+}
+
+// After a restart each reader would go through what lies behind the slot, until somebody writes.
+TEST_F(PowerCuts, ASlotThatShowsALargeCommitIsNotLost) {
+  const SettingScope<std::size_t> large(largestData, MAX_DATA);
+  addQuietly({"g", "small", "its slot may be lost"});
+  const std::uint64_t end = publishedEnd();
+  startAnew(oldestNow());
+  ASSERT_LT(publishedEnd(), end);
+  addQuietly({"g", "large", noise(300000, 1)});
+  const std::uint64_t largeEnd = publishedEnd();
+  startAnew(oldestNow());
+  EXPECT_EQ(publishedEnd(), largeEnd);
+  EXPECT_EQ(TestStore(DISK_FOLDER).list(), now());
 }
 
 // Several records of one key: which of them a Get answers must not depend on what a crash took.
