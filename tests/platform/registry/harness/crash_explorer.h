@@ -74,6 +74,7 @@ class PowerCuts : public ::testing::Test {
 
   // What a power cut leaves at the least.
   DiskImage oldestNow() const { return cut_.oldest(); }
+  const PowerCut& cutNow() const { return cut_; }
 
   // The machine was started anew and found this on its disk.
   void startAnew(const DiskImage& image);
