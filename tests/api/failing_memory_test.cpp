@@ -23,6 +23,7 @@
 
 #include "api/entry_points.h"
 #include "api/site_scenes.h"
+#include "support/evidence.h"
 #include "support/failing_memory.h"
 #include "support/metadata_test.h"
 #include "zonmdfile/MDCloningMapping.h"
@@ -263,7 +264,10 @@ class Sweep {
     std::ofstream(bootFolder_ / "id") << "01234567-89ab-cdef-0123-456789abcdef\n";
     bootId_ = (bootFolder_ / "id").string();
   }
-  ~Sweep() { std::cout << "seed " << seed() << ", requests that failed: " << failures_ << '\n'; }
+  ~Sweep() {
+    std::cout << "seed " << seed() << ", requests that failed: " << failures_ << '\n';
+    zontest::tellEvidence("memory.entry points", failures_, seed());
+  }
   Sweep(const Sweep&) = delete;
   Sweep& operator=(const Sweep&) = delete;
 

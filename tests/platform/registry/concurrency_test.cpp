@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "platform/registry/harness/test_records.h"
+#include "support/evidence.h"
 #include "support/told_numbers.h"
 
 namespace zon::test {
@@ -166,7 +167,8 @@ TEST_F(ManyAtOnce, ThreadsAndProcessesLeaveWhatEachOfThemWrote) {
 
 TEST_F(ManyAtOnce, KilledWritersLoseNothingThatTheyAcknowledged) {
   const int kills = zontest::toldNumber("ZON_KILLS", 200);
-  std::mt19937_64 random(zontest::toldSeed("ZON_KILL_SEED"));
+  const std::uint64_t seed = zontest::toldSeed("ZON_KILL_SEED");
+  std::mt19937_64 random(seed);
   ASSERT_EQ(store_.add({"churn", "k", "0"}), MD_RC_OK);
   std::set<int> acknowledged;
   int next = 1;
@@ -226,6 +228,7 @@ TEST_F(ManyAtOnce, KilledWritersLoseNothingThatTheyAcknowledged) {
   EXPECT_EQ(status.damaged, 0u);
   EXPECT_EQ(status.repairs, 0u);
   std::cout << "kills " << kills << ", acknowledged changes " << acknowledged.size() << '\n';
+  zontest::tellEvidence("kills", static_cast<std::uint64_t>(kills), seed);
 }
 
 TEST_F(ManyAtOnce, KilledReadersLeaveNothing) {
@@ -445,7 +448,8 @@ class DyingWriters : public ::testing::Test {
 
 TEST_F(DyingWriters, ChangeNothingAfterTheirDeath) {
   const int kills = zontest::toldNumber("ZON_KILLS", 150);
-  random_.seed(zontest::toldSeed("ZON_KILL_SEED"));
+  const std::uint64_t seed = zontest::toldSeed("ZON_KILL_SEED");
+  random_.seed(seed);
   for (Writer& writer : writers_) ASSERT_NO_FATAL_FAILURE(start(writer));
   for (int kill = 0; kill < kills; ++kill) {
     std::this_thread::sleep_for(std::chrono::microseconds(300 + random_() % 6000));
@@ -459,6 +463,7 @@ TEST_F(DyingWriters, ChangeNothingAfterTheirDeath) {
   EXPECT_EQ(status.damaged, 0u);
   EXPECT_EQ(status.repairs, 0u);
   std::cout << "kills " << kills << ", inserts tried again " << retries_ << '\n';
+  zontest::tellEvidence("kills", static_cast<std::uint64_t>(kills), seed);
 }
 
 // ---- A writer that is stopped while it has the lock.

@@ -8,6 +8,7 @@
 
 #include "platform/registry/format/format.h"
 #include "platform/registry/harness/test_records.h"
+#include "support/evidence.h"
 #include "zonmdfile/platform/oss.h"
 
 namespace {
@@ -243,6 +244,7 @@ class FaultyMemory : public ::testing::Test {
       if (HasFatalFailure()) return;
     }
     std::cout << "failed allocations " << faults_ << '\n';
+    zontest::tellEvidence("memory.engine", static_cast<std::uint64_t>(faults_), 0);
   }
 
   const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};

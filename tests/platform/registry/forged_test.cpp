@@ -18,6 +18,7 @@
 #include "platform/registry/harness/forged_files.h"
 #include "platform/registry/harness/test_records.h"
 #include "platform/registry/log/index_blocks.h"
+#include "support/evidence.h"
 #include "support/told_numbers.h"
 
 namespace zon::test {
@@ -128,6 +129,7 @@ TEST_F(RandomlyForged, DoNoHarm) {
     ++complaints;
   }
   std::cout << "forged files " << count << '\n';
+  zontest::tellEvidence("forged files", count, first);
 }
 
 TEST_F(RandomlyForged, AreSoundBefore) {

@@ -15,6 +15,7 @@
 #include "platform/registry/format/format.h"
 #include "platform/registry/format/frame.h"
 #include "platform/registry/log/file_header.h"
+#include "support/evidence.h"
 #include "support/told_numbers.h"
 
 namespace zon::test {
@@ -31,6 +32,9 @@ PowerCuts::~PowerCuts() {
   std::cout << "points " << counts_.points << " (" << counts_.exhausted << " exhaustively), states " << counts_.states
             << " (" << counts_.repeated << " more met again), second cuts " << counts_.secondStates << ", kills "
             << counts_.kills << '\n';
+  zontest::tellEvidence("crash_states.first", counts_.states, zontest::evidenceSeed());
+  zontest::tellEvidence("crash_states.second", counts_.secondStates, zontest::evidenceSeed());
+  zontest::tellEvidence("crash_states.killed", counts_.kills, zontest::evidenceSeed());
 }
 
 void PowerCuts::step(const std::string& name, const Work& work, std::vector<Values> after, std::uint32_t expected) {
@@ -38,8 +42,8 @@ void PowerCuts::step(const std::string& name, const Work& work, std::vector<Valu
   explore(name);
 }
 
-void PowerCuts::quietly(const Work& work, Values after) {
-  run(work, {std::move(after)}, MD_RC_OK);
+void PowerCuts::quietly(const Work& work, Values after, std::uint32_t expected) {
+  run(work, {std::move(after)}, expected);
   for (const DiskOp& op : ops_) cut_.follow(op);
   states_ = {states_.back()};
 }
@@ -101,6 +105,13 @@ void PowerCuts::writeBack() {
 void PowerCuts::startAnew(const DiskImage& image) {
   disk_.boot(image);
   cut_ = PowerCut(image);
+}
+
+void PowerCuts::startAfresh(std::uint64_t seed) {
+  startAnew(DiskImage{});
+  disk_.reseed(seed);
+  states_ = {{}};
+  random_.seed(seed);
 }
 
 std::uint64_t PowerCuts::publishedEnd() const {

@@ -57,7 +57,7 @@ class PowerCuts : public ::testing::Test {
   // Does the work, which leads through these states in turn, and cuts it everywhere.
   void step(const std::string& name, const Work& work, std::vector<Values> after, std::uint32_t expected = MD_RC_OK);
   // Only does it.
-  void quietly(const Work& work, Values after);
+  void quietly(const Work& work, Values after, std::uint32_t expected = MD_RC_OK);
   // Cuts it only when it held such an operation.
   void stepIfItHas(DiskOp::Kind kind, const std::string& target, const std::string& name, const Work& work,
                    Values after);
@@ -78,6 +78,9 @@ class PowerCuts : public ::testing::Test {
 
   // The machine was started anew and found this on its disk.
   void startAnew(const DiskImage& image);
+
+  // An empty disk, and another choice of what is looked at.
+  void startAfresh(std::uint64_t seed);
 
   // The end of the log that the newest slot tells.
   std::uint64_t publishedEnd() const;

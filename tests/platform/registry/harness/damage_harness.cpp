@@ -6,6 +6,7 @@
 #include <span>
 
 #include "platform/registry/log/file_header.h"
+#include "support/evidence.h"
 
 namespace zon::test {
 namespace {
@@ -15,6 +16,7 @@ constexpr int MOST_FAILURES = 5;
 }  // namespace
 
 DamagedFiles::~DamagedFiles() {
+  zontest::tellEvidence("damage.cases", cases_, zontest::evidenceSeed());
   if (cases_ > 0) std::cout << "damaged files " << cases_ << ", of which repaired " << repaired_ << '\n';
 }
 

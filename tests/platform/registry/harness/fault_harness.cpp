@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "platform/registry/harness/allocation_faults.h"
+#include "support/evidence.h"
 #include "support/told_numbers.h"
 #include "zonmdfile/platform/oss.h"
 
@@ -139,9 +140,15 @@ FaultSweep::FaultSweep(SimulatedDisk& disk) : disk_(disk), random_(seed()) { shi
 
 FaultSweep::~FaultSweep() {
   std::cout << "seed " << seed() << ", scenes x operations " << counts_.scenes << ", failed calls " << counts_.calls
-            << ", failed allocations " << counts_.allocations << ", short transfers " << counts_.transfers
-            << ", schedules " << counts_.schedules << ", power cuts " << counts_.cuts << ", failures " << failureCount_
-            << '\n';
+            << ", half done " << counts_.halves << ", failed allocations " << counts_.allocations
+            << ", short transfers " << counts_.transfers << ", schedules " << counts_.schedules << ", power cuts "
+            << counts_.cuts << ", failures " << failureCount_ << '\n';
+  zontest::tellEvidence("faults.calls", counts_.calls, seed());
+  zontest::tellEvidence("faults.half done", counts_.halves, seed());
+  zontest::tellEvidence("faults.memory", counts_.allocations, seed());
+  zontest::tellEvidence("faults.short transfers", counts_.transfers, seed());
+  zontest::tellEvidence("faults.cuts behind", counts_.cuts, seed());
+  zontest::tellEvidence("schedules.nested", counts_.schedules, seed());
   for (const auto& [what, count] : failures_) std::cout << "  " << count << " x " << what << '\n';
 }
 
@@ -487,19 +494,33 @@ void FaultSweep::failCalls(const Operation& operation) {
   const std::vector<Call> calls = calls_;
   const std::string where = where_;
   for (std::size_t at = 0; at < calls.size(); ++at) {
+    where_ = where + ", call " + std::to_string(at) + " (" + nameOf(calls[at]) + ")";
+    const std::string whereCall = where_;
     for (const int error : errorsOf(calls[at])) {
       for (const bool sticky : {false, true}) {
-        if (!isChosen(share_)) continue;
-        ++counts_.calls;
-        const Fault fault{.call = calls[at], .at = at, .error = error, .sticky = sticky};
-        where_ = where + ", call " + std::to_string(at) + " (" + nameOf(calls[at]) + ") gives " +
-                 std::to_string(error) + (sticky ? " from there on" : " once");
-        restore();
-        const Told told = attempt(operation, &fault);
-        judge(operation, told, &fault);
+        for (const bool half : {false, true}) {
+          // What is interrupted in the midst answers how far it came, and no error.
+          if (half && (calls[at] != Call::WRITE || error == EINTR)) continue;
+          if (!isChosen(share_)) continue;
+          where_ = whereCall;
+          failCall(operation, {.call = calls[at], .at = at, .error = error, .sticky = sticky, .half = half});
+        }
       }
     }
   }
+}
+
+void FaultSweep::failCall(const Operation& operation, const Fault& fault) {
+  where_ += " gives " + std::to_string(fault.error) + (fault.sticky ? " from there on" : " once") +
+            (fault.half ? ", half done" : "");
+  restore();
+  disk_.failsHalfDone = fault.half;
+  disk_.wasHalfDone = false;
+  const Told told = attempt(operation, &fault);
+  disk_.failsHalfDone = false;
+  if (fault.half && !disk_.wasHalfDone) return;  // as without
+  ++(fault.half ? counts_.halves : counts_.calls);
+  judge(operation, told, &fault);
 }
 
 void FaultSweep::failAllocations(const Operation& operation) {

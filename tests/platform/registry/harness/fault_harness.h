@@ -51,6 +51,7 @@ class FaultSweep {
     std::size_t at = 0;
     int error = 0;  // 0: no memory
     bool sticky = false;
+    bool half = false;  // of a write that goes over several pages the first ones are done
     // Without a call, the number of the allocation that fails: of the engine's own, or of the memory service.
     long long own = 0;
     std::uint64_t buffer = 0;
@@ -58,6 +59,7 @@ class FaultSweep {
   struct Counts {
     std::uint64_t scenes = 0;
     std::uint64_t calls = 0;
+    std::uint64_t halves = 0;
     std::uint64_t allocations = 0;
     std::uint64_t transfers = 0;
     std::uint64_t schedules = 0;
@@ -66,6 +68,7 @@ class FaultSweep {
 
   bool prepare(const Scene& scene, const Operation& operation);
   void failCalls(const Operation& operation);
+  void failCall(const Operation& operation, const Fault& fault);
   void failAllocations(const Operation& operation);
   void shortenTransfers(const Operation& operation);
   void restore();

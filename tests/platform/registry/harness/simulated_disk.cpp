@@ -157,7 +157,18 @@ struct SimulatedCalls {
   }
 
   static ssize_t pwrite(int descriptor, const void* data, std::size_t size, off_t offset) {
-    if (const int error = theDisk->failing(Call::WRITE)) return fail(error);
+    const int error = theDisk->failing(Call::WRITE);
+    if (error == 0) return put(descriptor, data, size, offset);
+    const auto from = static_cast<std::uint64_t>(offset);
+    const std::uint64_t half = (from + size / 2 + PAGE / 2) / PAGE * PAGE;
+    if (theDisk->failsHalfDone && half > from && half < from + size) {
+      put(descriptor, data, half - from, offset);
+      theDisk->wasHalfDone = true;
+    }
+    return fail(error);
+  }
+
+  static ssize_t put(int descriptor, const void* data, std::size_t size, off_t offset) {
     SimulatedDisk::Open* open = theDisk->find(descriptor);
     if (open == nullptr || open->inode == nullptr) return fail(EBADF);
     const std::size_t count = theDisk->mostBytes != 0 ? std::min(size, theDisk->mostBytes) : size;

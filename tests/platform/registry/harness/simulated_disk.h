@@ -98,7 +98,7 @@ class SimulatedDisk {
   // What this disk holds in another run of the machine of that number; for going back to an earlier run.
   void setBootNumber(unsigned number) { bootNumber_ = number; }
   // What is random begins anew, so that the same work asks for the same calls.
-  void reseed() { random_.seed(20240607); }
+  void reseed(std::uint64_t seed = 20240607) { random_.seed(seed); }
   unsigned bootNumber() const { return bootNumber_; }
   // The file system is mounted anew with this content while the machine goes on: what was not durable may be gone.
   void remount(const DiskImage& content);
@@ -110,6 +110,10 @@ class SimulatedDisk {
 
   // Asked before every call; what it answers, if not 0, is the errno of a call that fails without effect.
   std::function<int(Call)> fault;
+  // A write that fails has written what lies in the first half of its pages, and then says so: within one page writing
+  // is all or nothing.
+  bool failsHalfDone = false;
+  bool wasHalfDone = false;
   // Places that cannot be read: files by their inodes, and numbers of 4 KiB sectors.
   std::set<std::pair<std::uint64_t, std::uint64_t>> badSectors;
   // Whether the system tells its runs apart; without it there is no boot id to read.
