@@ -9,6 +9,7 @@
 
 #include "platform/registry/care/salvage.h"
 #include "platform/registry/files/file_io.h"
+#include "platform/registry/log/index_blocks.h"
 #include "platform/registry/reader.h"
 
 namespace zon {
@@ -33,7 +34,7 @@ std::uint32_t checkWholeLog(const Reader& reader, std::uint64_t fileSize, bool& 
     damaged = !log.hasFrame(offset, frame) || frame.end() > view.end();
     if (!damaged && frame.kind == format::FrameKind::AREA) {
       if (segments < segmentCount(view.slot()) && isArea(frame, view.slot().segments[segments])) ++segments;
-      const std::uint32_t rc = log.verifyBlocks(frame.area);
+      const std::uint32_t rc = log.bytes().verifyBlocks(frame.area);
       if (rc != MD_RC_OK && !isDamage(rc)) return rc;
       damaged = rc != MD_RC_OK;
     }

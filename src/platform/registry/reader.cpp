@@ -21,7 +21,7 @@ constexpr int MOST_SALVAGES = 20;
 std::uint32_t Reader::open() {
   if (std::strlen(filePath_) == GenRegBase::PATH_SIZE - 1) return GENREG_RC_NAME_TOO_LONG;
   if (const std::uint32_t rc = openAnything(AT_FDCWD, filePath_, O_RDONLY, 0, file_)) return rc;
-  const std::uint32_t rc = view_.open(file_.get());
+  const std::uint32_t rc = log_.open(file_.get());
   isViewOpen_ = rc == MD_RC_OK;
   if (!isDamage(rc)) return rc;
   // Only what has the looks of no record file is asked whether it is a file at all.
@@ -36,7 +36,7 @@ std::uint32_t Reader::salvage(std::unique_ptr<Salvage>& salvage) const {
     Descriptor backup;
     const std::uint32_t opened = openRegular(AT_FDCWD, backupPath_, O_RDONLY, 0, backup);
     salvage = std::make_unique<Salvage>(type_, Salvage::Access::SHARED);
-    rc = salvage->open(file_.get(), opened == MD_RC_OK ? backup.get() : -1, isViewOpen_ ? &view_ : nullptr);
+    rc = salvage->open(file_.get(), opened == MD_RC_OK ? backup.get() : -1, isViewOpen_ ? &log_.view() : nullptr);
     if (rc == MD_RC_OK) salvage->keepBackupOpen(std::move(backup));
     // An empty file with no backup is one that holds nothing yet. Of a backup that cannot be read nobody knows.
     FileState state;
@@ -52,7 +52,7 @@ std::uint32_t Reader::get(unsigned long flags, const void* key, std::byte* out) 
   if (rc == MD_RC_OK) {
     LiveRecord found{};
     std::size_t size = 0;
-    rc = findFirst(view_, flags, key, out, found, size);
+    rc = findFirst(log_.view(), flags, key, out, found, size);
   }
   return isDamage(rc) ? getFromSalvage(flags, key, out) : rc;
 }
@@ -128,8 +128,8 @@ std::uint32_t Scan::prepare(unsigned long flags, const void* key) {
     everything_ = std::make_unique<LogScan>(*view_);
     return MD_RC_OK;
   }
-  allowance_.emplace(*view_);
-  return view_->gather(index, digest, candidates_);
+  allowance_.emplace(view_->newAllowance());
+  return view_->lists().gather(index, digest, candidates_);
 }
 
 std::uint32_t Scan::nextCandidate(std::byte* out, std::size_t& size) {
@@ -144,7 +144,7 @@ std::uint32_t Scan::nextCandidate(std::byte* out, std::size_t& size) {
     }
   } while (record.place <= lastPlace_);
   if (everything_ == nullptr) {
-    if (const std::uint32_t rc = view_->readLive(record, *allowance_, out, size)) return rc;
+    if (const std::uint32_t rc = view_->bytes().readLive(record, *allowance_, out, size)) return rc;
   }
   candidatePlace_ = record.place;
   return MD_RC_OK;

@@ -10,7 +10,9 @@
 
 #include "platform/registry/care/salvage.h"
 #include "platform/registry/engine.h"
+#include "platform/registry/files/file_io.h"
 #include "platform/registry/log/log_scan.h"
+#include "platform/registry/log/log_snapshot.h"
 
 namespace zon {
 
@@ -20,7 +22,7 @@ class Transaction;
 class Reader {
  public:
   Reader(const RecordType& type, const char* filePath, const char* backupPath)
-      : type_(type), filePath_(filePath), backupPath_(backupPath), view_(type) {}
+      : type_(type), filePath_(filePath), backupPath_(backupPath), log_(type) {}
 
   // GENREG_RC_NOT_FOUND when there is no file: it counts as an empty one.
   std::uint32_t open();
@@ -28,7 +30,7 @@ class Reader {
   // As GenRegBin::Get.
   std::uint32_t get(unsigned long flags, const void* key, std::byte* out);
 
-  const LogView& view() const { return view_; }
+  const LogView& view() const { return log_.view(); }
   int file() const { return file_.get(); }
 
   // Reads file and backup through for what is intact; of a file that could be opened, in the state that it had then.
@@ -41,7 +43,7 @@ class Reader {
   const char* filePath_;
   const char* backupPath_;
   Descriptor file_;
-  LogView view_;
+  LogSnapshot log_;
   bool isViewOpen_ = false;
 };
 

@@ -237,7 +237,7 @@ std::uint32_t Transaction::removeAll(unsigned long flags, const void* key) {
   if (matches.empty()) return GENREG_RC_NOT_FOUND;
   for (const LiveRecord& match : matches) {
     FoundRecord found{.where = match, .size = 0};
-    if (const std::uint32_t rc = log_->readRecord(match.offset, scratch_.get(), found.size)) return rc;
+    if (const std::uint32_t rc = log_->view().bytes().readRecord(match.offset, scratch_.get(), found.size)) return rc;
     if (const std::uint32_t rc = log_->appendRemove(found, scratch_.get())) return rc;
   }
   return log_->finishCommit();

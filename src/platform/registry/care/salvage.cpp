@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "platform/registry/files/stub.h"
+#include "platform/registry/log/index_blocks.h"
 
 namespace zon {
 
@@ -47,37 +48,30 @@ bool guessSalt(int file, std::size_t indexCount, std::uint32_t& salt) {
 }  // namespace
 
 RawLog::RawLog(const RecordType& type, int file, const format::FileHeader& header, std::uint64_t size)
-    : LogView(type), bad_(size) {
-  file_ = file;
-  badSectors_ = &bad_;
-  header_ = header;
-  slot_ = format::Slot{};
-  key_ = FrameKey{.salt = saltOf(header.fileId), .indexCount = type.indexCount};
-  end_ = size;
+    : bad_(size), bytes_(type), end_(size) {
+  bytes_.open(file, header.fileId, &bad_);
 }
 
 void RawLog::goOnWith(const LogView& view) {
-  const std::span<const std::byte> waiting = view.waiting();
-  if (waiting.empty()) return;
-  pending_.assign(waiting.begin(), waiting.end());
-  pendingStart_ = view.waitingFrom();
+  if (view.bytes().tailSize() == 0) return;
+  bytes_.copyTail(view.bytes());
   end_ = std::max(end_, view.end());
 }
 
 bool RawLog::hasFrame(std::uint64_t offset, Frame& frame) const {
   if (offset + sizeof(format::FrameHeader) > end_) return false;
   FrameBytes bytes;
-  if (noteFailure(readHead(offset, bytes, frame)) || frame.end() > end_) return false;
+  if (noteFailure(bytes_.readFrame(offset, bytes, frame)) || frame.end() > end_) return false;
   if (frame.kind == format::FrameKind::AREA) return true;
   if (!mayRead(frame)) return false;
   bool isIntact = false;
   if (frame.isRecord()) {
     // Whatever its checksum says, a record that cannot be read is none.
-    record_.resize(type().maxSize);
+    record_.resize(bytes_.type().maxSize);
     std::size_t size = 0;
-    isIntact = !noteFailure(readRecord(frame, bytes.all(), record_.data(), size));
+    isIntact = !noteFailure(bytes_.readRecord(frame, bytes.all(), record_.data(), size));
   } else {
-    isIntact = !noteFailure(verifyPayload(frame, bytes.all()));
+    isIntact = !noteFailure(bytes_.verifyPayload(frame, bytes.all()));
   }
   if (!isIntact) readInVain_ += frame.size;
   return isIntact;
@@ -92,21 +86,22 @@ bool RawLog::noteFailure(std::uint32_t rc) const {
   return rc != MD_RC_OK;
 }
 
-std::uint64_t RawLog::findHead(std::uint64_t from, std::uint64_t limit) {
+std::uint64_t RawLog::findFrame(std::uint64_t from, std::uint64_t limit) {
   limit = std::min(limit, end_);
   Frame frame;
   for (std::uint64_t at = from; at + sizeof(format::FrameHeader) <= limit; at += format::FRAME_ALIGNMENT) {
     if (at < windowStart_ || at + format::MAX_HEAD_SIZE > windowStart_ + windowSize_) {
-      if (at < pendingStart_) {
-        at = skipHole(file_, at, std::min(limit, pendingStart_)) / format::FRAME_ALIGNMENT * format::FRAME_ALIGNMENT;
+      if (at < bytes_.tailStart()) {
+        at = skipHole(file(), at, std::min(limit, bytes_.tailStart())) / format::FRAME_ALIGNMENT *
+             format::FRAME_ALIGNMENT;
       }
       window_.resize(SEARCH_WINDOW);
       windowStart_ = at;
-      if (noteFailure(read(at, window_, windowSize_)) || at >= limit) return limit;
+      if (noteFailure(bytes_.read(at, window_, windowSize_)) || at >= limit) return limit;
     }
     const auto bytes = std::span<const std::byte>(window_).first(windowSize_).subspan(at - windowStart_);
-    const bool mayBeHead = bytes.size() > KIND_OFFSET && bytes[KIND_OFFSET] != std::byte{0};
-    if (mayBeHead && parseHead(bytes, at, key_, frame) == ParseResult::OK) return at;
+    const bool mayBeFrame = bytes.size() > KIND_OFFSET && bytes[KIND_OFFSET] != std::byte{0};
+    if (mayBeFrame && parseHead(bytes, at, bytes_.key(), frame) == ParseResult::OK) return at;
   }
   return limit;
 }
@@ -277,8 +272,8 @@ std::uint64_t Salvage::skipDamage(std::uint64_t offset) {
   std::uint64_t inOther = 0;
   for (std::uint64_t at = offset;;) {
     at += format::FRAME_ALIGNMENT;
-    if (inFile < at) inFile = file_ != nullptr ? file_->findHead(at, limit) : limit;
-    if (inOther < at) inOther = backup_ != nullptr ? backup_->findHead(at, limit) : limit;
+    if (inFile < at) inFile = file_ != nullptr ? file_->findFrame(at, limit) : limit;
+    if (inOther < at) inOther = backup_ != nullptr ? backup_->findFrame(at, limit) : limit;
     // Each stops at its own file's end at the latest.
     at = std::min(inFile < fileSize ? inFile : limit, inOther < backupSize ? inOther : limit);
     if (at >= limit || failure() != MD_RC_OK) break;
@@ -304,7 +299,7 @@ bool Salvage::endsAt(std::uint64_t offset) const {
   if (file_ == nullptr || offset <= format::LOG_START || (hasSlot_ && offset < slot_.end)) return false;
   std::array<std::byte, format::TERMINATOR_SIZE> tail{};
   std::size_t got = 0;
-  return file_->read(offset, tail, got) == MD_RC_OK && got == tail.size() &&
+  return file_->bytes().read(offset, tail, got) == MD_RC_OK && got == tail.size() &&
          std::all_of(tail.begin(), tail.end(), [](std::byte byte) { return byte == std::byte{0}; });
 }
 
@@ -382,7 +377,7 @@ void Salvage::keepNewest() {
 
 std::uint32_t Salvage::readRecord(std::size_t number, std::byte* out, std::size_t& size) const {
   const Event& record = records_[number];
-  const std::uint32_t rc = (record.inBackup ? backup_ : file_)->readRecord(record.offset, out, size);
+  const std::uint32_t rc = (record.inBackup ? backup_ : file_)->bytes().readRecord(record.offset, out, size);
   // It was intact when it was found.
   return rc == GENREG_RC_DAMAGED ? GENREG_RC_IO_ERROR : rc;
 }

@@ -22,6 +22,8 @@ constexpr std::uint64_t SLOT_OFFSET[2] = {3072, 4096};
 constexpr std::uint64_t HEADER_COPY_OFFSET = 5120;
 constexpr std::uint64_t FRAME_ALIGNMENT = 8;
 constexpr std::uint64_t MAX_OFFSET = std::uint64_t{1} << 43;  // what an index entry can address
+// The odd number next to 2^64 over the golden ratio: its products spread what lies close together.
+constexpr std::uint64_t GOLDEN_RATIO = 0x9E3779B97F4A7C15u;
 
 constexpr std::size_t STORE_NAME_SIZE = 64;
 
@@ -53,6 +55,8 @@ struct OverlayEntry {
   std::uint64_t digest;
   std::uint64_t offsetAndIndex;
 };
+constexpr std::uint64_t OVERLAY_INDEX_MASK = FRAME_ALIGNMENT - 1;
+static_assert(MAX_INDEXES <= FRAME_ALIGNMENT);
 
 constexpr std::size_t MAX_SEGMENTS = 16;
 constexpr std::size_t OVERLAY_CAPACITY = 48;
@@ -77,7 +81,7 @@ struct Slot {
   std::uint64_t backupEnd;       // how far the backup reached when this slot was written
   std::uint64_t indexedEnd;      // overlay and blocks lead to the frames before this; to those up to `end` nothing does
   std::uint64_t acknowledgedLosses;      // how many of the header's lossyRepairs somebody has taken note of
-  std::uint64_t segments[MAX_SEGMENTS];  // blocks << 40 | offset >> 9, oldest first, 0 behind the last
+  std::uint64_t segments[MAX_SEGMENTS];  // blocks << SEGMENT_COUNT_SHIFT | offset / BLOCK_SIZE, oldest first, then 0
   OverlayEntry overlay[OVERLAY_CAPACITY];
 };
 static_assert(sizeof(Slot) == 1024);
@@ -114,8 +118,11 @@ struct FrameHeader {
   std::uint32_t chain;       // crc of the frame before; of the first frame: the file's salt
   std::uint32_t payloadCrc;  // over everything behind the head, padding included; 0 in AREA frames
   std::uint32_t size;        // up to the next frame; a multiple of FRAME_ALIGNMENT
-  std::uint64_t link;  // kind << 56 | flags << 48 | chain of the whole key: the newest frame before this one, or 0
+  std::uint64_t link;  // kind << LINK_KIND_SHIFT | flags << LINK_FLAGS_SHIFT | the next older frame in the whole key's
+                       // list, or 0
 };
+constexpr unsigned LINK_KIND_SHIFT = 56;
+constexpr unsigned LINK_FLAGS_SHIFT = 48;
 static_assert(sizeof(FrameHeader) == 24 && offsetof(FrameHeader, link) == 16);
 
 // Follows the header of CHANGE and REMOVE frames.
@@ -154,7 +161,11 @@ constexpr std::size_t BLOCK_SIZE = 512;
 constexpr std::uint64_t MAX_BLOCKS = (std::uint64_t{1} << 23) - 3;
 constexpr std::size_t BLOCK_ENTRIES = 63;
 
-// An index block. An entry is index number << 62 | the digest's upper 22 bits << 40 | frame offset >> 3.
+// An index block. An entry is index number << ENTRY_INDEX_SHIFT | the digest's upper bits << ENTRY_TAG_SHIFT | frame
+// offset / FRAME_ALIGNMENT.
+constexpr unsigned ENTRY_INDEX_SHIFT = 62;
+constexpr unsigned ENTRY_TAG_SHIFT = 40;
+constexpr unsigned SEGMENT_COUNT_SHIFT = 40;  // of a segment in a slot
 struct Block {
   std::uint32_t crc;  // over the bytes after it up to the last entry in use, keyed by file and offset
   std::uint8_t count;

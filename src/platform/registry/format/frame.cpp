@@ -9,7 +9,7 @@ namespace zon {
 
 namespace {
 
-constexpr std::uint64_t OFFSET_MASK = (std::uint64_t{1} << 48) - 1;
+constexpr std::uint64_t OFFSET_MASK = (std::uint64_t{1} << format::LINK_FLAGS_SHIFT) - 1;
 
 template <class T>
 T load(std::span<const std::byte> bytes, std::size_t at) {
@@ -99,7 +99,7 @@ void loadLinks(std::span<const std::byte> bytes, std::size_t at, std::size_t ind
 std::uint32_t saltOf(std::uint64_t fileId) { return static_cast<std::uint32_t>(fileId ^ (fileId >> 32)); }
 
 std::uint32_t checksumStart(std::uint32_t salt, std::uint64_t offset) {
-  return salt ^ static_cast<std::uint32_t>((offset >> 3) * 0x9E3779B97F4A7C15u >> 32);
+  return salt ^ static_cast<std::uint32_t>(offset / format::FRAME_ALIGNMENT * format::GOLDEN_RATIO >> 32);
 }
 
 std::uint64_t Frame::previousIn(std::size_t index) const {
@@ -110,7 +110,7 @@ std::uint64_t Frame::previousIn(std::size_t index) const {
 ParseResult parseHead(std::span<const std::byte> bytes, std::uint64_t offset, const FrameKey& key, Frame& frame) {
   if (bytes.size() < sizeof(format::FrameHeader)) return ParseResult::SHORT;
   const auto header = load<format::FrameHeader>(bytes, 0);
-  const auto kind = static_cast<std::uint8_t>(header.link >> 56);
+  const auto kind = static_cast<std::uint8_t>(header.link >> format::LINK_KIND_SHIFT);
   if (kind < static_cast<std::uint8_t>(format::FrameKind::INSERT) ||
       kind > static_cast<std::uint8_t>(format::FrameKind::SUMMARY)) {
     return ParseResult::BAD;
@@ -125,8 +125,8 @@ ParseResult parseHead(std::span<const std::byte> bytes, std::uint64_t offset, co
   frame.crc = header.crc;
   frame.chain = header.chain;
   frame.payloadCrc = header.payloadCrc;
-  frame.last = ((header.link >> 48) & format::FRAME_LAST) != 0;
-  frame.clean = ((header.link >> 48) & format::FRAME_CLEAN) != 0;
+  frame.last = ((header.link >> format::LINK_FLAGS_SHIFT) & format::FRAME_LAST) != 0;
+  frame.clean = ((header.link >> format::LINK_FLAGS_SHIFT) & format::FRAME_CLEAN) != 0;
   frame.previous = header.link & OFFSET_MASK;
   std::size_t at = sizeof(format::FrameHeader);
   if (frame.kind == format::FrameKind::AREA) {
@@ -159,12 +159,12 @@ void appendFrame(Frame& frame, std::span<const std::byte> payload, const FrameKe
     const std::array<std::byte, format::FRAME_ALIGNMENT> padding{};
     frame.payloadCrc = crc32c(crc32c(0, payload.data(), payload.size()), padding.data(), frame.size - unpadded);
   }
-  store(out, format::FrameHeader{
-                 .crc = 0,
-                 .chain = frame.chain,
-                 .payloadCrc = frame.payloadCrc,
-                 .size = frame.size,
-                 .link = static_cast<std::uint64_t>(frame.kind) << 56 | flagsOf(frame) << 48 | frame.previous});
+  store(out, format::FrameHeader{.crc = 0,
+                                 .chain = frame.chain,
+                                 .payloadCrc = frame.payloadCrc,
+                                 .size = frame.size,
+                                 .link = static_cast<std::uint64_t>(frame.kind) << format::LINK_KIND_SHIFT |
+                                         flagsOf(frame) << format::LINK_FLAGS_SHIFT | frame.previous});
   if (frame.kind == format::FrameKind::AREA) store(out, frame.area);
   if (frame.kind == format::FrameKind::SUMMARY) store(out, frame.summary);
   if (frame.kind == format::FrameKind::CHANGE || frame.kind == format::FrameKind::REMOVE) {
@@ -182,7 +182,7 @@ void appendFrame(Frame& frame, std::span<const std::byte> payload, const FrameKe
 
 void markLast(std::span<std::byte> bytes, Frame& frame, const FrameKey& key) {
   auto header = load<format::FrameHeader>(bytes, 0);
-  header.link |= std::uint64_t{format::FRAME_LAST} << 48;
+  header.link |= std::uint64_t{format::FRAME_LAST} << format::LINK_FLAGS_SHIFT;
   std::memcpy(bytes.data(), &header, sizeof header);
   frame.last = true;
   frame.crc = headChecksum(bytes.first(frame.headSize), frame.offset, key.salt);

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "platform/registry/format/format.h"
 #include "zonmdfile/platform/GenRegBase.h"
 #include "zonmdfile/platform/return_codes.h"
 
@@ -58,7 +59,7 @@ struct RecordType {
 
   // Each index has digests of its own: the same text as a group and as a key must not meet in one chain.
   std::uint64_t digestFor(std::size_t index, const void* record, std::uint64_t seed) const {
-    return digest(indexFlags[index], record, seed + index * 0x9E3779B97F4A7C15u);
+    return digest(indexFlags[index], record, seed + index * format::GOLDEN_RATIO);
   }
 
   // The index that narrows a question the most; indexCount when none of them may be used for it.

@@ -1,4 +1,6 @@
-// See index_blocks.h for what must hold.
+// Packing, checking and searching blocks.
+//
+// The rule: nothing of a block is used before its checksum has passed and its numbers are possible.
 #include "platform/registry/log/index_blocks.h"
 
 #include <algorithm>
@@ -13,6 +15,8 @@ namespace {
 
 constexpr int MOST_READS = 64;
 
+constexpr std::uint64_t lowBits(unsigned count) { return (std::uint64_t{1} << count) - 1; }
+
 std::size_t usedSize(const format::Block& block) {
   return offsetof(format::Block, entries) + std::size_t{block.count} * sizeof(std::uint64_t);
 }
@@ -25,42 +29,25 @@ std::uint32_t blockChecksum(const format::Block& block, std::uint32_t salt, std:
 // Whatever its checksum says, what a block tells must be possible. Entries may lead behind a reader's end.
 bool isPossible(const format::Block& block) {
   return std::all_of(block.entries, block.entries + block.count, [](std::uint64_t entry) {
-    return entry >> 62 < format::MAX_INDEXES && entryOffset(entry) >= format::LOG_START;
+    return entry >> format::ENTRY_INDEX_SHIFT < format::MAX_INDEXES && entryOffset(entry) >= format::LOG_START;
   });
 }
 
-std::uint32_t visitSegment(int file, std::uint32_t salt, const Segment& segment, std::size_t index,
-                           std::uint64_t digest, const EntryLook& look, Search& search) {
-  std::uint64_t at = homeBlock(digest, segment.blockCount);
-  for (std::uint64_t probe = 0; probe < std::min(MOST_PROBES, segment.blockCount); ++probe) {
-    format::Block block;
-    if (const std::uint32_t rc = readBlock(file, salt, segment.offset + at * format::BLOCK_SIZE, block)) return rc;
-    for (std::size_t entry = 0; entry < block.count; ++entry) {
-      if (!mayBeOf(block.entries[entry], index, digest)) continue;
-      const std::uint32_t rc = look(entryOffset(block.entries[entry]), search);
-      if (rc != MD_RC_OK || search == Search::DONE) return rc;
-    }
-    if (block.overflowed == 0) break;
-    at = at + 1 == segment.blockCount ? 0 : at + 1;
-  }
-  return MD_RC_OK;
-}
-
-constexpr std::uint64_t TAG_MASK = (std::uint64_t{1} << 22) - 1;
-
-// What an entry has in common with all others of the same index and tag.
+// What an entry has in common with all others of the same index and tag: its bits above the offset.
 std::uint64_t entryMark(std::size_t index, std::uint64_t digest) {
-  return static_cast<std::uint64_t>(index) << 22 | (digest >> 42 & TAG_MASK);
+  constexpr unsigned INDEX_SHIFT = format::ENTRY_INDEX_SHIFT - format::ENTRY_TAG_SHIFT;
+  return static_cast<std::uint64_t>(index) << INDEX_SHIFT | digest >> (64 - INDEX_SHIFT);
 }
 
 }  // namespace
 
 std::uint64_t packSegment(const Segment& segment) {
-  return segment.blockCount << 40 | segment.offset / format::BLOCK_SIZE;
+  return segment.blockCount << format::SEGMENT_COUNT_SHIFT | segment.offset / format::BLOCK_SIZE;
 }
 
 Segment unpackSegment(std::uint64_t packed) {
-  return Segment{.offset = (packed & ((std::uint64_t{1} << 40) - 1)) * format::BLOCK_SIZE, .blockCount = packed >> 40};
+  return Segment{.offset = (packed & lowBits(format::SEGMENT_COUNT_SHIFT)) * format::BLOCK_SIZE,
+                 .blockCount = packed >> format::SEGMENT_COUNT_SHIFT};
 }
 
 std::size_t segmentCount(const format::Slot& slot) {
@@ -71,15 +58,15 @@ std::size_t segmentCount(const format::Slot& slot) {
 std::uint64_t segmentCapacity(std::uint64_t blockCount) { return blockCount * format::BLOCK_ENTRIES * 4 / 5; }
 
 std::uint64_t makeEntry(std::size_t index, std::uint64_t digest, std::uint64_t offset) {
-  return entryMark(index, digest) << 40 | offset / format::FRAME_ALIGNMENT;
+  return entryMark(index, digest) << format::ENTRY_TAG_SHIFT | offset / format::FRAME_ALIGNMENT;
 }
 
 std::uint64_t entryOffset(std::uint64_t entry) {
-  return (entry & ((std::uint64_t{1} << 40) - 1)) * format::FRAME_ALIGNMENT;
+  return (entry & lowBits(format::ENTRY_TAG_SHIFT)) * format::FRAME_ALIGNMENT;
 }
 
 bool mayBeOf(std::uint64_t entry, std::size_t index, std::uint64_t digest) {
-  return entry >> 40 == entryMark(index, digest);
+  return entry >> format::ENTRY_TAG_SHIFT == entryMark(index, digest);
 }
 
 std::uint64_t homeBlock(std::uint64_t digest, std::uint64_t blockCount) {
@@ -101,14 +88,29 @@ std::uint32_t readBlock(int file, std::uint32_t salt, std::uint64_t offset, form
   return GENREG_RC_DAMAGED;
 }
 
-std::uint32_t visitEntries(int file, std::uint32_t salt, const format::Slot& slot, std::size_t index,
-                           std::uint64_t digest, const EntryLook& look) {
-  Search search = Search::CONTINUE;
-  for (std::size_t segment = segmentCount(slot); segment-- > 0 && search == Search::CONTINUE;) {
-    const Segment blocks = unpackSegment(slot.segments[segment]);
-    if (const std::uint32_t rc = visitSegment(file, salt, blocks, index, digest, look, search)) return rc;
+// Behind the last block of a segment comes the next older segment; without one, no block is left.
+std::uint32_t EntrySearch::readNextBlock() {
+  nextEntry_ = 0;
+  if (probe_.has_value()) {
+    probe_->advance();
+    if (block_.overflowed == 0 || !probe_->isInside()) probe_.reset();
   }
-  return MD_RC_OK;
+  if (!probe_.has_value()) {
+    if (segmentsLeft_ == 0) return MD_RC_OK;
+    probe_.emplace(unpackSegment(slot_.segments[--segmentsLeft_]), digest_);
+  }
+  return readBlock(file_, salt_, probe_->offset(), block_);
+}
+
+Answer<std::uint64_t> EntrySearch::next() {
+  for (;;) {
+    while (probe_.has_value() && nextEntry_ < block_.count) {
+      const std::uint64_t entry = block_.entries[nextEntry_++];
+      if (mayBeOf(entry, index_, digest_)) return {.value = entryOffset(entry)};
+    }
+    if (const std::uint32_t rc = readNextBlock()) return {.rc = rc};
+    if (!probe_.has_value()) return {};
+  }
 }
 
 std::uint32_t writeEmptyBlocks(int file, std::uint32_t salt, const Segment& segment) {

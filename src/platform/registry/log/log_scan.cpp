@@ -27,7 +27,7 @@ std::uint32_t LogWindow::at(std::uint64_t offset, std::size_t wanted, std::span<
     if (buffer_.size() < length) buffer_.resize(length);
     start_ = offset;
     filled_ = 0;
-    if (const std::uint32_t rc = view_.read(offset, std::span(buffer_).first(length), filled_)) return rc;
+    if (const std::uint32_t rc = view_.bytes().read(offset, std::span(buffer_).first(length), filled_)) return rc;
   }
   const auto skip = static_cast<std::size_t>(offset - start_);
   bytes = std::span<const std::byte>(buffer_).subspan(skip, filled_ - skip);
@@ -37,8 +37,8 @@ std::uint32_t LogWindow::at(std::uint64_t offset, std::size_t wanted, std::span<
 LogScan::LogScan(const LogView& view)
     : view_(view), end_(view.end()), log_(view, WINDOW_SIZE), moved_(view, MOVED_WINDOW_SIZE) {}
 
-std::uint32_t LogScan::headAt(LogWindow& window, std::uint64_t offset, Frame& frame,
-                              std::span<const std::byte>& bytes) {
+std::uint32_t LogScan::frameAt(LogWindow& window, std::uint64_t offset, Frame& frame,
+                               std::span<const std::byte>& bytes) {
   if (const std::uint32_t rc = window.at(offset, format::MAX_HEAD_SIZE, bytes)) return rc;
   const bool isFrame = parseHead(bytes, offset, view_.key(), frame) == ParseResult::OK && frame.end() <= end_;
   return isFrame ? MD_RC_OK : GENREG_RC_DAMAGED;
@@ -51,7 +51,7 @@ std::uint32_t LogScan::collectMoves() {
   Frame frame;
   std::span<const std::byte> bytes;
   for (std::uint64_t offset = first; offset < end_; offset = frame.end()) {
-    if (const std::uint32_t rc = headAt(log_, offset, frame, bytes)) return rc;
+    if (const std::uint32_t rc = frameAt(log_, offset, frame, bytes)) return rc;
     if (!frame.isEvent() || frame.kind == format::FrameKind::INSERT) continue;
     const std::uint64_t mark = frame.kind == format::FrameKind::REMOVE ? REMOVED_MARK : 0;
     moves_.push_back(LiveRecord{.place = frame.place, .offset = offset | mark});
@@ -78,7 +78,7 @@ std::uint32_t LogScan::nextPlace(LiveRecord& record, Frame& frame, std::span<con
   }
   while (cursor_ < end_) {
     const std::uint64_t offset = cursor_;
-    if (const std::uint32_t rc = headAt(log_, offset, frame, bytes)) return rc;
+    if (const std::uint32_t rc = frameAt(log_, offset, frame, bytes)) return rc;
     cursor_ = frame.end();
     const bool isMove = frame.isEvent() && frame.kind != format::FrameKind::INSERT;
     if (isMove && (view_.slot().firstEvent == 0 || offset < view_.slot().firstEvent)) return GENREG_RC_DAMAGED;
@@ -95,7 +95,7 @@ std::uint32_t LogScan::decode(LogWindow& window, const Frame& frame, std::span<c
   if (bytes.size() < frame.size) {
     if (const std::uint32_t rc = window.at(frame.offset, frame.size, bytes)) return rc;
   }
-  return view_.readRecord(frame, bytes.first(std::min<std::size_t>(bytes.size(), frame.size)), out, size);
+  return view_.bytes().readRecord(frame, bytes.first(std::min<std::size_t>(bytes.size(), frame.size)), out, size);
 }
 
 std::uint32_t LogScan::next(std::byte* out, LiveRecord& record, std::size_t& size) {
@@ -103,7 +103,7 @@ std::uint32_t LogScan::next(std::byte* out, LiveRecord& record, std::size_t& siz
   std::span<const std::byte> bytes;
   if (const std::uint32_t rc = nextPlace(record, frame, bytes)) return rc;
   if (record.offset == record.place) return decode(log_, frame, bytes, out, size);
-  if (const std::uint32_t rc = headAt(moved_, record.offset, frame, bytes)) return rc;
+  if (const std::uint32_t rc = frameAt(moved_, record.offset, frame, bytes)) return rc;
   if (!frame.isRecord() || frame.place != record.place) return GENREG_RC_DAMAGED;
   return decode(moved_, frame, bytes, out, size);
 }
@@ -122,19 +122,19 @@ std::uint32_t visitMatches(const LogView& view, unsigned long flags, const void*
       if (rc == GENREG_RC_END_OF_SCAN) return MD_RC_OK;
       if (rc != MD_RC_OK) return rc;
       if (!view.type().matches(flags, key, out)) {
-        view.wipe(out, size);
+        wipe(view.type(), out, size);
       } else if (!take(record, size)) {
         return MD_RC_OK;
       }
     }
   }
   std::vector<LiveRecord> candidates;
-  if (const std::uint32_t rc = view.gather(index, view.digestOf(index, key), candidates)) return rc;
-  ReadAllowance allowance(view);
+  if (const std::uint32_t rc = view.lists().gather(index, view.digestOf(index, key), candidates)) return rc;
+  ReadAllowance allowance = view.newAllowance();
   for (const LiveRecord& record : candidates) {
-    if (const std::uint32_t rc = view.readLive(record, allowance, out, size)) return rc;
+    if (const std::uint32_t rc = view.bytes().readLive(record, allowance, out, size)) return rc;
     if (!view.type().matches(flags, key, out)) {
-      view.wipe(out, size);
+      wipe(view.type(), out, size);
     } else if (!take(record, size)) {
       return MD_RC_OK;
     }
@@ -146,7 +146,8 @@ std::uint32_t visitMatches(const LogView& view, unsigned long flags, const void*
 
 std::uint32_t findFirst(const LogView& view, unsigned long flags, const void* key, std::byte* out, LiveRecord& found,
                         std::size_t& size) {
-  if (view.isUnique() && view.type().bestIndex(flags) == 0) return view.findByWholeKey(flags, key, out, found, size);
+  if (view.isUnique() && view.type().bestIndex(flags) == 0)
+    return view.lists().findByWholeKey(flags, key, out, found, size);
   std::uint32_t result = GENREG_RC_NOT_FOUND;
   const std::uint32_t rc = visitMatches(view, flags, key, out, [&](const LiveRecord& record, std::size_t recordSize) {
     found = record;

@@ -18,7 +18,7 @@ class LogWindow {
   LogWindow(const LogView& view, std::size_t capacity) : view_(view), capacity_(capacity) {}
 
   // Answers the bytes from offset on: at least `wanted`, if the log and the window's capacity have them.
-  std::uint32_t at(std::uint64_t offset, std::size_t wanted, std::span<const std::byte>& bytes);
+  [[nodiscard]] std::uint32_t at(std::uint64_t offset, std::size_t wanted, std::span<const std::byte>& bytes);
 
  private:
   const LogView& view_;
@@ -33,17 +33,18 @@ class LogScan {
   explicit LogScan(const LogView& view);
 
   // The next live record, copied to out (of the record type's maximum size). GENREG_RC_END_OF_SCAN after the last.
-  std::uint32_t next(std::byte* out, LiveRecord& record, std::size_t& size);
+  [[nodiscard]] std::uint32_t next(std::byte* out, LiveRecord& record, std::size_t& size);
 
  private:
   // Where the next live record lies, and what the log has from its insertion on.
-  std::uint32_t nextPlace(LiveRecord& record, Frame& frame, std::span<const std::byte>& bytes);
-  std::uint32_t collectMoves();
+  [[nodiscard]] std::uint32_t nextPlace(LiveRecord& record, Frame& frame, std::span<const std::byte>& bytes);
+  [[nodiscard]] std::uint32_t collectMoves();
   // Whether the record inserted at a place still lives, and where its newest form lies.
   bool newestForm(std::uint64_t place, std::uint64_t& offset);
-  std::uint32_t headAt(LogWindow& window, std::uint64_t offset, Frame& frame, std::span<const std::byte>& bytes);
-  std::uint32_t decode(LogWindow& window, const Frame& frame, std::span<const std::byte> bytes, std::byte* out,
-                       std::size_t& size);
+  [[nodiscard]] std::uint32_t frameAt(LogWindow& window, std::uint64_t offset, Frame& frame,
+                                      std::span<const std::byte>& bytes);
+  [[nodiscard]] std::uint32_t decode(LogWindow& window, const Frame& frame, std::span<const std::byte> bytes,
+                                     std::byte* out, std::size_t& size);
 
   const LogView& view_;
   std::uint64_t end_;
@@ -57,11 +58,11 @@ class LogScan {
 };
 
 // The first live record in scan order that matches `key` under flags, copied to out. GENREG_RC_NOT_FOUND without one.
-std::uint32_t findFirst(const LogView& view, unsigned long flags, const void* key, std::byte* out, LiveRecord& found,
-                        std::size_t& size);
+[[nodiscard]] std::uint32_t findFirst(const LogView& view, unsigned long flags, const void* key, std::byte* out,
+                                      LiveRecord& found, std::size_t& size);
 
 // All live records that match, in scan order. `out` is room for one record.
-std::uint32_t findAll(const LogView& view, unsigned long flags, const void* key, std::byte* out,
-                      std::vector<LiveRecord>& found);
+[[nodiscard]] std::uint32_t findAll(const LogView& view, unsigned long flags, const void* key, std::byte* out,
+                                    std::vector<LiveRecord>& found);
 
 }  // namespace zon

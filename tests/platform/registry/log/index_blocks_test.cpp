@@ -68,11 +68,12 @@ class IndexBlocks : public ::testing::Test {
   }
 
   std::uint32_t find(std::uint64_t digest, std::vector<std::uint64_t>& offsets) {
-    return visitEntries(file_.get(), SALT, slot_, 0, digest, [&](std::uint64_t offset, Search& search) {
-      offsets.push_back(offset);
-      search = Search::CONTINUE;
-      return MD_RC_OK;
-    });
+    EntrySearch search(file_.get(), SALT, slot_, 0, digest);
+    for (;;) {
+      const Answer<std::uint64_t> entry = search.next();
+      if (entry.rc != MD_RC_OK || entry.value == 0) return entry.rc;
+      offsets.push_back(entry.value);
+    }
   }
 
   static constexpr Segment OLD{.offset = 4608, .blockCount = 8};
