@@ -1,6 +1,7 @@
-// Every cell of the table in docs/damage.md: states of a record file and of its companions, and what a reader, a writer
-// and a writer without the right to repair get. Each answer is held against all that was ever written: a code of 0
-// promises the present records, no record is made up, and what was damaged keeps a name.
+// Every cell of the table in docs/damage.md: states of a record file and of its companions, and what a reader, a
+// writer, a writer who is not to repair, and one who may not give a new file the old one's owner get. Each answer is
+// held against all that was ever written: a code of 0 promises the present records, no record is made up, and what was
+// damaged keeps a name.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -192,6 +193,46 @@ class DamageStates : public ::testing::Test {
     if (state.file != File::SOUND) expectKept(before, where);
   }
 
+  // All belongs to somebody else, and nothing can be given to him.
+  void checkStrangersWriter(const State& state) {
+    const std::string where = state.name() + ", writer of another user";
+    DiskImage before = disk_.image();
+    for (auto& [name, inode] : before.names) before.rights[inode] = Rights{.owner = 7, .group = 8, .accessList = {}};
+    disk_.boot(before);
+    disk_.setBootNumber(boot_);
+    disk_.fault = [&state](Call call) {
+      return call == Call::CHANGE_OWNER || (call == Call::LINK && !state.canLink) ? EPERM : 0;
+    };
+    TestStore store(DISK_FOLDER);
+    const std::uint32_t rc = store.removeAll("", "", 0);
+    if (state.file == File::SOUND) {
+      EXPECT_EQ(rc, MD_RC_OK) << where;
+    } else if (state.file == File::GONE) {
+      EXPECT_EQ(rc, GENREG_RC_NOT_FOUND) << where;
+    } else {
+      EXPECT_EQ(rc, GENREG_RC_NO_PERMISSION) << where;
+      EXPECT_EQ(disk_.image().names.at("store"), before.names.at("store")) << where;
+      expectAnswersOf(state, where);
+    }
+    EXPECT_FALSE(store.hasMetLoss()) << where;
+    if (!state.hasTemporary) {
+      EXPECT_FALSE(disk_.image().has("store.tmp")) << where;
+    }
+    if (state.file != File::SOUND) expectKept(before, where);
+  }
+
+  // Nothing has become worse for readers.
+  void expectAnswersOf(const State& state, const std::string& where) {
+    TestStore store(DISK_FOLDER);
+    std::uint32_t rc = MD_RC_OK;
+    const Values listed = store.list(0, {}, &rc);
+    EXPECT_EQ(rc, state.isLossy() ? GENREG_RC_DAMAGED : MD_RC_OK) << where;
+    if (!state.isLossy()) {
+      EXPECT_EQ(listed, state.isNothingLeft() ? Values{} : truth_) << where;
+    }
+    expectNothingInvented(listed, where);
+  }
+
   // The damaged file, or without one its backup, still has a name.
   void expectKept(const DiskImage& before, const std::string& where) const {
     const std::string name = before.has("store") ? "store" : ".store.bkp";
@@ -229,6 +270,8 @@ TEST_F(DamageStates, AreAnsweredAsTheTableSays) {
         checkWriter(state);
         boot(state);
         checkWriterWithoutRight(state);
+        boot(state);
+        checkStrangersWriter(state);
         ++states;
       }
     }
