@@ -1,0 +1,54 @@
+// See upkeep.h.
+#include "platform/registry/care/upkeep.h"
+
+#include <algorithm>
+
+#include "platform/guarded.h"
+#include "platform/registry/care/backup.h"
+#include "platform/registry/care/compaction.h"
+#include "platform/registry/care/salvage.h"
+
+namespace zon {
+
+namespace {
+
+// The file may be twice as large as its live records and this.
+constexpr std::uint64_t SPACE_SLACK = 65536;
+constexpr std::uint64_t LEAST_GAIN = 16384;
+// Where damage keeps upkeep from its work, and nobody may repair it, it is tried so often, by the file's commits.
+constexpr std::uint64_t BLOCKED_UPKEEP_INTERVAL = 64;
+
+bool isTooLarge(const LogWriter& log) {
+  const format::Slot& slot = log.view().slot();
+  const std::uint64_t limit = 2 * (std::min(slot.recordBytes, slot.liveFrameBytes) + SPACE_SLACK);
+  if (log.isShortOfRoom() && log.deadBytes() >= LEAST_GAIN) return true;
+  return log.fileSize() > limit - limit / 8 && log.deadBytes() >= std::max(LEAST_GAIN, slot.liveFrameBytes / 8);
+}
+
+bool hasBackup(const WriterFiles& files) {
+  FileState backup;
+  return files.settings.keepsBackup &&
+         stateAt(files.directory.get(), files.settings.paths.backup.c_str(), backup) == MD_RC_OK;
+}
+
+}  // namespace
+
+bool isUpkeepPutOff(const LogWriter& log) {
+  return log.isUpkeepBlocked() && log.view().slot().commits % BLOCKED_UPKEEP_INTERVAL != 0;
+}
+
+std::uint32_t doUpkeep(WriterFiles& files, std::unique_ptr<LogWriter>& log) {
+  const std::uint32_t rc =
+      guarded([&] { return isTooLarge(*log) || log->isIndexFull() ? compactWithBackup(files, log) : MD_RC_OK; });
+  if (!files.settings.keepsBackup || isDamage(rc)) return rc;
+  return guarded([&] { return updateBackup(files, *log); });
+}
+
+std::uint32_t compactWithBackup(WriterFiles& files, std::unique_ptr<LogWriter>& log) {
+  if (const std::uint32_t rc = compactLog(files, log)) return rc;
+  const bool isBackedUp = hasBackup(files) && makeBackup(files, log->view()) == MD_RC_OK;
+  log->republish(isBackedUp ? log->view().end() : 0);
+  return MD_RC_OK;
+}
+
+}  // namespace zon
