@@ -7,9 +7,9 @@
 #include <memory>
 #include <string_view>
 
+#include "platform/registry/care/check.h"
 #include "platform/registry/care/salvage.h"
 #include "platform/registry/files/file_io.h"
-#include "platform/registry/log/index_blocks.h"
 #include "platform/registry/reader.h"
 
 namespace zon {
@@ -17,32 +17,6 @@ namespace zon {
 namespace {
 
 constexpr std::string_view FILE_ENGINE_NAME = "file";
-
-bool isArea(const Frame& frame, std::uint64_t packed) {
-  const Segment segment = unpackSegment(packed);
-  return segment.offset == frame.area.blocksOffset && segment.blockCount == frame.area.blockCount;
-}
-
-// Whether every frame and block up to the published end passes its checksum, and the index has its segments there.
-std::uint32_t checkWholeLog(const Reader& reader, std::uint64_t fileSize, bool& damaged) {
-  const LogView& view = reader.view();
-  const RawLog log(view.type(), reader.file(), view.header(), fileSize);
-  Frame frame;
-  std::size_t segments = 0;
-  damaged = false;
-  for (std::uint64_t offset = format::LOG_START; offset < view.end(); offset = frame.end()) {
-    damaged = !log.hasFrame(offset, frame) || frame.end() > view.end();
-    if (!damaged && frame.kind == format::FrameKind::AREA) {
-      if (segments < segmentCount(view.slot()) && isArea(frame, view.slot().segments[segments])) ++segments;
-      const std::uint32_t rc = log.bytes().verifyBlocks(frame.area);
-      if (rc != MD_RC_OK && !isDamage(rc)) return rc;
-      damaged = rc != MD_RC_OK;
-    }
-    if (damaged) break;
-  }
-  damaged = damaged || segments != segmentCount(view.slot());
-  return log.isDeviceFailing() ? GENREG_RC_IO_ERROR : MD_RC_OK;
-}
 
 std::uint64_t unacknowledged(const format::FileHeader& header, std::uint64_t acknowledged) {
   return header.lossyRepairs > acknowledged ? header.lossyRepairs - acknowledged : 0;
@@ -107,9 +81,9 @@ std::uint32_t readStatus(const EngineSettings& settings, GenRegStatus& status) {
   status.fileBytes = state.size;
   if (opened != MD_RC_OK) return fillFromSalvage(reader, status);
   fillStatus(reader, state.size, status);
-  bool damaged = false;
-  const std::uint32_t rc = checkWholeLog(reader, state.size, damaged);
-  status.damaged = damaged ? 1 : 0;
+  bool isDamaged = false;
+  const std::uint32_t rc = checkLog(reader.view(), state.size, isDamaged);
+  status.damaged = isDamaged ? 1 : 0;
   return rc;
 }
 

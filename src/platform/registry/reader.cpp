@@ -1,4 +1,4 @@
-// See reader.h. A record that is not among the intact ones is missing only when nothing was lost.
+// See reader.h.
 #include "platform/registry/reader.h"
 
 #include <fcntl.h>

@@ -1,5 +1,7 @@
-// Answers questions from a record file without any right to write: from the file as it stands, and when that is damaged
-// from what is intact in it and its backup.
+// Answers questions from a record file without any right to write.
+//
+// The rule: from the file as it stands, and when that is damaged from what is intact in it and its backup. A record
+// that is not among the intact ones is missing only when nothing was lost.
 #pragma once
 
 #include <cstddef>
@@ -25,19 +27,19 @@ class Reader {
       : type_(type), filePath_(filePath), backupPath_(backupPath), log_(type) {}
 
   // GENREG_RC_NOT_FOUND when there is no file: it counts as an empty one.
-  std::uint32_t open();
+  [[nodiscard]] std::uint32_t open();
 
   // As GenRegBin::Get.
-  std::uint32_t get(unsigned long flags, const void* key, std::byte* out);
+  [[nodiscard]] std::uint32_t get(unsigned long flags, const void* key, std::byte* out);
 
   const LogView& view() const { return log_.view(); }
   int file() const { return file_.get(); }
 
   // Reads file and backup through for what is intact; of a file that could be opened, in the state that it had then.
-  std::uint32_t salvage(std::unique_ptr<Salvage>& salvage) const;
+  [[nodiscard]] std::uint32_t salvage(std::unique_ptr<Salvage>& salvage) const;
 
  private:
-  std::uint32_t getFromSalvage(unsigned long flags, const void* key, std::byte* out) const;
+  [[nodiscard]] std::uint32_t getFromSalvage(unsigned long flags, const void* key, std::byte* out) const;
 
   const RecordType& type_;
   const char* filePath_;
@@ -63,10 +65,10 @@ class Scan final : public RecordScan {
  private:
   // From the file; once damage was met, from what is intact in it and its backup.
   [[nodiscard]] std::uint32_t nextMatch(unsigned long flags, const void* key, std::byte* out) override;
-  std::uint32_t nextFromLog(unsigned long flags, const void* key, std::byte* out);
-  std::uint32_t nextCandidate(std::byte* out, std::size_t& size);
-  std::uint32_t prepare(unsigned long flags, const void* key);
-  std::uint32_t nextSalvaged(unsigned long flags, const void* key, std::byte* out);
+  [[nodiscard]] std::uint32_t nextFromLog(unsigned long flags, const void* key, std::byte* out);
+  [[nodiscard]] std::uint32_t nextCandidate(std::byte* out, std::size_t& size);
+  [[nodiscard]] std::uint32_t prepare(unsigned long flags, const void* key);
+  [[nodiscard]] std::uint32_t nextSalvaged(unsigned long flags, const void* key, std::byte* out);
 
   const RecordType type_;
   Reader reader_;

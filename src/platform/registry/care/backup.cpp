@@ -30,7 +30,7 @@ bool isBackupDue(const WriterFiles& files, const LogWriter& log) {
   const std::uint64_t reached = view.slot().backupEnd;
   if (reached != 0) return end - reached >= std::max(BACKUP_DISTANCE, end / BACKUP_SHARE);
   if (end - format::LOG_START - log.areaBytes() >= FIRST_BACKUP_DISTANCE) return true;
-  // What a larger file left is made anew all the same.
+  // What a larger file left is replaced all the same.
   FileState state;
   return view.slot().commits % STALE_BACKUP_INTERVAL == 0 &&
          stateAt(files.directory.get(), files.settings.paths.backup.c_str(), state) == MD_RC_OK &&

@@ -19,7 +19,7 @@ namespace zon {
 // Damage kept it from its work, and the writer may not repair it: it is not this commit's turn to try again.
 bool isUpkeepPutOff(const LogWriter& log);
 
-// A backup of what compaction gives up would be no smaller than before: it is made anew with it.
+// A backup of what compaction gives up would be no smaller than before: it is replaced with it.
 [[nodiscard]] std::uint32_t compactWithBackup(WriterFiles& files, std::unique_ptr<LogWriter>& log);
 
 }  // namespace zon

@@ -1,5 +1,7 @@
-// Reading a file of which the device cannot read some places. What cannot be read is answered as bytes that pass no
-// checksum, so that all else of the file is still found.
+// Reading a file of which the device cannot read some places.
+//
+// The rule: what cannot be read is answered as bytes that pass no checksum, so that all else of the file is still
+// found.
 #pragma once
 
 #include <cstddef>
@@ -15,14 +17,15 @@ class BadSectors {
   explicit BadSectors(std::uint64_t fileSize) : fileSize_(fileSize) {}
 
   // As readAt. A place that was bad once is not asked again: a device may take seconds to give it up.
-  std::uint32_t read(int file, std::uint64_t offset, std::span<std::byte> range, std::size_t& got);
+  [[nodiscard]] std::uint32_t read(int file, std::uint64_t offset, std::span<std::byte> range, std::size_t& got);
 
   // The device fails as a whole: nothing could be read, or what could be read before no longer can.
   bool isDeviceFailing(int file) const;
   bool any() const { return !bad_.empty(); }
 
  private:
-  std::uint32_t readBySector(int file, std::uint64_t offset, std::span<std::byte> range, std::size_t& got);
+  [[nodiscard]] std::uint32_t readBySector(int file, std::uint64_t offset, std::span<std::byte> range,
+                                           std::size_t& got);
 
   std::uint64_t fileSize_;
   std::set<std::uint64_t> bad_;
