@@ -88,7 +88,7 @@ std::uint32_t Scan::open() {
   return failed == GENREG_RC_NOT_FOUND ? MD_RC_OK : failed;
 }
 
-// Every byte of a text stands in the log as it is, and a frame's head is larger than a byte for each text.
+// Every byte of a text stands in the log as it is, and a frame's prefix is larger than a byte for each text.
 GenRegScanExtent Scan::extent() const {
   if (salvage_ != nullptr) return {.records = salvage_->count(), .bytes = salvage_->count() * type_.maxSize};
   if (view_ == nullptr) return {};

@@ -15,7 +15,7 @@ namespace {
 constexpr std::uint64_t LONGEST_AREA_LEAD = 1024;
 constexpr std::size_t SEARCH_WINDOW = 256 * 1024;
 // Damaged frames lie side by side, so that reading them all in vain reads the file once. Where that is long exceeded,
-// heads were forged to lie in each other: from then on only short frames are looked for.
+// frames were forged to lie in each other: from then on only short frames are looked for.
 constexpr std::uint64_t MOST_READS_IN_VAIN = 4;
 constexpr std::uint32_t SHORT_FRAME = 1024;
 constexpr std::size_t KIND_OFFSET = sizeof(format::FrameHeader) - 1;
@@ -34,14 +34,14 @@ bool isUnreadable(int file) {
 
 // Without a readable header the salt is still told by the first frame, whose chain field is the salt.
 bool guessSalt(int file, std::size_t indexCount, std::uint32_t& salt) {
-  std::array<std::byte, format::MAX_HEAD_SIZE> bytes;
+  std::array<std::byte, format::MAX_PREFIX_SIZE> bytes;
   std::size_t got = 0;
   if (readAt(file, format::LOG_START, bytes, got) != MD_RC_OK || got < bytes.size()) return false;
   format::FrameHeader header;
   std::memcpy(&header, bytes.data(), sizeof header);
   Frame frame;
   salt = header.chain;
-  return parseHead(bytes, format::LOG_START, FrameKey{.salt = salt, .indexCount = indexCount}, frame) ==
+  return parseFrame(bytes, format::LOG_START, FrameKey{.salt = salt, .indexCount = indexCount}, frame) ==
          ParseResult::OK;
 }
 
@@ -90,7 +90,7 @@ std::uint64_t RawLog::findFrame(std::uint64_t from, std::uint64_t limit) {
   limit = std::min(limit, end_);
   Frame frame;
   for (std::uint64_t at = from; at + sizeof(format::FrameHeader) <= limit; at += format::FRAME_ALIGNMENT) {
-    if (at < windowStart_ || at + format::MAX_HEAD_SIZE > windowStart_ + windowSize_) {
+    if (at < windowStart_ || at + format::MAX_PREFIX_SIZE > windowStart_ + windowSize_) {
       if (at < bytes_.tailStart()) {
         at = skipHole(file(), at, std::min(limit, bytes_.tailStart())) / format::FRAME_ALIGNMENT *
              format::FRAME_ALIGNMENT;
@@ -101,7 +101,7 @@ std::uint64_t RawLog::findFrame(std::uint64_t from, std::uint64_t limit) {
     }
     const auto bytes = std::span<const std::byte>(window_).first(windowSize_).subspan(at - windowStart_);
     const bool mayBeFrame = bytes.size() > KIND_OFFSET && bytes[KIND_OFFSET] != std::byte{0};
-    if (mayBeFrame && parseHead(bytes, at, bytes_.key(), frame) == ParseResult::OK) return at;
+    if (mayBeFrame && parseFrame(bytes, at, bytes_.key(), frame) == ParseResult::OK) return at;
   }
   return limit;
 }

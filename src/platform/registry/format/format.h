@@ -49,7 +49,7 @@ static_assert(offsetof(FileHeader, crc) == 132);
 
 constexpr std::size_t HEADER_READ_SIZE = HEADER_COPY_OFFSET + sizeof(FileHeader);  // both headers and both slots
 
-// An index change that the blocks may not hold durably yet: the newest frame of the chain of this digest. As frames are
+// An index change that the blocks may not hold durably yet: the head of the list of this digest. As frames are
 // aligned, the low three bits of the offset are free to hold the index's number.
 struct OverlayEntry {
   std::uint64_t digest;
@@ -103,20 +103,20 @@ enum class FrameKind : std::uint8_t {
   CHANGE = 2,   // a newer form of the record at a place
   REMOVE = 3,   // the record at a place is gone; the payload is its digests, one for each index
   AREA = 4,     // room for index blocks, which alone are overwritten in place
-  SUMMARY = 5,  // the live records of one chain, so that readers need not walk further
+  SUMMARY = 5,  // the live records of one list, so that readers need not walk further
 };
 
 constexpr std::uint8_t FRAME_LAST = 1;   // flag: this frame completes its commit
 constexpr std::uint8_t FRAME_CLEAN = 2;  // flag of CHANGE and REMOVE: no older frame of the place lies below `below`
-constexpr std::size_t MAX_HEAD_SIZE = 72;
+constexpr std::size_t MAX_PREFIX_SIZE = 72;
 constexpr std::uint64_t LEAST_RECORD_FRAME = 32;  // no record fits a shorter one
 
 // Frames follow each other without gaps from LOG_START on: header, then (by kind) bodies and links, which together are
-// the head, then the payload and zero padding up to FRAME_ALIGNMENT.
+// the prefix, then the payload and zero padding up to FRAME_ALIGNMENT.
 struct FrameHeader {
-  std::uint32_t crc;         // over the head's bytes after it, keyed by file and offset
+  std::uint32_t crc;         // over the prefix's bytes after it, keyed by file and offset
   std::uint32_t chain;       // crc of the frame before; of the first frame: the file's salt
-  std::uint32_t payloadCrc;  // over everything behind the head, padding included; 0 in AREA frames
+  std::uint32_t payloadCrc;  // over everything behind the prefix, padding included; 0 in AREA frames
   std::uint32_t size;        // up to the next frame; a multiple of FRAME_ALIGNMENT
   std::uint64_t link;  // kind << LINK_KIND_SHIFT | flags << LINK_FLAGS_SHIFT | the next older frame in the whole key's
                        // list, or 0
@@ -128,14 +128,14 @@ static_assert(sizeof(FrameHeader) == 24 && offsetof(FrameHeader, link) == 16);
 // Follows the header of CHANGE and REMOVE frames.
 struct EventBody {
   std::uint64_t place;
-  std::uint64_t below;  // in the chain of the whole key: what lies below every older frame of this place
+  std::uint64_t below;  // in the list of the whole key: what lies below every older frame of this place
 };
 
 // One for each index but the first, in INSERT, CHANGE and REMOVE frames.
 struct Link {
   std::uint64_t previous;
-  std::uint32_t events;  // frames in this chain since its last summary, this one included
-  std::uint32_t live;    // live records in this chain
+  std::uint32_t events;  // frames in this list since its last summary, this one included
+  std::uint32_t live;    // live records in this list
 };
 
 // Follows the header of AREA frames; blocks start at the next multiple of BLOCK_SIZE.
@@ -145,7 +145,7 @@ struct AreaBody {
 };
 
 // Follows the header of SUMMARY frames; the payload is `count` entries sorted by place. The header's link leads to the
-// chain's newest frame before the summary.
+// list's head before the summary.
 struct SummaryBody {
   std::uint64_t digest;
   std::uint32_t index;

@@ -1,4 +1,4 @@
-// Checks before it believes: a size or an offset is used only after the head's checksum has passed.
+// Checks before it believes: a size or an offset is used only after the prefix's checksum has passed.
 #include "platform/registry/format/frame.h"
 
 #include <cstring>
@@ -24,7 +24,7 @@ void store(std::vector<std::byte>& out, const T& value) {
   out.insert(out.end(), bytes, bytes + sizeof value);
 }
 
-std::size_t headSizeOf(format::FrameKind kind, std::size_t indexCount) {
+std::size_t prefixSizeOf(format::FrameKind kind, std::size_t indexCount) {
   const std::size_t links = (indexCount - 1) * sizeof(format::Link);
   switch (kind) {
     case format::FrameKind::INSERT:
@@ -44,8 +44,9 @@ std::uint64_t flagsOf(const Frame& frame) {
   return (frame.last ? format::FRAME_LAST : 0u) | (frame.clean ? format::FRAME_CLEAN : 0u);
 }
 
-std::uint32_t headChecksum(std::span<const std::byte> head, std::uint64_t offset, std::uint32_t salt) {
-  return crc32c(checksumStart(salt, offset), head.data() + sizeof(std::uint32_t), head.size() - sizeof(std::uint32_t));
+std::uint32_t prefixChecksum(std::span<const std::byte> prefix, std::uint64_t offset, std::uint32_t salt) {
+  return crc32c(checksumStart(salt, offset), prefix.data() + sizeof(std::uint32_t),
+                prefix.size() - sizeof(std::uint32_t));
 }
 
 std::uint64_t roundUp(std::uint64_t value, std::uint64_t unit) { return (value + unit - 1) / unit * unit; }
@@ -56,7 +57,7 @@ bool isLink(std::uint64_t target, const Frame& frame) {
 }
 
 bool isPossibleArea(const Frame& frame) {
-  return frame.area.blocksOffset == roundUp(frame.offset + frame.headSize, format::BLOCK_SIZE) &&
+  return frame.area.blocksOffset == roundUp(frame.offset + frame.prefixSize, format::BLOCK_SIZE) &&
          frame.area.blockCount > 0 && frame.area.blockCount <= format::MAX_BLOCKS &&
          frame.area.blocksOffset + frame.area.blockCount * format::BLOCK_SIZE == frame.end();
 }
@@ -78,10 +79,10 @@ bool isPossibleEvent(const Frame& frame, std::size_t indexCount) {
   return frame.isRecord() ? frame.payloadSize() > 0 : frame.payloadSize() == indexCount * sizeof(std::uint64_t);
 }
 
-// Whatever its checksum says, what the head promises must be possible. Nothing uses a head before this was asked.
+// Whatever its checksum says, what the prefix promises must be possible. Nothing uses a prefix before this was asked.
 bool isPossible(const Frame& frame, std::size_t indexCount) {
   if (frame.offset < format::LOG_START || frame.end() > format::MAX_OFFSET) return false;
-  if (frame.size < frame.headSize || frame.size % format::FRAME_ALIGNMENT != 0) return false;
+  if (frame.size < frame.prefixSize || frame.size % format::FRAME_ALIGNMENT != 0) return false;
   if (!isLink(frame.previous, frame)) return false;
   if (frame.kind == format::FrameKind::AREA) return isPossibleArea(frame);
   if (frame.kind == format::FrameKind::SUMMARY) return isPossibleSummary(frame, indexCount);
@@ -107,7 +108,7 @@ std::uint64_t Frame::previousIn(std::size_t index) const {
   return links[index - 1].previous;
 }
 
-ParseResult parseHead(std::span<const std::byte> bytes, std::uint64_t offset, const FrameKey& key, Frame& frame) {
+ParseResult parseFrame(std::span<const std::byte> bytes, std::uint64_t offset, const FrameKey& key, Frame& frame) {
   if (bytes.size() < sizeof(format::FrameHeader)) return ParseResult::SHORT;
   const auto header = load<format::FrameHeader>(bytes, 0);
   const auto kind = static_cast<std::uint8_t>(header.link >> format::LINK_KIND_SHIFT);
@@ -117,9 +118,9 @@ ParseResult parseHead(std::span<const std::byte> bytes, std::uint64_t offset, co
   }
   frame = Frame{};
   frame.kind = static_cast<format::FrameKind>(kind);
-  frame.headSize = static_cast<std::uint32_t>(headSizeOf(frame.kind, key.indexCount));
-  if (bytes.size() < frame.headSize) return ParseResult::SHORT;
-  if (headChecksum(bytes.first(frame.headSize), offset, key.salt) != header.crc) return ParseResult::BAD;
+  frame.prefixSize = static_cast<std::uint32_t>(prefixSizeOf(frame.kind, key.indexCount));
+  if (bytes.size() < frame.prefixSize) return ParseResult::SHORT;
+  if (prefixChecksum(bytes.first(frame.prefixSize), offset, key.salt) != header.crc) return ParseResult::BAD;
   frame.offset = offset;
   frame.size = header.size;
   frame.crc = header.crc;
@@ -147,13 +148,13 @@ ParseResult parseHead(std::span<const std::byte> bytes, std::uint64_t offset, co
 
 void appendFrame(Frame& frame, std::span<const std::byte> payload, const FrameKey& key, std::vector<std::byte>& out) {
   const std::size_t start = out.size();
-  frame.headSize = static_cast<std::uint32_t>(headSizeOf(frame.kind, key.indexCount));
+  frame.prefixSize = static_cast<std::uint32_t>(prefixSizeOf(frame.kind, key.indexCount));
   if (frame.kind == format::FrameKind::AREA) {
     frame.size =
         static_cast<std::uint32_t>(frame.area.blocksOffset + frame.area.blockCount * format::BLOCK_SIZE - frame.offset);
     frame.payloadCrc = 0;
   } else {
-    const std::size_t unpadded = frame.headSize + payload.size();
+    const std::size_t unpadded = frame.prefixSize + payload.size();
     frame.size = static_cast<std::uint32_t>((unpadded + format::FRAME_ALIGNMENT - 1) / format::FRAME_ALIGNMENT *
                                             format::FRAME_ALIGNMENT);
     const std::array<std::byte, format::FRAME_ALIGNMENT> padding{};
@@ -173,7 +174,7 @@ void appendFrame(Frame& frame, std::span<const std::byte> payload, const FrameKe
   if (frame.isEvent()) {
     for (std::size_t link = 0; link + 1 < key.indexCount; ++link) store(out, frame.links[link]);
   }
-  frame.crc = headChecksum(std::span(out).subspan(start, frame.headSize), frame.offset, key.salt);
+  frame.crc = prefixChecksum(std::span(out).subspan(start, frame.prefixSize), frame.offset, key.salt);
   std::memcpy(out.data() + start, &frame.crc, sizeof frame.crc);
   if (frame.kind == format::FrameKind::AREA) return;
   out.insert(out.end(), payload.begin(), payload.end());
@@ -185,7 +186,7 @@ void markLast(std::span<std::byte> bytes, Frame& frame, const FrameKey& key) {
   header.link |= std::uint64_t{format::FRAME_LAST} << format::LINK_FLAGS_SHIFT;
   std::memcpy(bytes.data(), &header, sizeof header);
   frame.last = true;
-  frame.crc = headChecksum(bytes.first(frame.headSize), frame.offset, key.salt);
+  frame.crc = prefixChecksum(bytes.first(frame.prefixSize), frame.offset, key.salt);
   std::memcpy(bytes.data(), &frame.crc, sizeof frame.crc);
 }
 

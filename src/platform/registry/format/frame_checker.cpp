@@ -9,31 +9,31 @@ namespace zon {
 
 bool FrameChecker::feed(std::span<const std::byte> bytes) {
   while (!bytes.empty()) {
-    const bool isSound = payloadLeft_ != 0 ? takePayload(bytes) : takeHead(bytes);
+    const bool isSound = payloadLeft_ != 0 ? takePayload(bytes) : takePrefix(bytes);
     if (!isSound) return false;
   }
   return true;
 }
 
-bool FrameChecker::takeHead(std::span<const std::byte>& bytes) {
-  const std::size_t known = headStart_.size();
-  const std::size_t room = std::min(bytes.size(), format::MAX_HEAD_SIZE - known);
-  std::span<const std::byte> head = bytes;
+bool FrameChecker::takePrefix(std::span<const std::byte>& bytes) {
+  const std::size_t known = prefixStart_.size();
+  const std::size_t room = std::min(bytes.size(), format::MAX_PREFIX_SIZE - known);
+  std::span<const std::byte> prefix = bytes;
   if (known != 0) {
-    headStart_.insert(headStart_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(room));
-    head = headStart_;
+    prefixStart_.insert(prefixStart_.end(), bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(room));
+    prefix = prefixStart_;
   }
-  const ParseResult result = parseHead(head, offset_, key_, frame_);
+  const ParseResult result = parseFrame(prefix, offset_, key_, frame_);
   if (result == ParseResult::BAD) return false;
   if (result == ParseResult::SHORT) {
-    if (head.size() >= format::MAX_HEAD_SIZE) return false;
-    if (known == 0) headStart_.assign(bytes.begin(), bytes.end());
+    if (prefix.size() >= format::MAX_PREFIX_SIZE) return false;
+    if (known == 0) prefixStart_.assign(bytes.begin(), bytes.end());
     bytes = {};
     return true;
   }
   if (frame_.chain != chain_) return false;
-  bytes = bytes.subspan(frame_.headSize - known);
-  headStart_.clear();
+  bytes = bytes.subspan(frame_.prefixSize - known);
+  prefixStart_.clear();
   chain_ = frame_.crc;
   offset_ = frame_.end();
   payloadLeft_ = frame_.payloadSize();

@@ -21,17 +21,17 @@ class FrameChecker {
   bool feed(std::span<const std::byte> bytes);
 
   // What was fed ends with a frame, and that frame has this checksum.
-  bool endsWith(std::uint32_t chain) const { return payloadLeft_ == 0 && headStart_.empty() && chain_ == chain; }
+  bool endsWith(std::uint32_t chain) const { return payloadLeft_ == 0 && prefixStart_.empty() && chain_ == chain; }
 
  private:
-  bool takeHead(std::span<const std::byte>& bytes);
+  bool takePrefix(std::span<const std::byte>& bytes);
   bool takePayload(std::span<const std::byte>& bytes);
 
   FrameKey key_;
   std::uint64_t offset_;
   std::uint32_t chain_;
   Frame frame_;
-  std::vector<std::byte> headStart_;  // of a head that goes on in the next bytes
+  std::vector<std::byte> prefixStart_;  // of a prefix that goes on in the next bytes
   std::uint64_t payloadLeft_ = 0;
   std::uint32_t payloadCrc_ = 0;
 };

@@ -57,7 +57,7 @@ struct RecordType {
     return fits && validate(flags, const_cast<void*>(record)) == 0 ? MD_RC_OK : GENREG_RC_BAD_RECORD;
   }
 
-  // Each index has digests of its own: the same text as a group and as a key must not meet in one chain.
+  // Each index has digests of its own: the same text as a group and as a key must not meet in one list.
   std::uint64_t digestFor(std::size_t index, const void* record, std::uint64_t seed) const {
     return digest(indexFlags[index], record, seed + index * format::GOLDEN_RATIO);
   }

@@ -43,11 +43,13 @@ class DigestLists {
  private:
   ReadAllowance newAllowance() const { return ReadAllowance(bytes_.file(), state_.end()); }
   // Looks for the key in the list that starts at a frame.
-  std::uint32_t followWholeKey(std::uint64_t head, unsigned long flags, const void* key, ReadAllowance& allowance,
-                               std::byte* out, LiveRecord& found, std::size_t& size) const;
+  [[nodiscard]] std::uint32_t followWholeKey(std::uint64_t head, unsigned long flags, const void* key,
+                                             ReadAllowance& allowance, std::byte* out, LiveRecord& found,
+                                             std::size_t& size) const;
   Answer<bool> hasDigest(std::uint64_t offset, std::size_t index, std::uint64_t digest, ReadAllowance& allowance) const;
   // All events of a list, in any order; of a removal the offset has its lowest bit set.
-  std::uint32_t collectEvents(std::size_t index, std::uint64_t head, std::vector<LiveRecord>& events) const;
+  [[nodiscard]] std::uint32_t collectEvents(std::size_t index, std::uint64_t head,
+                                            std::vector<LiveRecord>& events) const;
 
   const LogBytes& bytes_;
   const LogState& state_;

@@ -15,7 +15,7 @@ using BootId = std::array<std::uint8_t, 16>;
 
 // The identity of this run of the machine's kernel; all zero when the system does not tell it, or not to us. Any other
 // failure to ask is an answer of its own: who guessed could take a commit under way for one that outlasted a restart.
-std::uint32_t currentBootId(BootId& id);
+[[nodiscard]] std::uint32_t currentBootId(BootId& id);
 
 // What the page cache lives as long as: a run of the kernel, and a mount of the file system in it. Zeros: not known.
 struct RunId {
@@ -60,10 +60,10 @@ struct HeaderPage {
 
 // GENREG_RC_NOT_RECORD_FILE, GENREG_RC_NEWER_FORMAT and GENREG_RC_DAMAGED tell what is wrong with the header itself,
 // RC_STUB that another engine has the records; slots are judged by slotValid.
-std::uint32_t readHeaderPage(int file, HeaderPage& page);
+[[nodiscard]] std::uint32_t readHeaderPage(int file, HeaderPage& page);
 
 // The present run as an open record file is reached in it.
-std::uint32_t currentRun(int file, RunId& run);
+[[nodiscard]] std::uint32_t currentRun(int file, RunId& run);
 
 // For readers: nothing that the slot does not show can be an acknowledged commit, as far as is known.
 bool isOfPresentRun(int file, const format::Slot& slot);

@@ -157,7 +157,7 @@ std::uint32_t LogAppender::appendSummary(const ListMark& mark) {
   std::vector<LiveRecord> live;
   if (const std::uint32_t rc = log_.view.lists().gatherFrom(mark.index, head.value, live)) return rc;
   // It only shortens later walks: on a full disk it is left out, before it takes the room of a removal.
-  const std::uint64_t size = format::MAX_HEAD_SIZE + live.size() * sizeof(format::SummaryEntry);
+  const std::uint64_t size = format::MAX_PREFIX_SIZE + live.size() * sizeof(format::SummaryEntry);
   const std::uint32_t grown = room_.growFor(log_.state.end() + size, REMOVAL_ROOM);
   if (grown != MD_RC_OK) return isOutOfSpace(grown) ? MD_RC_OK : grown;
   static_assert(sizeof(LiveRecord) == sizeof(format::SummaryEntry));
@@ -208,7 +208,7 @@ std::uint32_t LogAppender::appendArea(std::uint64_t blockCount) {
   std::vector<std::byte>& tail = log_.bytes.tailUpTo(frame.offset);
   appendFrame(frame, {}, log_.bytes.key(), tail);
   const Segment segment{.offset = frame.area.blocksOffset, .blockCount = blockCount};
-  if (const std::uint32_t rc = log_.bytes.writeTail(frame.offset + frame.headSize, segment.offset)) return rc;
+  if (const std::uint32_t rc = log_.bytes.writeTail(frame.offset + frame.prefixSize, segment.offset)) return rc;
   if (const std::uint32_t rc = writeEmptyBlocks(log_.bytes.file(), log_.bytes.key().salt, segment)) return rc;
   log_.state.takeArea(frame);
   ++log_.state.slot().commits;

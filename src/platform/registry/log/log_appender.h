@@ -64,13 +64,13 @@ class LogAppender {
   };
 
   Frame newFrame(format::FrameKind kind, std::uint64_t place) const;
-  std::uint32_t appendRemoval(const FoundRecord& found, const Digests& digests);
-  std::uint32_t appendEvent(Frame& frame, const Event& event);
-  std::uint32_t extendLists(Frame& frame, const Digests& digests, int liveChange);
-  std::uint32_t linkInto(std::size_t index, std::uint64_t digest, int liveChange, format::Link& link);
-  std::uint32_t findBelow(Frame& frame) const;
-  std::uint32_t appendSummary(const ListMark& mark);
-  std::uint32_t sizesOf(const FoundRecord& found, RecordSizes& sizes) const;
+  [[nodiscard]] std::uint32_t appendRemoval(const FoundRecord& found, const Digests& digests);
+  [[nodiscard]] std::uint32_t appendEvent(Frame& frame, const Event& event);
+  [[nodiscard]] std::uint32_t extendLists(Frame& frame, const Digests& digests, int liveChange);
+  [[nodiscard]] std::uint32_t linkInto(std::size_t index, std::uint64_t digest, int liveChange, format::Link& link);
+  [[nodiscard]] std::uint32_t findBelow(Frame& frame) const;
+  [[nodiscard]] std::uint32_t appendSummary(const ListMark& mark);
+  [[nodiscard]] std::uint32_t sizesOf(const FoundRecord& found, RecordSizes& sizes) const;
   std::uint64_t nextBlocksOffset() const;
 
   LogParts& log_;

@@ -34,8 +34,8 @@ class LogBuilder {
   [[nodiscard]] std::uint32_t finish();
 
  private:
-  std::uint32_t writeTail();
-  std::uint32_t placeHeads();
+  [[nodiscard]] std::uint32_t writeTail();
+  [[nodiscard]] std::uint32_t placeHeads();
 
   LogParts& log_;
   LogRoom& room_;

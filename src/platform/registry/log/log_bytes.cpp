@@ -22,7 +22,7 @@ bool isFrameOffset(std::uint64_t offset, std::uint64_t end) {
 
 // So much of a frame's payload was read together with its prefix.
 std::span<const std::byte> payloadIn(std::span<const std::byte> first, const Frame& frame) {
-  const std::span<const std::byte> payload = first.subspan(frame.headSize);
+  const std::span<const std::byte> payload = first.subspan(frame.prefixSize);
   return payload.first(std::min<std::size_t>(payload.size(), frame.payloadSize()));
 }
 
@@ -69,7 +69,7 @@ std::uint32_t LogBytes::readPieces(std::uint64_t from, std::uint64_t to, Take ta
 
 std::uint32_t LogBytes::readFrame(std::uint64_t offset, FrameBytes& bytes, Frame& frame) const {
   if (const std::uint32_t rc = read(offset, bytes.bytes, bytes.got)) return rc;
-  return parseHead(bytes.all(), offset, key_, frame) == ParseResult::OK ? MD_RC_OK : GENREG_RC_DAMAGED;
+  return parseFrame(bytes.all(), offset, key_, frame) == ParseResult::OK ? MD_RC_OK : GENREG_RC_DAMAGED;
 }
 
 std::uint32_t LogBytes::readFrameBelow(std::uint64_t offset, std::uint64_t above, FrameBytes& bytes,
@@ -88,7 +88,7 @@ std::uint32_t LogBytes::readRecord(const Frame& frame, std::span<const std::byte
   };
   if (!takes(payload)) return GENREG_RC_DAMAGED;
   std::uint32_t crc = crc32c(0, payload.data(), payload.size());
-  const std::uint64_t at = frame.offset + frame.headSize + payload.size();
+  const std::uint64_t at = frame.offset + frame.prefixSize + payload.size();
   if (at < frame.end()) {
     const std::uint32_t rc = readPieces(at, frame.end(), [&](std::span<const std::byte> piece) {
       crc = crc32c(crc, piece.data(), piece.size());
@@ -121,8 +121,8 @@ std::uint32_t LogBytes::readLive(const LiveRecord& record, ReadAllowance& allowa
 std::uint32_t LogBytes::readRemovedDigests(const Frame& frame, std::span<const std::byte> first,
                                            Digests& digests) const {
   const std::size_t size = type_.indexCount * sizeof(std::uint64_t);
-  if (frame.payloadSize() != size || first.size() < frame.headSize + size) return GENREG_RC_DAMAGED;
-  const std::span<const std::byte> payload = first.subspan(frame.headSize, size);
+  if (frame.payloadSize() != size || first.size() < frame.prefixSize + size) return GENREG_RC_DAMAGED;
+  const std::span<const std::byte> payload = first.subspan(frame.prefixSize, size);
   if (crc32c(0, payload.data(), payload.size()) != frame.payloadCrc) return GENREG_RC_DAMAGED;
   std::memcpy(digests.data(), payload.data(), size);
   return MD_RC_OK;
@@ -146,7 +146,7 @@ std::uint32_t LogBytes::readSummary(const Frame& frame, std::vector<LiveRecord>&
     }
     return true;
   };
-  if (const std::uint32_t rc = readPieces(frame.offset + frame.headSize, frame.end(), takeAll)) return rc;
+  if (const std::uint32_t rc = readPieces(frame.offset + frame.prefixSize, frame.end(), takeAll)) return rc;
   return crc == frame.payloadCrc ? MD_RC_OK : GENREG_RC_DAMAGED;
 }
 
@@ -154,7 +154,7 @@ std::uint32_t LogBytes::verifyPayload(const Frame& frame, std::span<const std::b
   if (frame.kind == format::FrameKind::AREA) return verifyBlocks(frame.area);
   const std::span<const std::byte> payload = payloadIn(first, frame);
   std::uint32_t crc = crc32c(0, payload.data(), payload.size());
-  const std::uint64_t at = frame.offset + frame.headSize + payload.size();
+  const std::uint64_t at = frame.offset + frame.prefixSize + payload.size();
   const std::uint32_t rc = readPieces(at, frame.end(), [&crc](std::span<const std::byte> piece) {
     crc = crc32c(crc, piece.data(), piece.size());
     return true;

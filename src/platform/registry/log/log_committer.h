@@ -52,21 +52,21 @@ class LogCommitter {
  private:
   enum class Stage { PUBLISHED, WRITTEN, DURABLE, ROLLED_BACK };
 
-  std::uint32_t requireAllowedSizes() const;
-  std::uint32_t commitAppended();
-  std::uint32_t writeAll();
-  std::uint32_t sync();
+  [[nodiscard]] std::uint32_t requireAllowedSizes() const;
+  [[nodiscard]] std::uint32_t commitAppended();
+  [[nodiscard]] std::uint32_t writeAll();
+  [[nodiscard]] std::uint32_t sync();
   // False when what was not published may still be found by the next writer.
   bool rollBack();
-  std::uint32_t publish(const std::vector<format::OverlayEntry>& heads);
+  [[nodiscard]] std::uint32_t publish(const std::vector<format::OverlayEntry>& heads);
 
-  std::uint32_t addSegmentFor(std::size_t entries);
-  std::uint32_t appendArea(std::uint64_t blockCount);
+  [[nodiscard]] std::uint32_t addSegmentFor(std::size_t entries);
+  [[nodiscard]] std::uint32_t appendArea(std::uint64_t blockCount);
 
-  std::uint32_t checkpointIfDue(std::uint64_t commitSize);
-  std::uint32_t checkpoint();
-  std::uint32_t place(const std::vector<format::OverlayEntry>& entries);
-  std::uint32_t growIndex();
+  [[nodiscard]] std::uint32_t checkpointIfDue(std::uint64_t commitSize);
+  [[nodiscard]] std::uint32_t checkpoint();
+  [[nodiscard]] std::uint32_t place(const std::vector<format::OverlayEntry>& entries);
+  [[nodiscard]] std::uint32_t growIndex();
 
   LogParts& log_;
   LogRoom& room_;

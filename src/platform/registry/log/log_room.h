@@ -40,7 +40,7 @@ class LogRoom {
   Answer<bool> isZeroFrom(std::uint64_t offset) const;
 
  private:
-  std::uint32_t growTo(std::uint64_t size);
+  [[nodiscard]] std::uint32_t growTo(std::uint64_t size);
 
   int file_ = -1;
   std::uint64_t fileSize_ = 0;

@@ -39,8 +39,8 @@ LogScan::LogScan(const LogView& view)
 
 std::uint32_t LogScan::frameAt(LogWindow& window, std::uint64_t offset, Frame& frame,
                                std::span<const std::byte>& bytes) {
-  if (const std::uint32_t rc = window.at(offset, format::MAX_HEAD_SIZE, bytes)) return rc;
-  const bool isFrame = parseHead(bytes, offset, view_.key(), frame) == ParseResult::OK && frame.end() <= end_;
+  if (const std::uint32_t rc = window.at(offset, format::MAX_PREFIX_SIZE, bytes)) return rc;
+  const bool isFrame = parseFrame(bytes, offset, view_.key(), frame) == ParseResult::OK && frame.end() <= end_;
   return isFrame ? MD_RC_OK : GENREG_RC_DAMAGED;
 }
 

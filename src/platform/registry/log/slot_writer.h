@@ -47,7 +47,7 @@ class SlotWriter {
   [[nodiscard]] std::uint32_t writePublishedAgain();
 
  private:
-  std::uint32_t write(format::Slot& slot);
+  [[nodiscard]] std::uint32_t write(format::Slot& slot);
 
   LogState& state_;
   const RunId run_;

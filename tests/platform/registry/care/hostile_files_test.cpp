@@ -70,16 +70,16 @@ class HostileFiles : public ::testing::Test {
   static std::vector<std::uint64_t> frameOffsets(const Bytes& bytes, const FrameKey& key) {
     std::vector<std::uint64_t> offsets;
     Frame frame;
-    for (std::uint64_t at = format::LOG_START; at + format::MAX_HEAD_SIZE < bytes.size(); at = frame.end()) {
-      if (parseHead(std::span(bytes).subspan(at), at, key, frame) != ParseResult::OK) break;
+    for (std::uint64_t at = format::LOG_START; at + format::MAX_PREFIX_SIZE < bytes.size(); at = frame.end()) {
+      if (parseFrame(std::span(bytes).subspan(at), at, key, frame) != ParseResult::OK) break;
       offsets.push_back(at);
     }
     return offsets;
   }
 
   // Makes the checksum of a frame's head right again.
-  static void sealHead(Bytes& bytes, std::uint64_t offset, std::uint32_t headSize, const FrameKey& key) {
-    const std::uint32_t crc = crc32c(checksumStart(key.salt, offset), bytes.data() + offset + 4, headSize - 4);
+  static void sealHead(Bytes& bytes, std::uint64_t offset, std::uint32_t prefixSize, const FrameKey& key) {
+    const std::uint32_t crc = crc32c(checksumStart(key.salt, offset), bytes.data() + offset + 4, prefixSize - 4);
     storeAt(bytes, offset, crc);
   }
 
@@ -98,13 +98,13 @@ TEST_F(HostileFiles, HeadsWithAnyNumberInAnyField) {
   std::uint64_t cases = 0;
   for (const std::uint64_t offset : offsets) {
     Frame frame;
-    ASSERT_EQ(parseHead(std::span(good).subspan(offset), offset, key, frame), ParseResult::OK);
+    ASSERT_EQ(parseFrame(std::span(good).subspan(offset), offset, key, frame), ParseResult::OK);
     numbers.back() = offset;  // a frame that leads to itself
-    for (std::size_t field = 8; field + 4 <= frame.headSize; field += 4) {
+    for (std::size_t field = 8; field + 4 <= frame.prefixSize; field += 4) {
       for (const std::uint64_t number : numbers) {
         Bytes bytes = good;
         storeAt(bytes, offset + field, static_cast<std::uint32_t>(number >> (field % 8 == 4 ? 32 : 0)));
-        sealHead(bytes, offset, frame.headSize, key);
+        sealHead(bytes, offset, frame.prefixSize, key);
         put(bytes);
         ++cases;
         ASSERT_NO_FATAL_FAILURE(exercise("frame at " + std::to_string(offset) + " field " + std::to_string(field)));

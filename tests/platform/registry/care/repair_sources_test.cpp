@@ -65,7 +65,7 @@ TEST_F(DamagedFiles, FramesOfAnotherHistoryDoNotContinueThisOne) {
   Frame frame;
   const auto header = loadAt<format::FileHeader>(*bytes, 0);
   const FrameKey key{.salt = saltOf(header.fileId), .indexCount = 2};
-  ASSERT_EQ(parseHead(std::span(*bytes).subspan(end), end, key, frame), ParseResult::OK);
+  ASSERT_EQ(parseFrame(std::span(*bytes).subspan(end), end, key, frame), ParseResult::OK);
   ASSERT_TRUE(frame.last);
   history_ = truth_;
   gone_ = {{"g", "never here", ""}};
@@ -124,12 +124,12 @@ TEST_F(DamagedFiles, AnUnfinishedCommitIsNotSalvaged) {
   Frame frame;
   const auto header = loadAt<format::FileHeader>(*bytes, 0);
   const FrameKey key{.salt = saltOf(header.fileId), .indexCount = 2};
-  ASSERT_EQ(parseHead(std::span(from).subspan(end), end, key, frame), ParseResult::OK);
+  ASSERT_EQ(parseFrame(std::span(from).subspan(end), end, key, frame), ParseResult::OK);
   ASSERT_FALSE(frame.last);
   const auto at = static_cast<std::ptrdiff_t>(end);
   std::copy_n(from.begin() + at, frame.size, bytes->begin() + at);
   // The first record, behind the first area, is damaged.
-  ASSERT_EQ(parseHead(std::span(*bytes).subspan(format::LOG_START), format::LOG_START, key, frame), ParseResult::OK);
+  ASSERT_EQ(parseFrame(std::span(*bytes).subspan(format::LOG_START), format::LOG_START, key, frame), ParseResult::OK);
   spoilByte(*bytes, frame.end() + 60);
   history_ = truth_;
   check("an unfinished commit behind the end", bytes);
@@ -250,11 +250,11 @@ TEST_F(DamagedFiles, ASummaryIsNotBelievedWithoutItsChecksum) {
   take();
   const Frame summary = lastFrame(format::FrameKind::SUMMARY);
   // The place of the first of its records, which would then come last.
-  bootWithFlipped(summary.offset + summary.headSize + 5);
+  bootWithFlipped(summary.offset + summary.prefixSize + 5);
   EXPECT_EQ(store.list(GROUP, {"g", "", ""}), truth_);
   // The form that its first record had when it was added: everything about it is possible.
   const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-  const std::size_t entry = summary.offset + summary.headSize;
+  const std::size_t entry = summary.offset + summary.prefixSize;
   storeAt(*bytes, entry + 8, loadAt<std::uint64_t>(*bytes, entry));
   bootWith(bytes);
   EXPECT_EQ(store.list(GROUP, {"g", "", ""}), truth_);

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 
-
 #include "platform/registry/format/crc32c.h"
 
 namespace zon {
@@ -43,7 +42,7 @@ class FrameOfKind : public ::testing::TestWithParam<FrameKind> {
   FrameOfKind() : frame_(frameOf(GetParam())) { appendFrame(frame_, payloadOf(GetParam()), KEY, bytes_); }
 
   ParseResult parse(const Bytes& bytes, std::uint64_t offset = OFFSET, const FrameKey& key = KEY) {
-    return parseHead(bytes, offset, key, parsed_);
+    return parseFrame(bytes, offset, key, parsed_);
   }
 
   Frame frame_;
@@ -73,7 +72,7 @@ TEST_P(FrameOfKind, ComesBackAsItWas) {
 }
 
 TEST_P(FrameOfKind, PassesOnlyWithEveryBitOfItsHead) {
-  for (std::size_t bit = 0; bit < frame_.headSize * std::size_t{8}; ++bit) {
+  for (std::size_t bit = 0; bit < frame_.prefixSize * std::size_t{8}; ++bit) {
     Bytes spoilt = bytes_;
     spoilt[bit / 8] ^= static_cast<std::byte>(1 << bit % 8);
     ASSERT_NE(parse(spoilt), ParseResult::OK) << bit;
@@ -86,10 +85,10 @@ TEST_P(FrameOfKind, PassesAtNoOtherPlaceAndInNoOtherFile) {
 }
 
 TEST_P(FrameOfKind, AsksForTheBytesThatItsHeadNeeds) {
-  for (std::size_t size = 0; size < frame_.headSize; ++size) {
+  for (std::size_t size = 0; size < frame_.prefixSize; ++size) {
     EXPECT_EQ(parse(Bytes(bytes_.begin(), bytes_.begin() + static_cast<std::ptrdiff_t>(size))), ParseResult::SHORT);
   }
-  bytes_.resize(frame_.headSize);
+  bytes_.resize(frame_.prefixSize);
   EXPECT_EQ(parse(bytes_), ParseResult::OK);
 }
 
@@ -107,7 +106,7 @@ TEST_P(FrameOfKind, CoversItsPayloadAndPadding) {
   if (GetParam() == FrameKind::AREA) return;
   ASSERT_EQ(parse(bytes_), ParseResult::OK);
   ASSERT_EQ(bytes_.size(), frame_.size);
-  EXPECT_EQ(crc32c(0, bytes_.data() + frame_.headSize, parsed_.payloadSize()), parsed_.payloadCrc);
+  EXPECT_EQ(crc32c(0, bytes_.data() + frame_.prefixSize, parsed_.payloadSize()), parsed_.payloadCrc);
 }
 
 std::string nameOfKind(const ::testing::TestParamInfo<FrameKind>& kind) {
@@ -127,7 +126,7 @@ class ImpossibleFrames : public ::testing::Test {
     Bytes bytes;
     appendFrame(frame, Bytes(payload), KEY, bytes);
     Frame out;
-    return parseHead(bytes, frame.offset, KEY, out);
+    return parseFrame(bytes, frame.offset, KEY, out);
   }
 };
 
@@ -234,11 +233,11 @@ TEST_F(ImpossibleFrames, AreAreasWhoseBlocksLieElsewhere) {
 }
 
 TEST_F(ImpossibleFrames, HaveNoKnownKind) {
-  Bytes zeros(format::MAX_HEAD_SIZE);
+  Bytes zeros(format::MAX_PREFIX_SIZE);
   Frame out;
-  EXPECT_EQ(parseHead(zeros, OFFSET, KEY, out), ParseResult::BAD);
-  Bytes ones(format::MAX_HEAD_SIZE, std::byte{0xFF});
-  EXPECT_EQ(parseHead(ones, OFFSET, KEY, out), ParseResult::BAD);
+  EXPECT_EQ(parseFrame(zeros, OFFSET, KEY, out), ParseResult::BAD);
+  Bytes ones(format::MAX_PREFIX_SIZE, std::byte{0xFF});
+  EXPECT_EQ(parseFrame(ones, OFFSET, KEY, out), ParseResult::BAD);
 }
 
 }  // namespace

@@ -328,9 +328,9 @@ bool PowerCuts::checkBackup(const DiskImage& image) {
   if (backup.size() < end) return fail("the backup is shorter than it tells");
   Frame frame;
   for (std::uint64_t at = format::LOG_START; at < end; at = frame.end()) {
-    if (parseHead(std::span(bytes).subspan(at), at, key, frame) != ParseResult::OK)
+    if (parseFrame(std::span(bytes).subspan(at), at, key, frame) != ParseResult::OK)
       return fail("the backup is ahead of the file");
-    const std::size_t size = frame.kind == format::FrameKind::AREA ? frame.headSize : frame.size;
+    const std::size_t size = frame.kind == format::FrameKind::AREA ? frame.prefixSize : frame.size;
     if (std::memcmp(&bytes[at], &backup[at], size) != 0) return fail("the backup has other frames than the file");
   }
   return true;

@@ -69,7 +69,7 @@ Frame DamagedFiles::lastFrame(format::FrameKind kind) const {
   Frame last;
   Frame frame;
   for (std::uint64_t at = format::LOG_START; at < used_; at = frame.end()) {
-    if (parseHead(std::span(bytes).subspan(at), at, key, frame) != ParseResult::OK) break;
+    if (parseFrame(std::span(bytes).subspan(at), at, key, frame) != ParseResult::OK) break;
     if (frame.kind == kind) last = frame;
   }
   EXPECT_EQ(last.kind, kind);

@@ -19,7 +19,7 @@ constexpr std::size_t SLOT_HEAD = offsetof(format::Slot, overlay);
 
 format::FrameKind kindAt(std::span<const std::byte> frame) { return static_cast<format::FrameKind>(frame[LINK + 7]); }
 
-std::size_t headSizeOf(format::FrameKind kind, std::size_t indexCount) {
+std::size_t prefixSizeOf(format::FrameKind kind, std::size_t indexCount) {
   const std::size_t links = (indexCount - 1) * sizeof(format::Link);
   switch (kind) {
     case format::FrameKind::INSERT:
@@ -45,7 +45,7 @@ ForgedFile::ForgedFile(FileBytes bytes, std::size_t indexCount) : bytes_(std::mo
   const FrameKey key{.salt = saltOf(header().fileId), .indexCount = indexCount};
   Frame frame;
   for (std::uint64_t at = format::LOG_START; at < bytes_.size(); at = frame.end()) {
-    if (parseHead(std::span(bytes_).subspan(at), at, key, frame) != ParseResult::OK) break;
+    if (parseFrame(std::span(bytes_).subspan(at), at, key, frame) != ParseResult::OK) break;
     if (frame.end() > bytes_.size()) break;
     frames_.push_back(frame);
     if (frame.kind != format::FrameKind::AREA) continue;
@@ -79,16 +79,16 @@ void ForgedFile::sealFrames(std::uint32_t salt) {
   std::unordered_map<std::uint32_t, std::uint32_t> sealed;
   std::uint32_t chain = salt;
   for (const Frame& frame : frames_) {
-    if (frame.offset + frame.headSize > bytes_.size()) break;
+    if (frame.offset + frame.prefixSize > bytes_.size()) break;
     const std::span<std::byte> bytes = std::span(bytes_).subspan(frame.offset);
-    const std::size_t headSize = headSizeOf(kindAt(bytes), indexCount_);
+    const std::size_t prefixSize = prefixSizeOf(kindAt(bytes), indexCount_);
     const std::uint64_t size = get<std::uint32_t>(frame.offset + offsetof(format::FrameHeader, size));
-    if (kindAt(bytes) != format::FrameKind::AREA && size >= headSize && size <= bytes.size()) {
-      set(frame.offset + PAYLOAD_CRC, crc32c(0, bytes.data() + headSize, size - headSize));
+    if (kindAt(bytes) != format::FrameKind::AREA && size >= prefixSize && size <= bytes.size()) {
+      set(frame.offset + PAYLOAD_CRC, crc32c(0, bytes.data() + prefixSize, size - prefixSize));
     }
     set(frame.offset + CHAIN, chain);
-    if (headSize > bytes.size()) break;
-    chain = crc32c(checksumStart(salt, frame.offset), bytes.data() + CHAIN, headSize - CHAIN);
+    if (prefixSize > bytes.size()) break;
+    chain = crc32c(checksumStart(salt, frame.offset), bytes.data() + CHAIN, prefixSize - CHAIN);
     set(frame.offset + CRC, chain);
     sealed[frame.crc] = chain;
   }
@@ -183,7 +183,7 @@ void ForgedFile::mutateFrame(Dice& dice) {
   if (frames_.empty()) return;
   const Frame& frame = frames_[dice.below(frames_.size())];
   // The size, the link with kind and flags, and all that the head has behind them.
-  const std::size_t field = 12 + dice.below((frame.headSize - 12) / 4) * 4;
+  const std::size_t field = 12 + dice.below((frame.prefixSize - 12) / 4) * 4;
   if (field % 8 == 4) return set(frame.offset + field, static_cast<std::uint32_t>(harmfulNumber(dice)));
   const std::uint64_t number = harmfulNumber(dice);
   if (field != LINK) return set(frame.offset + field, number);
@@ -199,7 +199,7 @@ void ForgedFile::mutatePayload(Dice& dice) {
   if (frames_.empty()) return;
   const Frame& frame = frames_[dice.below(frames_.size())];
   if (frame.kind == format::FrameKind::AREA || frame.payloadSize() == 0) return;
-  const std::uint64_t at = frame.offset + frame.headSize;
+  const std::uint64_t at = frame.offset + frame.prefixSize;
   if (!frame.isRecord()) return set(at + dice.below(frame.payloadSize() / 8) * 8, harmfulNumber(dice));
   const std::uint64_t behind = dice.below(4) == 0 ? dice.below(frame.payloadSize()) : dice.below(4);
   set(at + behind, static_cast<std::uint8_t>(dice.next()));

@@ -33,7 +33,7 @@ std::vector<Frame> insertionsOf(const Bytes& bytes) {
   const FrameKey key{.salt = saltOf(loadAt<format::FileHeader>(bytes, 0).fileId), .indexCount = INDEXES};
   Frame frame;
   for (std::uint64_t at = format::LOG_START; at < bytes.size(); at = frame.end()) {
-    if (parseHead(std::span(bytes).subspan(at), at, key, frame) != ParseResult::OK) break;
+    if (parseFrame(std::span(bytes).subspan(at), at, key, frame) != ParseResult::OK) break;
     if (frame.kind == format::FrameKind::INSERT) insertions.push_back(frame);
   }
   return insertions;
