@@ -5,8 +5,10 @@
 
 #include "platform/guarded.h"
 #include "platform/registry/care/backup.h"
+#include "platform/registry/care/check.h"
 #include "platform/registry/care/compaction.h"
 #include "platform/registry/care/salvage.h"
+#include "platform/registry/files/system_calls.h"
 
 namespace zon {
 
@@ -25,10 +27,19 @@ bool isTooLarge(const LogWriter& log) {
   return log.fileSize() > limit - limit / 8 && log.deadBytes() >= std::max(LEAST_GAIN, slot.liveFrameBytes / 8);
 }
 
-bool hasBackup(const WriterFiles& files) {
-  FileState backup;
+bool hasBackup(const WriterFiles& files, FileState& backup) {
   return files.settings.keepsBackup &&
          stateAt(files.directory.get(), files.settings.paths.backup.c_str(), backup) == MD_RC_OK;
+}
+
+// On a full disk only the backup can make room for the file to become smaller; the next one is made when there is room
+// again. Not where it may be needed: for a log that is not whole, or that would not fit its room.
+bool giveUpBackup(const WriterFiles& files, const LogWriter& log) {
+  FileState backup;
+  if (!hasBackup(files, backup) || backup.size < log.view().slot().liveFrameBytes) return false;
+  bool isDamaged = true;
+  if (checkLog(log.view(), log.fileSize(), isDamaged) != MD_RC_OK || isDamaged) return false;
+  return systemCalls.unlinkAt(files.directory.get(), files.settings.paths.backup.c_str(), 0) == 0;
 }
 
 }  // namespace
@@ -45,8 +56,11 @@ std::uint32_t doUpkeep(WriterFiles& files, std::unique_ptr<LogWriter>& log) {
 }
 
 std::uint32_t compactWithBackup(WriterFiles& files, std::unique_ptr<LogWriter>& log) {
-  if (const std::uint32_t rc = compactLog(files, log)) return rc;
-  const bool isBackedUp = hasBackup(files) && makeBackup(files, log->view()) == MD_RC_OK;
+  std::uint32_t rc = compactLog(files, log);
+  if (rc == GENREG_RC_NO_SPACE && giveUpBackup(files, *log)) rc = compactLog(files, log);
+  if (rc != MD_RC_OK) return rc;
+  FileState backup;
+  const bool isBackedUp = hasBackup(files, backup) && makeBackup(files, log->view()) == MD_RC_OK;
   log->republish(isBackedUp ? log->view().end() : 0);
   return MD_RC_OK;
 }
