@@ -1,6 +1,7 @@
 // See check.h.
 #include "platform/registry/care/check.h"
 
+#include "platform/registry/care/raw_log.h"
 #include "platform/registry/care/salvage.h"
 #include "platform/registry/log/index_blocks.h"
 

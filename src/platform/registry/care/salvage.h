@@ -1,7 +1,8 @@
-// What can still be read of a damaged record file, filled up from its backup. Reads only.
+// What can still be read of a damaged record file, filled up from its backup.
 //
-// File and backup of one generation (file id) hold the same bytes at the same offsets, so that a frame that is damaged
-// in one can be taken from the other. A backup of another generation serves only when nothing of the file can be read.
+// The rule: nothing is changed, and nothing older is given for the newest form. File and backup of one generation (file
+// id) hold the same bytes at the same offsets, so that a frame that is damaged in one can be taken from the other. A
+// backup of another generation serves only when nothing of the file can be read.
 //
 // Where the log ends is known when its newest slot is: both slots pass their checksums, or the caller has a view of it.
 // Else it is known when the frames lead to the zeros behind a log; and when the machine was started anew since one of
@@ -16,51 +17,12 @@
 #include <utility>
 #include <vector>
 
+#include "platform/registry/care/raw_log.h"
 #include "platform/registry/files/file_io.h"
 #include "platform/registry/log/file_header.h"
 #include "platform/registry/log/log_view.h"
 
 namespace zon {
-
-// A log read without its slots and index, up to the end of the file.
-class RawLog {
- public:
-  RawLog(const RecordType& type, int file, const format::FileHeader& header, std::uint64_t size);
-
-  // What the writer whose view this is has not put into the file yet is read from its memory.
-  void goOnWith(const LogView& view);
-
-  int file() const { return bytes_.file(); }
-  // Of the file, as nothing tells where the log ends.
-  std::uint64_t end() const { return end_; }
-  const LogBytes& bytes() const { return bytes_; }
-
-  // The frame at offset, whose payload has been checked, its record decoded.
-  bool hasFrame(std::uint64_t offset, Frame& frame) const;
-
-  // The first offset in [from, limit) where a frame seems to begin; limit when there is none. For rising
-  // offsets.
-  std::uint64_t findFrame(std::uint64_t from, std::uint64_t limit);
-
-  // What kept bytes from being read, damage aside.
-  std::uint32_t failure() const { return failure_; }
-  // Some places cannot be read, and the device no longer gives what it gave before, or never gave anything.
-  bool isDeviceFailing() const { return bad_.isDeviceFailing(file()); }
-
- private:
-  bool noteFailure(std::uint32_t rc) const;
-  bool mayRead(const Frame& frame) const;
-
-  mutable BadSectors bad_;
-  LogBytes bytes_;
-  std::uint64_t end_;
-  mutable std::uint32_t failure_ = MD_RC_OK;
-  mutable std::vector<std::byte> record_;
-  mutable std::uint64_t readInVain_ = 0;
-  std::vector<std::byte> window_;
-  std::uint64_t windowStart_ = 0;
-  std::size_t windowSize_ = 0;
-};
 
 // What is wrong with the file may be helped by salvage.
 inline bool isDamage(std::uint32_t rc) {
@@ -77,7 +39,7 @@ class Salvage {
   // Reads both files through; a descriptor of -1 stands for a file that is not there. A caller who has a view of the
   // file gets that very state of it. GENREG_RC_NOT_RECORD_FILE and GENREG_RC_NEWER_FORMAT when there is nothing to
   // salvage, GENREG_RC_IO_ERROR when the device gives nothing.
-  std::uint32_t open(int file, int backup, const LogView* state = nullptr);
+  [[nodiscard]] std::uint32_t open(int file, int backup, const LogView* state = nullptr);
 
   // A writer published something while the files were read through: what was found may be of a commit that is not
   // durable, and is to be read anew.
@@ -88,7 +50,7 @@ class Salvage {
 
   // In scan order.
   std::size_t count() const { return records_.size(); }
-  std::uint32_t readRecord(std::size_t number, std::byte* out, std::size_t& size) const;
+  [[nodiscard]] std::uint32_t readRecord(std::size_t number, std::byte* out, std::size_t& size) const;
 
   // Of the frames that hold them, which are no smaller when the records are inserted anew.
   std::uint64_t frameBytes() const;
@@ -117,12 +79,12 @@ class Salvage {
     bool inBackup;
   };
 
-  std::uint32_t identify(int file, int backup);
+  [[nodiscard]] std::uint32_t identify(int file, int backup);
   void chooseEnd(const HeaderPage* backupPage);
   void takeStateOf(const LogView& view);
   bool tellsOtherHistory(const HeaderPage& filePage, const HeaderPage& backupPage) const;
   std::uint32_t failure() const;
-  std::uint32_t walk();
+  [[nodiscard]] std::uint32_t walk();
   void takeFrame(const Frame& frame, bool inBackup);
   bool frameAt(std::uint64_t offset, Frame& frame, bool& inBackup) const;
   bool isPastEnd(std::uint64_t offset) const;
