@@ -1,5 +1,5 @@
 // Checks a stretch of the log while it streams by: every frame's checksums, and that each follows the one before. Index
-// blocks are not looked at: they are made anew wherever they are needed.
+// blocks are not looked at: whoever needs them writes new ones.
 #pragma once
 
 #include <cstddef>

@@ -1,10 +1,9 @@
-// Carrying heads over to the index blocks.
+// Putting heads into the index blocks: what a checkpoint does.
 //
 // The rule: only heads of published frames are placed (I3), or those of a file that nobody sees yet; and a list has one
 // entry, whose older head is replaced (I5).
 #pragma once
 
-#include <cstdint>
 #include <vector>
 
 #include "platform/registry/format/answer.h"

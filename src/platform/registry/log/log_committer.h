@@ -11,7 +11,7 @@
 // The file takes part in the order of these steps: (1) the frames and the zeros behind them are written; (2) one sync
 // makes them durable, and with them everything written since the sync before: the last slot and the last index blocks;
 // (3) the slot is written, which shows the commit to readers. Afterwards, from PUBLISHED to PUBLISHED, comes a
-// checkpoint when it is due: (4) the slot's overlay, or what the slot had no room for, is carried over to the index
+// checkpoint when it is due: (4) the slot's overlay, or what the slot had no room for, goes on to the index
 // blocks, and the slot says so. Blocks may lag behind, because every reader looks at the overlay first, and walks the
 // frames from indexedEnd on. Steps 3 and 4 need no sync of their own, but where the slot had no room for all heads, or
 // a new mount would not be noticed: a crash of the machine that loses them leaves a durable commit behind the slot's
