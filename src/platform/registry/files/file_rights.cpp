@@ -11,14 +11,19 @@ namespace zon {
 namespace {
 
 constexpr const char* ACCESS_LIST = "system.posix_acl_access";
+constexpr std::size_t COMMON_LIST = 1024;
 constexpr std::size_t LARGEST_LIST = 65536;  // of any attribute
 constexpr std::uint32_t MODE_BITS = 07777;
 
 bool tellsOfNone(int error) { return error == ENODATA || error == EOPNOTSUPP || error == ENOSYS; }
 
 std::uint32_t accessListOf(int file, std::vector<std::byte>& list) {
-  list.resize(LARGEST_LIST);
-  const ssize_t size = systemCalls.getAttribute(file, ACCESS_LIST, list.data(), list.size());
+  list.resize(COMMON_LIST);
+  ssize_t size = systemCalls.getAttribute(file, ACCESS_LIST, list.data(), list.size());
+  if (size < 0 && errno == ERANGE) {
+    list.resize(LARGEST_LIST);
+    size = systemCalls.getAttribute(file, ACCESS_LIST, list.data(), list.size());
+  }
   if (size < 0 && !tellsOfNone(errno)) return codeOfErrno(errno);
   list.resize(size < 0 ? 0 : static_cast<std::size_t>(size));
   return MD_RC_OK;

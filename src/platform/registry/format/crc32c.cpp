@@ -84,6 +84,9 @@ __attribute__((target("sse4.2"))) std::uint32_t crc32cByInstruction(std::uint32_
     }
     state = shifted(OVER_TWO, state) ^ shifted(OVER_ONE, second) ^ third;
   }
+  for (; size >= 32; size -= 32, bytes += 32) {
+    for (std::size_t at = 0; at < 32; at += 8) state = __builtin_ia32_crc32di(state, wordAt(bytes + at));
+  }
   for (; size >= 8; size -= 8, bytes += 8) state = __builtin_ia32_crc32di(state, wordAt(bytes));
   auto state32 = static_cast<std::uint32_t>(state);
   for (; size > 0; --size, ++bytes) state32 = __builtin_ia32_crc32qi(state32, *bytes);

@@ -60,12 +60,11 @@ void encodeZeroRuns(std::span<const std::byte> record, std::vector<std::byte>& o
   }
 }
 
-bool ZeroRunDecoder::takeNumber(std::byte next, std::uint64_t& number) {
-  const auto bits = static_cast<std::uint64_t>(next);
-  number_ |= (bits & 0x7F) << shift_;
+// Complete when shift_ is 0 again.
+bool ZeroRunDecoder::takeNumber(std::uint8_t next, std::uint64_t& number) {
+  number_ |= std::uint64_t{next & 0x7Fu} << shift_;
   shift_ += 7;
-  numberComplete_ = (bits & 0x80) == 0;
-  if (!numberComplete_) return shift_ < 42;  // no record is that large
+  if (next >= 0x80) return shift_ < 42;  // no record is that large
   number = number_;
   number_ = 0;
   shift_ = 0;
@@ -111,10 +110,12 @@ bool ZeroRunDecoder::feed(std::span<const std::byte> piece) {
       if (number_ == 0) state_ = State::ZERO_COUNT;
       continue;
     }
-    std::uint64_t number = 0;
-    if (!takeNumber(piece.front(), number)) return false;
+    const auto next = static_cast<std::uint8_t>(piece.front());
     piece = piece.subspan(1);
-    if (numberComplete_ && !numberDone(number)) return false;
+    // Most numbers are a byte.
+    std::uint64_t number = next;
+    if ((next >= 0x80 || shift_ != 0) && !takeNumber(next, number)) return false;
+    if (shift_ == 0 && !numberDone(number)) return false;
   }
   padding_ += piece.size();
   return true;

@@ -37,7 +37,7 @@ class ZeroRunDecoder {
  private:
   enum class State { SIZE, LITERAL_COUNT, LITERALS, ZERO_COUNT, FINISHED };
 
-  bool takeNumber(std::byte next, std::uint64_t& number);
+  bool takeNumber(std::uint8_t next, std::uint64_t& number);
   bool numberDone(std::uint64_t number);
   void clear(std::uint64_t count);
 
@@ -50,7 +50,6 @@ class ZeroRunDecoder {
   std::uint64_t number_ = 0;
   std::size_t padding_ = 0;
   unsigned shift_ = 0;
-  bool numberComplete_ = false;
 };
 
 }  // namespace zon

@@ -46,11 +46,7 @@ bool hasPossibleSegments(const format::Slot& slot, std::uint64_t& covered) {
   const std::size_t count = segmentCount(slot);
   std::uint64_t from = format::LOG_START;
   covered = 0;
-  for (std::size_t at = 0; at < format::MAX_SEGMENTS; ++at) {
-    if (at >= count) {
-      if (slot.segments[at] != 0) return false;
-      continue;
-    }
+  for (std::size_t at = 0; at < count; ++at) {
     const Segment segment = unpackSegment(slot.segments[at]);
     const std::uint64_t size = segment.blockCount * format::BLOCK_SIZE;
     if (segment.blockCount == 0 || segment.blockCount > format::MAX_BLOCKS) return false;
@@ -58,13 +54,16 @@ bool hasPossibleSegments(const format::Slot& slot, std::uint64_t& covered) {
     covered += size;
     from = segment.offset + size;
   }
-  return true;
+  return std::all_of(slot.segments + count, std::end(slot.segments), [](std::uint64_t packed) { return packed == 0; });
 }
 
+// Every reader asks this of up to 96 entries: the subtraction takes what lies before the log for what lies behind it.
+// REQUIRES: the slot's end is possible.
 bool hasPossibleOverlay(const format::Slot& slot) {
-  return std::all_of(slot.overlay, slot.overlay + slot.overlayCount, [&slot](const format::OverlayEntry& entry) {
+  const std::uint64_t logSize = slot.end - format::LOG_START;
+  return std::all_of(slot.overlay, slot.overlay + slot.overlayCount, [logSize](const format::OverlayEntry& entry) {
     const std::uint64_t index = entry.offsetAndIndex % format::FRAME_ALIGNMENT;
-    return index < format::MAX_INDEXES && isFrameOffset(entry.offsetAndIndex - index, slot);
+    return index < format::MAX_INDEXES && entry.offsetAndIndex - index - format::LOG_START < logSize;
   });
 }
 
@@ -89,11 +88,11 @@ bool isIntact(const format::Slot& slot, std::uint32_t salt) {
          slot.crc == slotChecksum(slot, salt) && isPossible(slot);
 }
 
-using PageBytes = std::array<std::byte, format::HEADER_READ_SIZE>;
+using PageBytes = std::span<std::byte, format::HEADER_READ_SIZE>;
 
 // Reads the page, zeros standing for what lies behind the file's end. A sector that the disk cannot read is all zeros
 // too, and so passes no checksum; the other one has a header and a slot of its own.
-std::uint32_t readPageBytes(int file, PageBytes& bytes, bool& isWhole) {
+std::uint32_t readPageBytes(int file, PageBytes bytes, bool& isWhole) {
   isWhole = true;
   std::size_t got = 0;
   std::uint32_t rc = readAt(file, 0, bytes, got);
@@ -102,7 +101,7 @@ std::uint32_t readPageBytes(int file, PageBytes& bytes, bool& isWhole) {
     return rc;
   }
   for (const std::size_t offset : {std::size_t{0}, format::SECTOR_SIZE}) {
-    const auto sector = std::span(bytes).subspan(offset, std::min(format::SECTOR_SIZE, bytes.size() - offset));
+    const auto sector = bytes.subspan(offset, std::min(format::SECTOR_SIZE, bytes.size() - offset));
     rc = readAt(file, offset, sector, got);
     if (rc != MD_RC_OK && rc != RC_UNREADABLE) return rc;
     if (rc != MD_RC_OK) got = 0;
@@ -113,7 +112,7 @@ std::uint32_t readPageBytes(int file, PageBytes& bytes, bool& isWhole) {
 }
 
 // What a file is that has neither a header nor its copy.
-std::uint32_t judgeWithoutHeader(int file, const PageBytes& bytes, const HeaderPage& page) {
+std::uint32_t judgeWithoutHeader(int file, PageBytes bytes, const HeaderPage& page) {
   FileState state;
   if (const std::uint32_t rc = stateOf(file, state)) return rc;
   if (mayBeStub(bytes, state.size)) return RC_STUB;
@@ -121,17 +120,17 @@ std::uint32_t judgeWithoutHeader(int file, const PageBytes& bytes, const HeaderP
 }
 
 // The header, or its copy when the first one is unreadable.
-std::uint32_t chooseHeader(int file, const PageBytes& bytes, HeaderPage& page) {
-  std::array<format::FileHeader, 2> headers;
-  std::memcpy(&headers[0], bytes.data(), sizeof headers[0]);
-  std::memcpy(&headers[1], bytes.data() + format::HEADER_COPY_OFFSET, sizeof headers[1]);
-  for (std::size_t at = 0; at < headers.size(); ++at) page.headerValid[at] = isIntact(headers[at]);
-  const format::FileHeader& first = headers[0];
-  page.header = !page.headerValid[0] && page.headerValid[1] ? headers[1] : first;
-  if (page.headerValid[0] || page.headerValid[1]) return MD_RC_OK;
+std::uint32_t chooseHeader(int file, PageBytes bytes, HeaderPage& page) {
+  const format::FileHeader& first = page.header;
+  page.headerValid = {isIntact(first), isIntact(page.headerCopy)};
+  if (page.headerValid[0]) return MD_RC_OK;
+  if (page.headerValid[1]) {
+    page.header = page.headerCopy;
+    return MD_RC_OK;
+  }
   if (hasMagic(first) && first.version > format::FORMAT_VERSION && first.version < 0x10000)
     return GENREG_RC_NEWER_FORMAT;
-  return hasMagic(first) || hasMagic(headers[1]) ? GENREG_RC_DAMAGED : judgeWithoutHeader(file, bytes, page);
+  return hasMagic(first) || hasMagic(page.headerCopy) ? GENREG_RC_DAMAGED : judgeWithoutHeader(file, bytes, page);
 }
 
 }  // namespace
@@ -203,14 +202,13 @@ std::size_t HeaderPage::newest() const {
 }
 
 std::uint32_t readHeaderPage(int file, HeaderPage& page) {
-  PageBytes bytes;
+  const PageBytes bytes(writableBytesOf(static_cast<HeaderPageBytes&>(page)));
   if (const std::uint32_t rc = readPageBytes(file, bytes, page.isWhole)) return rc;
   if (const std::uint32_t rc = chooseHeader(file, bytes, page)) return rc;
   const bool isKnown = page.header.version == format::FORMAT_VERSION && page.header.headerSize == format::LOG_START;
   if (!isKnown || page.header.mustUnderstand != 0) return GENREG_RC_NEWER_FORMAT;
   const std::uint32_t salt = saltOf(page.header.fileId);
-  for (std::size_t slot = 0; slot < std::size(format::SLOT_OFFSET); ++slot) {
-    std::memcpy(&page.slots[slot], bytes.data() + format::SLOT_OFFSET[slot], sizeof(format::Slot));
+  for (std::size_t slot = 0; slot < page.slots.size(); ++slot) {
     // A slot that stands in the other one's place was not written there by a writer.
     page.slotValid[slot] = isIntact(page.slots[slot], salt) && page.slots[slot].sequence % 2 == slot;
   }

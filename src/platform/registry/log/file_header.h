@@ -43,9 +43,20 @@ void sealSlot(format::Slot& slot, std::uint32_t salt);
 // The bytes of a slot that count.
 std::size_t slotSize(const format::Slot& slot);
 
-struct HeaderPage {
+// The bytes of the page that count, as they lie in the file.
+struct HeaderPageBytes {
   format::FileHeader header;
+  std::array<std::byte, format::SLOT_OFFSET[0] - sizeof(format::FileHeader)> unused;
   std::array<format::Slot, 2> slots;
+  format::FileHeader headerCopy;
+};
+static_assert(sizeof(HeaderPageBytes) == format::HEADER_READ_SIZE);
+static_assert(offsetof(HeaderPageBytes, slots) == format::SLOT_OFFSET[0]);
+static_assert(format::SLOT_OFFSET[1] == format::SLOT_OFFSET[0] + sizeof(format::Slot));
+static_assert(offsetof(HeaderPageBytes, headerCopy) == format::HEADER_COPY_OFFSET);
+
+// `header` is the copy where only that one passes its checksum.
+struct HeaderPage : HeaderPageBytes {
   std::array<bool, 2> slotValid;
   std::array<bool, 2> headerValid;  // the header and its copy
   // The disk could read all of it. What it could not read fails its checksum, and cannot be written in place.

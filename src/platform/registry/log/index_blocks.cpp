@@ -26,11 +26,20 @@ std::uint32_t blockChecksum(const format::Block& block, std::uint32_t salt, std:
   return crc32c(checksumStart(salt, offset), bytes.data() + sizeof block.crc, usedSize(block) - sizeof block.crc);
 }
 
-// Whatever its checksum says, what a block tells must be possible. Entries may lead behind a reader's end.
-bool isPossible(const format::Block& block) {
-  return std::all_of(block.entries, block.entries + block.count, [](std::uint64_t entry) {
-    return entry >> format::ENTRY_INDEX_SHIFT < format::MAX_INDEXES && entryOffset(entry) >= format::LOG_START;
-  });
+// Whatever its checksum says, what an entry tells must be possible. It may lead behind a reader's end.
+bool isPossible(std::uint64_t entry) {
+  return entry >> format::ENTRY_INDEX_SHIFT < format::MAX_INDEXES && entryOffset(entry) >= format::LOG_START;
+}
+
+// A block that passes its checksum. One that a writer is just overwriting is read again.
+std::uint32_t readSealed(int file, std::uint32_t salt, std::uint64_t offset, format::Block& block) {
+  for (int round = 0; round < MOST_READS; ++round) {
+    std::size_t got = 0;
+    if (const std::uint32_t rc = readAt(file, offset, writableBytesOf(block), got)) return rc;
+    if (got < sizeof block) break;
+    if (block.count <= format::BLOCK_ENTRIES && block.crc == blockChecksum(block, salt, offset)) return MD_RC_OK;
+  }
+  return GENREG_RC_DAMAGED;
 }
 
 // What an entry has in common with all others of the same index and tag: its bits above the offset.
@@ -78,14 +87,9 @@ void sealBlock(format::Block& block, std::uint32_t salt, std::uint64_t offset) {
 }
 
 std::uint32_t readBlock(int file, std::uint32_t salt, std::uint64_t offset, format::Block& block) {
-  for (int round = 0; round < MOST_READS; ++round) {
-    std::size_t got = 0;
-    if (const std::uint32_t rc = readAt(file, offset, writableBytesOf(block), got)) return rc;
-    if (got < sizeof block) break;
-    if (block.count > format::BLOCK_ENTRIES || block.crc != blockChecksum(block, salt, offset)) continue;
-    return isPossible(block) ? MD_RC_OK : GENREG_RC_DAMAGED;
-  }
-  return GENREG_RC_DAMAGED;
+  if (const std::uint32_t rc = readSealed(file, salt, offset, block)) return rc;
+  const bool arePossible = std::all_of(block.entries, block.entries + block.count, isPossible);
+  return arePossible ? MD_RC_OK : GENREG_RC_DAMAGED;
 }
 
 // Behind the last block of a segment comes the next older segment; without one, no block is left.
@@ -99,14 +103,16 @@ std::uint32_t EntrySearch::readNextBlock() {
     if (segmentsLeft_ == 0) return MD_RC_OK;
     probe_.emplace(unpackSegment(slot_.segments[--segmentsLeft_]), digest_);
   }
-  return readBlock(file_, salt_, probe_->offset(), block_);
+  return readSealed(file_, salt_, probe_->offset(), block_);
 }
 
 Answer<std::uint64_t> EntrySearch::next() {
   for (;;) {
     while (probe_.has_value() && nextEntry_ < block_.count) {
       const std::uint64_t entry = block_.entries[nextEntry_++];
-      if (mayBeOf(entry, index_, digest_)) return {.value = entryOffset(entry)};
+      if (!mayBeOf(entry, index_, digest_)) continue;
+      if (!isPossible(entry)) return {.rc = GENREG_RC_DAMAGED};
+      return {.value = entryOffset(entry)};
     }
     if (const std::uint32_t rc = readNextBlock()) return {.rc = rc};
     if (!probe_.has_value()) return {};
