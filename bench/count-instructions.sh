@@ -4,13 +4,14 @@
 #
 # Usage: bench/count-instructions.sh BUILD [OTHER_BUILD]
 #        BUILD: a build tree made with -DZON_BUILD_BENCHMARKS=ON; the last column is BUILD / OTHER_BUILD
-#        RECORDS=10000 in the environment sets the size of the files (default 1000)
+#        RECORDS=10000 in the environment sets the size of the files (default 1000), CALLS='list group' what is counted
 #
 # The rule: a call is the difference between a long and a short loop, so that nothing but calls is counted.
 set -euo pipefail
 
 readonly RECORDS="${RECORDS:-1000}"
-readonly CALLS=(retrieve absent insert update remove list group parents)
+read -ra CALLS <<<"${CALLS:-retrieve absent insert update remove list group parents}"
+readonly CALLS
 readonly SHORT=20
 readonly LONG=220
 

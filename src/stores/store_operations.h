@@ -137,6 +137,16 @@ template <class Layout>
   return file.Delete(flags, match.get());
 }
 
+// Get leaves zeros behind the record, and nothing else where it finds none.
+template <class Layout>
+[[nodiscard]] std::uint32_t getInto(GenRegBin& file, unsigned long flags, const RecordBuffer& match,
+                                    RecordBuffer& result) {
+  const std::uint32_t rc = file.Get(flags, match.get(), result.get());
+  if (rc == MD_RC_OK) result.setTouched(recordSize<Layout>(result.get()));
+  if (rc == GENREG_RC_NOT_FOUND) result.setTouched(0);
+  return rc;
+}
+
 // Any failure empties both outputs.
 template <class Layout>
 [[nodiscard]] std::uint32_t getRecord(GenRegBin& file, const char* source, const Keys<Layout>& keys, DString& data,
@@ -146,9 +156,7 @@ template <class Layout>
     RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
     if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
     putMatch<Layout>(match, keys);
-    const std::uint32_t rc = file.Get(Layout::WHOLE_KEY, match.get(), result.get());
-    if (rc != MD_RC_OK) return rc;
-    result.setTouched(recordSize<Layout>(result.get()));  // Get writes nothing behind the record
+    if (const std::uint32_t rc = getInto<Layout>(file, Layout::WHOLE_KEY, match, result)) return rc;
     const RecordView<Layout> record(result.get());
     data.assign(record.data());
     version.assign(record.version());
@@ -162,15 +170,31 @@ template <class Layout>
   return rc;
 }
 
+// Shows `take` the matching records of an open scan, until it answers another code than 0. Its answer, or
+// GENREG_RC_END_OF_SCAN after the last record, or the code of a failure.
+template <class Layout, class Take>
+[[nodiscard]] std::uint32_t visitRecords(GenRegBin& file, unsigned long flags, const RecordBuffer& match,
+                                         RecordBuffer& result, Take take) {
+  result.setTouched(MAX_RECORD_SIZE<Layout>);
+  std::size_t longest = 0;
+  for (;;) {
+    const std::uint32_t rc = file.GetNext(flags, match.get(), result.get());
+    if (rc == GENREG_RC_END_OF_SCAN) result.setTouched(longest);
+    if (rc != MD_RC_OK) return rc;
+    longest = std::max<std::size_t>(longest, recordSize<Layout>(result.get()));
+    if (const std::uint32_t stop = take(RecordView<Layout>(result.get()))) return stop;
+  }
+}
+
 // Whether any record matches: 0, GENREG_RC_NOT_FOUND, or the code of a failure.
 template <class Layout>
 [[nodiscard]] std::uint32_t findRecord(GenRegBin& file, const char* source, unsigned long flags,
                                        const Keys<Layout>& keys) {
   RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
-  const RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
+  RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
   putMatch<Layout>(match, keys);
-  return file.Get(flags, match.get(), result.get());
+  return getInto<Layout>(file, flags, match, result);
 }
 
 // How many records match; a failure of the scan leaves `count` untouched.
@@ -178,14 +202,16 @@ template <class Layout>
 [[nodiscard]] std::uint32_t countRecords(GenRegBin& file, const char* source, unsigned long flags,
                                          const Keys<Layout>& keys, std::size_t& count) {
   RecordBuffer match(MAX_RECORD_SIZE<Layout>, source);
-  const RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
+  RecordBuffer result(MAX_RECORD_SIZE<Layout>, source);
   if (!match.isAllocated() || !result.isAllocated()) return GENREG_RC_NO_MEMORY;
   putMatch<Layout>(match, keys);
   if (const std::uint32_t rc = file.OpenScan()) return rc;
   ScanScope scan(file);
   std::size_t found = 0;
-  std::uint32_t rc = MD_RC_OK;
-  while ((rc = file.GetNext(flags, match.get(), result.get())) == MD_RC_OK) ++found;
+  const std::uint32_t rc = visitRecords<Layout>(file, flags, match, result, [&found](const RecordView<Layout>&) {
+    ++found;
+    return MD_RC_OK;
+  });
   const std::uint32_t closeRc = scan.close();
   if (rc != GENREG_RC_END_OF_SCAN) return rc;
   if (closeRc == MD_RC_OK) count = found;
@@ -212,16 +238,16 @@ std::uint64_t mostListed(Field field, const GenRegScanExtent& extent) {
 // to be handed out. A failure is left for the listing itself to meet.
 template <class Layout, std::size_t COUNT>
 [[nodiscard]] std::uint32_t measureLists(GenRegBin& file, unsigned long flags, const RecordBuffer& match,
-                                         const RecordBuffer& result, const std::array<ListOutput, COUNT>& lists) {
+                                         RecordBuffer& result, const std::array<ListOutput, COUNT>& lists) {
   std::array<std::uint64_t, COUNT> lengths{};
-  while (file.GetNext(flags, match.get(), result.get()) == MD_RC_OK) {
-    const RecordView<Layout> record(result.get());
+  const std::uint32_t rc = visitRecords<Layout>(file, flags, match, result, [&](const RecordView<Layout>& record) {
     for (std::size_t i = 0; i < COUNT; ++i) {
       lengths[i] += record.text(lists[i].field).size() + LIST_TOKEN.size();
       if (lengths[i] > mostListBytes) return MD_RC_LIST_TOO_LONG;
     }
-  }
-  return MD_RC_OK;
+    return MD_RC_OK;
+  });
+  return rc == MD_RC_LIST_TOO_LONG ? rc : MD_RC_OK;
 }
 
 // Appends the chosen fields of every matching record, each followed by the separator. Without a record all outputs
@@ -257,19 +283,18 @@ template <class Layout, std::size_t COUNT>
   }
 
   std::array<DString, COUNT> gathered;
-  bool foundAny = false;
-  std::uint32_t rc = MD_RC_OK;
-  while ((rc = file.GetNext(flags, match.get(), result.get())) == MD_RC_OK) {
-    const RecordView<Layout> record(result.get());
+  const std::uint32_t rc = visitRecords<Layout>(file, flags, match, result, [&](const RecordView<Layout>& record) {
     for (std::size_t i = 0; i < COUNT; ++i) {
       const std::string_view text = record.text(lists[i].field);
       if (gathered[i].length() + text.size() + LIST_TOKEN.size() > mostListBytes) return MD_RC_LIST_TOO_LONG;
       gathered[i].append(text);
       gathered[i].append(LIST_TOKEN);
     }
-    foundAny = true;
-  }
+    return MD_RC_OK;
+  });
+  if (rc == MD_RC_LIST_TOO_LONG) return rc;
   const std::uint32_t closeRc = scan.close();
+  const bool foundAny = gathered[0].length() > 0;
   for (std::size_t i = 0; i < COUNT; ++i) *lists[i].output = std::move(gathered[i]);
   if (rc != GENREG_RC_END_OF_SCAN) return rc;
   if (closeRc != MD_RC_OK) return closeRc;

@@ -50,21 +50,37 @@ TYPED_TEST(OneKeyStores, ListsKeysEachFollowedByTheSeparator) {
 }
 
 // Record buffers come from the pool of the whole process: none of a record's bytes may reach who gets one next.
-TYPED_TEST(OneKeyStores, RetrieveLeavesNothingInTheBuffersItGivesBack) {
-  const std::size_t sizes[] = {1, 100, 15000, 40000, 1024000};
+void expectCleanBuffers(const std::string& what) {
+  constexpr std::size_t BUFFER_SIZE = 1024148;
+  void* buffers[4] = {};
+  for (void*& buffer : buffers) {
+    ASSERT_EQ(_ossMemAlloc(&buffer, 0, BUFFER_SIZE, 1, "test", 0), 0);
+    const auto* bytes = static_cast<const char*>(buffer);
+    EXPECT_EQ(std::count(bytes, bytes + BUFFER_SIZE, 0), static_cast<std::ptrdiff_t>(BUFFER_SIZE)) << what;
+  }
+  for (void*& buffer : buffers) _ossMemFree(&buffer, 0, 0, "test", 0);
+}
+
+TYPED_TEST(OneKeyStores, LeaveNothingInTheBuffersTheyGiveBack) {
+  const std::size_t sizes[] = {100, 15000, 40000, 1024000, 1};
+  const auto keyOf = [](std::size_t size) { return "key of " + std::to_string(size); };
   for (const std::size_t size : sizes) {
-    ASSERT_EQ(this->insert("key of " + std::to_string(size), std::string(size, 'x')), 0U);
+    ASSERT_EQ(this->insert(keyOf(size), std::string(size, 'x')), 0U);
+    expectCleanBuffers("insert");
+    ASSERT_EQ(this->retrieveAll(), 0U);
+    expectCleanBuffers("list");
   }
   for (const std::size_t size : sizes) {
-    ASSERT_EQ(this->retrieve("key of " + std::to_string(size)), 0U);
-    void* buffers[3] = {};
-    constexpr std::size_t BUFFER_SIZE = 1024148;
-    for (void*& buffer : buffers) {
-      ASSERT_EQ(_ossMemAlloc(&buffer, 0, BUFFER_SIZE, 1, "test", 0), 0);
-      const auto* bytes = static_cast<const char*>(buffer);
-      EXPECT_EQ(std::count(bytes, bytes + BUFFER_SIZE, 0), static_cast<std::ptrdiff_t>(BUFFER_SIZE)) << size;
-    }
-    for (void*& buffer : buffers) _ossMemFree(&buffer, 0, 0, "test", 0);
+    ASSERT_EQ(this->retrieve(keyOf(size)), 0U);
+    expectCleanBuffers("retrieve");
+    ASSERT_EQ(this->insert(keyOf(size), "y"), GENREG_RC_DUPLICATE_KEY);
+    expectCleanBuffers("refused insert");
+    ASSERT_EQ(this->update(keyOf(size), std::string(size, 'y')), 0U);
+    expectCleanBuffers("update");
+    ASSERT_EQ(this->store_.remove(Text(keyOf(size))), 0U);
+    expectCleanBuffers("remove");
+    ASSERT_EQ(this->retrieve(keyOf(size)), GENREG_RC_NOT_FOUND);
+    expectCleanBuffers("retrieve what is absent");
   }
 }
 

@@ -58,7 +58,7 @@ class RecordScan {
 
  private:
   // The next record that matches. Who asks another question in the middle of a scan goes on behind the last record that
-  // he was given.
+  // he was given. Of a record that is not handed out nothing may stay in `out`, unless the call fails.
   [[nodiscard]] virtual std::uint32_t nextMatch(unsigned long flags, const void* key, std::byte* out) = 0;
 
   std::uint32_t failure_ = MD_RC_OK;
@@ -74,6 +74,7 @@ class Records {
   Records& operator=(const Records&) = delete;
   virtual ~Records() = default;
 
+  // Where none matches, nothing may stay in `out` of records that were looked at.
   [[nodiscard]] virtual std::uint32_t get(unsigned long flags, const void* key, std::byte* out) = 0;
   [[nodiscard]] virtual std::uint32_t add(unsigned long flags, const void* record) = 0;
   [[nodiscard]] virtual std::uint32_t change(unsigned long flags, const void* key, const void* record) = 0;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "platform/registry/files/stub.h"
+#include "platform/registry/log/log_bytes.h"
 #include "platform/registry/transaction.h"
 
 namespace zon {
@@ -58,13 +59,15 @@ std::uint32_t Reader::get(unsigned long flags, const void* key, std::byte* out) 
 }
 
 std::uint32_t Reader::getFromSalvage(unsigned long flags, const void* key, std::byte* out) const {
+  // Of a record that turned out to be damaged while it was read.
+  if (isViewOpen_) wipe(type_, out, type_.maxSize);
   std::unique_ptr<Salvage> intact;
   if (const std::uint32_t rc = salvage(intact)) return rc;
-  std::size_t size = type_.maxSize;
   for (std::size_t number = 0; number < intact->count(); ++number) {
-    std::memset(out, 0, std::min(size, type_.maxSize));
+    std::size_t size = 0;
     if (const std::uint32_t rc = intact->readRecord(number, out, size)) return rc;
     if (type_.matches(flags, key, out)) return intact->isNewestForm(number) ? MD_RC_OK : GENREG_RC_DAMAGED;
+    wipe(type_, out, size);
   }
   return intact->lostBytes() > 0 ? GENREG_RC_DAMAGED : GENREG_RC_NOT_FOUND;
 }
@@ -107,6 +110,8 @@ std::uint32_t Scan::nextMatch(unsigned long flags, const void* key, std::byte* o
     if (salvaged == GENREG_RC_NOT_FOUND) return codeForCallers(rc);
     // So had one that a stub was written over, in place.
     if (salvaged == RC_STUB) return GENREG_RC_DAMAGED;
+    // Of a record that turned out to be damaged while it was read.
+    wipe(type_, out, type_.maxSize);
     rc = salvaged != MD_RC_OK ? salvaged : nextSalvaged(flags, key, out);
   }
   const bool isShort = rc == GENREG_RC_END_OF_SCAN && salvage_ != nullptr && salvage_->lostBytes() > 0;
@@ -135,14 +140,16 @@ std::uint32_t Scan::prepare(unsigned long flags, const void* key) {
 std::uint32_t Scan::nextCandidate(std::byte* out, std::size_t& size) {
   LiveRecord record{};
   // Who asks another question in the middle of a scan goes on behind the last record he was given.
-  do {
+  for (;;) {
     if (everything_ != nullptr) {
       if (const std::uint32_t rc = everything_->next(out, record, size)) return rc;
     } else {
       if (nextCandidate_ == candidates_.size()) return GENREG_RC_END_OF_SCAN;
       record = candidates_[nextCandidate_++];
     }
-  } while (record.place <= lastPlace_);
+    if (record.place > lastPlace_) break;
+    if (everything_ != nullptr) wipe(type_, out, size);
+  }
   if (everything_ == nullptr) {
     if (const std::uint32_t rc = view_->bytes().readLive(record, *allowance_, out, size)) return rc;
   }
@@ -156,10 +163,11 @@ std::uint32_t Scan::nextFromLog(unsigned long flags, const void* key, std::byte*
   std::size_t size = 0;
   for (;;) {
     if (const std::uint32_t rc = nextCandidate(out, size)) return rc;
-    if (!type_.matches(flags, key, out)) continue;
-    lastPlace_ = candidatePlace_;
-    return MD_RC_OK;
+    if (type_.matches(flags, key, out)) break;
+    wipe(type_, out, size);
   }
+  lastPlace_ = candidatePlace_;
+  return MD_RC_OK;
 }
 
 std::uint32_t Scan::nextSalvaged(unsigned long flags, const void* key, std::byte* out) {
@@ -168,9 +176,11 @@ std::uint32_t Scan::nextSalvaged(unsigned long flags, const void* key, std::byte
     const std::size_t number = nextSalvaged_++;
     if (salvage_->placeOf(number) <= lastPlace_) continue;
     if (const std::uint32_t rc = salvage_->readRecord(number, out, size)) return rc;
-    if (!type_.matches(flags, key, out)) continue;
-    lastPlace_ = salvage_->placeOf(number);
-    return MD_RC_OK;
+    if (type_.matches(flags, key, out)) {
+      lastPlace_ = salvage_->placeOf(number);
+      return MD_RC_OK;
+    }
+    wipe(type_, out, size);
   }
   return GENREG_RC_END_OF_SCAN;
 }

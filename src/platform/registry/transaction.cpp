@@ -89,6 +89,10 @@ std::uint32_t Transaction::repairBehindChanges() {
   return failure_;
 }
 
+std::uint32_t Transaction::findInScratch(unsigned long flags, const void* key, LiveRecord& found, std::size_t& size) {
+  return scratch_.fill(size, [&](std::byte* out) { return findFirst(log_->view(), flags, key, out, found, size); });
+}
+
 std::uint32_t Transaction::add(unsigned long flags, const void* record) {
   std::size_t size = 0;
   if (const std::uint32_t rc = files_.type.check(flags, record, size)) return rc;
@@ -99,13 +103,13 @@ std::uint32_t Transaction::addSized(unsigned long flags, const void* record, std
   LiveRecord found{};
   std::size_t foundSize = 0;
   if (flags != 0) {
-    const std::uint32_t rc = findFirst(log_->view(), flags, record, scratch_.get(), found, foundSize);
+    const std::uint32_t rc = findInScratch(flags, record, found, foundSize);
     if (rc != GENREG_RC_NOT_FOUND) return rc == MD_RC_OK ? GENREG_RC_DUPLICATE_KEY : rc;
   }
   // Unless the caller's own condition keeps whole keys unique, see whether they still are.
   const unsigned long wholeKey = files_.type.indexFlags[0];
   if (log_->view().isUnique() && (flags == 0 || (flags & ~wholeKey) != 0)) {
-    const std::uint32_t rc = findFirst(log_->view(), wholeKey, record, scratch_.get(), found, foundSize);
+    const std::uint32_t rc = findInScratch(wholeKey, record, found, foundSize);
     if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
     if (rc == MD_RC_OK) log_->setNotUnique();
   }
@@ -121,7 +125,7 @@ std::uint32_t Transaction::change(unsigned long flags, const void* key, const vo
 
 std::uint32_t Transaction::changeSized(unsigned long flags, const void* key, const void* record, std::size_t size) {
   FoundRecord found{};
-  if (const std::uint32_t rc = findFirst(log_->view(), flags, key, scratch_.get(), found.where, found.size)) return rc;
+  if (const std::uint32_t rc = findInScratch(flags, key, found.where, found.size)) return rc;
   if (found.size == size && std::memcmp(scratch_.get(), record, std::min(size, files_.type.maxSize)) == 0) {
     return GENREG_RC_NO_CHANGE;
   }
@@ -131,7 +135,7 @@ std::uint32_t Transaction::changeSized(unsigned long flags, const void* key, con
     if (!other.isThere()) return GENREG_RC_NO_MEMORY;
     LiveRecord same{};
     std::size_t sameSize = 0;
-    const std::uint32_t rc = findFirst(log_->view(), wholeKey, record, other.get(), same, sameSize);
+    const std::uint32_t rc = findFirst(log_->view(), wholeKey, record, other.forWriting(), same, sameSize);
     if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
     if (rc == MD_RC_OK) log_->setNotUnique();
   }
@@ -145,18 +149,19 @@ std::uint32_t Transaction::remove(unsigned long flags, const void* key, bool all
 
 std::uint32_t Transaction::removeFirst(unsigned long flags, const void* key) {
   FoundRecord found{};
-  if (const std::uint32_t rc = findFirst(log_->view(), flags, key, scratch_.get(), found.where, found.size)) return rc;
+  if (const std::uint32_t rc = findInScratch(flags, key, found.where, found.size)) return rc;
   if (const std::uint32_t rc = log_->appendRemove(found, scratch_.get())) return rc;
   return log_->finishCommit();
 }
 
 std::uint32_t Transaction::removeAll(unsigned long flags, const void* key) {
   std::vector<LiveRecord> matches;
-  if (const std::uint32_t rc = findAll(log_->view(), flags, key, scratch_.get(), matches)) return rc;
+  if (const std::uint32_t rc = findAll(log_->view(), flags, key, scratch_.forWriting(), matches)) return rc;
   if (matches.empty()) return GENREG_RC_NOT_FOUND;
   for (const LiveRecord& match : matches) {
     FoundRecord found{.where = match, .size = 0};
-    if (const std::uint32_t rc = log_->view().bytes().readRecord(match.offset, scratch_.get(), found.size)) return rc;
+    if (const std::uint32_t rc = log_->view().bytes().readRecord(match.offset, scratch_.forWriting(), found.size))
+      return rc;
     if (const std::uint32_t rc = log_->appendRemove(found, scratch_.get())) return rc;
   }
   return log_->finishCommit();

@@ -62,6 +62,7 @@ class Transaction {
   // With a view: the state that it has of the file, which need not be published.
   [[nodiscard]] std::uint32_t repair(const LogView* view);
   [[nodiscard]] std::uint32_t repairBehindChanges();
+  [[nodiscard]] std::uint32_t findInScratch(unsigned long flags, const void* key, LiveRecord& found, std::size_t& size);
   [[nodiscard]] std::uint32_t addSized(unsigned long flags, const void* record, std::size_t size);
   [[nodiscard]] std::uint32_t changeSized(unsigned long flags, const void* key, const void* record, std::size_t size);
   [[nodiscard]] std::uint32_t removeFirst(unsigned long flags, const void* key);

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/registry/harness/every_engine.h"
@@ -69,6 +70,44 @@ TEST_P(ReadersOfEveryEngine, MayAskAnotherQuestionInTheMiddleOfAScan) {
   ASSERT_EQ(store_.GetNext(GROUP, group.data(), out.data()), MD_RC_OK);
   EXPECT_EQ(decode(out).key, "k6");
   EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
+}
+
+std::size_t writtenBytes(const std::vector<std::byte>& out) {
+  const auto last = std::find_if(out.rbegin(), out.rend(), [](std::byte byte) { return byte != std::byte{0}; });
+  return static_cast<std::size_t>(out.rend() - last);
+}
+
+// Buffers are cleared for the next user only as far as records were handed out in them.
+TEST_P(ReadersOfEveryEngine, LeaveNothingOfOtherRecordsInTheBufferOfAScan) {
+  ASSERT_EQ(store_.add({"g", "long", noise(900, 1)}), MD_RC_OK);
+  ASSERT_EQ(store_.add({"h", "short", "x"}), MD_RC_OK);
+  ASSERT_EQ(store_.add({"i", "last", noise(800, 2)}), MD_RC_OK);
+  const std::size_t shortSize = encode({"h", "short", "x"}).size();
+  const std::pair<unsigned long, Value> questions[] = {
+      {KEY, {"", "short", ""}}, {GROUP, {"h", "", ""}}, {DATA, {"", "", "x"}}};
+  for (const auto& [flags, match] : questions) {
+    auto key = encode(match, true);
+    std::vector<std::byte> out(key.size());
+    ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
+    ASSERT_EQ(store_.GetNext(flags, key.data(), out.data()), MD_RC_OK);
+    EXPECT_LE(writtenBytes(out), shortSize) << flags;
+    ASSERT_EQ(store_.GetNext(flags, key.data(), out.data()), GENREG_RC_END_OF_SCAN);
+    EXPECT_LE(writtenBytes(out), shortSize) << flags;
+    ASSERT_EQ(store_.CloseScan(), MD_RC_OK);
+  }
+}
+
+TEST_P(ReadersOfEveryEngine, LeaveNothingInTheBufferWhenNoRecordMatches) {
+  const SettingScope collide(digestsCollide, true);
+  for (int at = 0; at < 20; ++at) ASSERT_EQ(store_.add({"g", numbered("k", at), noise(700, 1)}), MD_RC_OK);
+  const std::pair<unsigned long, Value> questions[] = {
+      {WHOLE_KEY, {"g", "none", ""}}, {KEY, {"", "none", ""}}, {GROUP, {"none", "", ""}}, {DATA, {"", "", "none"}}};
+  for (const auto& [flags, match] : questions) {
+    auto key = encode(match, true);
+    std::vector<std::byte> out(key.size());
+    EXPECT_EQ(store_.Get(flags, key.data(), out.data()), GENREG_RC_NOT_FOUND) << flags;
+    EXPECT_EQ(writtenBytes(out), 0u) << flags;
+  }
 }
 
 TEST_P(ReadersOfEveryEngine, AreToldHowMuchAScanDeliversAtMost) {

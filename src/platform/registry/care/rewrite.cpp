@@ -58,8 +58,10 @@ std::uint32_t putAll(LogWriter& fresh, const RecordSource& source, std::byte* re
 }
 
 // The record of the same whole key that is in the log already; GENREG_RC_NOT_FOUND without one.
-std::uint32_t findSameKey(const LogWriter& fresh, const std::byte* record, std::byte* earlier, FoundRecord& found) {
-  return findFirst(fresh.view(), fresh.view().type().indexFlags[0], record, earlier, found.where, found.size);
+std::uint32_t findSameKey(const LogWriter& fresh, const std::byte* record, ScratchRecord& earlier, FoundRecord& found) {
+  return earlier.fill(found.size, [&](std::byte* out) {
+    return findFirst(fresh.view(), fresh.view().type().indexFlags[0], record, out, found.where, found.size);
+  });
 }
 
 }  // namespace
@@ -76,10 +78,10 @@ std::uint32_t insertRepeated(LogWriter& fresh, const RecordSource& source, std::
 std::uint32_t insertAndFindRepeats(LogWriter& fresh, const RecordSource& source, std::byte* record) {
   return putAll(fresh, source, record, [&](std::size_t size) {
     if (!fresh.view().isUnique()) return fresh.appendInsert(record, size);
-    const ScratchRecord earlier(fresh.view().type().maxSize);
+    ScratchRecord earlier(fresh.view().type().maxSize);
     if (!earlier.isThere()) return GENREG_RC_NO_MEMORY;
     FoundRecord found{};
-    const std::uint32_t rc = findSameKey(fresh, record, earlier.get(), found);
+    const std::uint32_t rc = findSameKey(fresh, record, earlier, found);
     if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return rc;
     if (rc == MD_RC_OK) fresh.setNotUnique();
     return fresh.appendInsert(record, size);
@@ -88,10 +90,10 @@ std::uint32_t insertAndFindRepeats(LogWriter& fresh, const RecordSource& source,
 
 std::uint32_t insertNewestOfKeys(LogWriter& fresh, const RecordSource& source, std::byte* record) {
   return putAll(fresh, source, record, [&](std::size_t size) {
-    const ScratchRecord earlier(fresh.view().type().maxSize);
+    ScratchRecord earlier(fresh.view().type().maxSize);
     if (!earlier.isThere()) return GENREG_RC_NO_MEMORY;
     FoundRecord found{};
-    const std::uint32_t rc = findSameKey(fresh, record, earlier.get(), found);
+    const std::uint32_t rc = findSameKey(fresh, record, earlier, found);
     if (rc == GENREG_RC_NOT_FOUND) return fresh.appendInsert(record, size);
     return rc != MD_RC_OK ? rc : fresh.appendChange(found, earlier.get(), record, size);
   });
@@ -102,7 +104,7 @@ namespace {
 // A complete and durable log in the temporary file.
 std::uint32_t build(const WriterFiles& files, const Rewriting& rewriting, const TemporaryFile& temporary,
                     std::unique_ptr<LogWriter>& log) {
-  const ScratchRecord record(files.type.maxSize);
+  ScratchRecord record(files.type.maxSize);
   if (!record.isThere()) return GENREG_RC_NO_MEMORY;
   auto fresh = std::make_unique<LogWriter>(files.type, files.runOf(temporary.file()), files.settings.durable);
   format::FileHeader header;
@@ -114,7 +116,7 @@ std::uint32_t build(const WriterFiles& files, const Rewriting& rewriting, const 
     if (const std::uint32_t rc = keepAsCorruptCopy(files, files.settings.paths.file)) return rc;
   }
   fresh->setAcknowledgedLosses(rewriting.acknowledgedLosses);
-  if (const std::uint32_t rc = rewriting.fill(*fresh, rewriting.source, record.get())) return rc;
+  if (const std::uint32_t rc = rewriting.fill(*fresh, rewriting.source, record.forWriting())) return rc;
   fresh->setCommits(rewriting.commits);
   if (const std::uint32_t rc = fresh->finish()) return rc;
   log = std::move(fresh);

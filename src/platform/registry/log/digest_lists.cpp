@@ -33,10 +33,11 @@ Answer<bool> DigestLists::hasDigest(std::uint64_t offset, std::size_t index, std
     return {.value = digests[index] == digest};
   }
   if (!frame.isRecord()) return {};
-  const ScratchRecord record(bytes_.type().maxSize);
+  ScratchRecord record(bytes_.type().maxSize);
   if (!record.isThere()) return {.rc = GENREG_RC_NO_MEMORY};
   std::size_t size = 0;
-  if (const std::uint32_t rc = bytes_.readRecord(frame, bytes.all(), record.get(), size)) return {.rc = rc};
+  const auto read = [&](std::byte* out) { return bytes_.readRecord(frame, bytes.all(), out, size); };
+  if (const std::uint32_t rc = record.fill(size, read)) return {.rc = rc};
   return {.value = state_.digestOf(index, record.get()) == digest};
 }
 

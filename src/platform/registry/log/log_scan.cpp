@@ -24,13 +24,16 @@ std::uint32_t LogWindow::at(std::uint64_t offset, std::size_t wanted, std::span<
     const std::uint64_t left = view_.end() > offset ? view_.end() - offset : 0;
     const auto length =
         static_cast<std::size_t>(std::min<std::uint64_t>(goesOn ? capacity_ : std::max(wanted, JUMP_SIZE), left));
-    if (buffer_.size() < length) buffer_.resize(length);
+    if (bufferSize_ < length) {
+      buffer_ = std::make_unique_for_overwrite<std::byte[]>(length);
+      bufferSize_ = length;
+    }
     start_ = offset;
     filled_ = 0;
-    if (const std::uint32_t rc = view_.bytes().read(offset, std::span(buffer_).first(length), filled_)) return rc;
+    if (const std::uint32_t rc = view_.bytes().read(offset, std::span(buffer_.get(), length), filled_)) return rc;
   }
   const auto skip = static_cast<std::size_t>(offset - start_);
-  bytes = std::span<const std::byte>(buffer_).subspan(skip, filled_ - skip);
+  bytes = std::span<const std::byte>(buffer_.get() + skip, filled_ - skip);
   return MD_RC_OK;
 }
 

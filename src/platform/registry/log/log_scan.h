@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -23,7 +24,8 @@ class LogWindow {
  private:
   const LogView& view_;
   std::size_t capacity_;
-  std::vector<std::byte> buffer_;
+  std::unique_ptr<std::byte[]> buffer_;  // not cleared: only what was read is looked at
+  std::size_t bufferSize_ = 0;
   std::uint64_t start_ = 0;
   std::size_t filled_ = 0;
 };

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/registry/harness/damage_harness.h"
 #include "platform/registry/harness/simulated_disk.h"
@@ -127,6 +128,35 @@ TEST_F(BadSectorsOnTheDisk, AreHelpedByTheBackup) {
 TEST_F(BadSectorsOnTheDisk, LoseNoMoreThanTheyHold) {
   makeSmall();
   exerciseAll();
+}
+
+// Who is handed a record clears the buffer for the next user no further than that record reaches.
+TEST_F(DamagedFiles, LeaveNothingOfARecordThatIsSpoiltInTheBuffer) {
+  const std::string text = noise(900, 1);
+  {
+    TestStore store(DISK_FOLDER);
+    note(store.add({"g", "long", text}));
+    note(store.add({"h", "short", "x"}));
+    take();
+  }
+  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+  spoilText(*bytes, text.substr(600));
+  bootWith(bytes);
+  TestStore store(DISK_FOLDER);
+  auto key = encode({"", "short", ""}, true);
+  const std::size_t size = encode({"h", "short", "x"}).size();
+  const auto expectNothingBehind = [size](const std::vector<std::byte>& out) {
+    EXPECT_TRUE(std::all_of(out.begin() + static_cast<std::ptrdiff_t>(size), out.end(),
+                            [](std::byte byte) { return byte == std::byte{0}; }));
+  };
+  std::vector<std::byte> out(key.size());
+  ASSERT_EQ(store.Get(KEY, key.data(), out.data()), MD_RC_OK);
+  expectNothingBehind(out);
+  std::vector<std::byte> scanned(key.size());
+  ASSERT_EQ(store.OpenScan(), MD_RC_OK);
+  ASSERT_EQ(store.GetNext(KEY, key.data(), scanned.data()), MD_RC_OK);
+  expectNothingBehind(scanned);
+  store.CloseScan();
 }
 
 }  // namespace
