@@ -33,8 +33,7 @@ constexpr std::array RETURN_CODES{
     ReturnCode{MD_RC_DATA_EMPTY, "MD_RC_DATA_EMPTY", -22306, "23502", "The data is empty. Give at least one byte."},
     ReturnCode{MD_RC_LIST_TOO_LONG, "MD_RC_LIST_TOO_LONG", -22307, "54000",
                "A list would be longer than the 4,294,967,294 bytes that can be handed out. List the keys alone or one "
-               "group at "
-               "a time, and retrieve the records one by one."},
+               "group at a time, and retrieve the records one by one."},
 
     ReturnCode{GENREG_RC_END_OF_SCAN, "GENREG_RC_END_OF_SCAN", -22310, "02000",
                "The scan has delivered its last record. Close it, or open a new one to read again."},
