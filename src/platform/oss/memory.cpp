@@ -10,6 +10,9 @@
 //   MAPPED  anything bigger, a mapping of its own. It grows by moving pages.
 //
 // Nothing here takes a lock, so a fork at any moment leaves the child a service that works.
+//
+// The file is longer than others: accounts, faults, pool and blocks have sections of their own, but meet in each call,
+// where a call from one file to the next would cost more than the work.
 #include <sched.h>
 #include <sys/mman.h>
 #include <unistd.h>
