@@ -75,8 +75,8 @@ std::map<std::string, std::set<std::string>> membersByGroup(const std::string& a
   return members;
 }
 
-constexpr const char* GROUPS = "G:a P>G P:a Q>P R>Q R:b S>G S>P T:a T:c U>T V:a W>V X>W";
-constexpr const char* WITHOUT_A = "R:b T:c U>T";
+constexpr const char* GROUPS = "G:a P>G P:a Q>P R>Q R:b S>G S>P T:a T:c U>T V:a W>V X>W Y:a Z>Y Z:a Z:b N>Z";
+constexpr const char* WITHOUT_A = "R:b T:c U>T Z:b N>Z";
 
 class GroupFailures : public zontest::MetadataTest {
  protected:
