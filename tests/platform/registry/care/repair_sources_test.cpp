@@ -246,15 +246,17 @@ TEST_F(DamagedFiles, ASummaryIsNotBelievedWithoutItsChecksum) {
   TestStore store(DISK_FOLDER);
   store.unsetFeature(GenRegBase::FEATURE_BACKUP);
   for (const char* key : {"a", "b", "c"}) note(store.add({"g", key, "x"}));
+  note(store.change({"g", "b", "changed"}));
   for (int at = 0; at < 60; ++at) note(store.change({"g", "a", std::to_string(at)}));
   take();
   const Frame summary = lastFrame(format::FrameKind::SUMMARY);
   // The place of the first of its records, which would then come last.
   bootWithFlipped(summary.offset + summary.prefixSize + 5);
   EXPECT_EQ(store.list(GROUP, {"g", "", ""}), truth_);
-  // The form that its first record had when it was added: everything about it is possible.
+  // Its second record in the form in which it was added: everything about that is possible.
   const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-  const std::size_t entry = summary.offset + summary.prefixSize;
+  const std::size_t entry = summary.offset + summary.prefixSize + sizeof(format::SummaryEntry);
+  ASSERT_NE(loadAt<std::uint64_t>(*bytes, entry), loadAt<std::uint64_t>(*bytes, entry + 8));
   storeAt(*bytes, entry + 8, loadAt<std::uint64_t>(*bytes, entry));
   bootWith(bytes);
   EXPECT_EQ(store.list(GROUP, {"g", "", ""}), truth_);

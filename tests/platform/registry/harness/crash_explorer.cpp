@@ -114,19 +114,15 @@ void PowerCuts::startAfresh(std::uint64_t seed) {
   random_.seed(seed);
 }
 
-std::uint64_t PowerCuts::publishedEnd() const {
-  const DiskImage image = disk_.image();
+format::Slot PowerCuts::newestSlotIn(const DiskImage& image) {
   const Bytes& bytes = *image.files.at(image.names.at("store"));
-  std::uint64_t newest = 0;
-  std::uint64_t end = 0;
+  format::Slot newest{};
   for (const std::uint64_t offset : format::SLOT_OFFSET) {
-    std::uint64_t sequence = 0;
-    std::memcpy(&sequence, bytes.data() + offset + offsetof(format::Slot, sequence), sizeof sequence);
-    if (sequence < newest) continue;
-    newest = sequence;
-    std::memcpy(&end, bytes.data() + offset + offsetof(format::Slot, end), sizeof end);
+    format::Slot slot;
+    std::memcpy(&slot, bytes.data() + offset, sizeof slot);
+    if (slot.sequence > newest.sequence) newest = slot;
   }
-  return end;
+  return newest;
 }
 
 void PowerCuts::run(const Work& work, std::vector<Values> after, std::uint32_t expected) {

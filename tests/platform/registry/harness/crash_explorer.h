@@ -21,6 +21,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "platform/registry/format/format.h"
 #include "platform/registry/harness/simulated_disk.h"
 #include "platform/registry/harness/test_records.h"
 
@@ -82,8 +83,10 @@ class PowerCuts : public ::testing::Test {
   // An empty disk, and another choice of what is looked at.
   void startAfresh(std::uint64_t seed);
 
-  // The end of the log that the newest slot tells.
-  std::uint64_t publishedEnd() const;
+  static format::Slot newestSlotIn(const DiskImage& image);
+  format::Slot newestSlot() const { return newestSlotIn(disk_.image()); }
+  // The end of the log that it tells.
+  std::uint64_t publishedEnd() const { return newestSlot().end; }
 
   const SettingScope<std::size_t> small_{largestData, SMALL_RECORDS};
   std::uint64_t statesPerPoint_ = 60;

@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/registry/format/format.h"
 #include "platform/registry/harness/crash_explorer.h"
 #include "platform/registry/harness/simulated_disk.h"
 #include "platform/registry/harness/test_records.h"
@@ -217,9 +218,11 @@ TEST_F(FirstWriters, FindWhatWasAppliedToBlocksThatAnotherMountMayHaveLost) {
       const DiskImage whole = disk_.image();
       disk_.boot(cut.newestBut(choice));
       disk_.setBootNumber(boot);
+      const bool hasSlot = publishedEnd() == end;
+      ASSERT_EQ(TestStore(DISK_FOLDER).add(PROBE), MD_RC_OK);
       Value value;
       for (const Value& wanted : now()) {
-        if (publishedEnd() != end) break;  // the slot itself is lost
+        if (!hasSlot) break;  // the slot itself was lost
         ASSERT_EQ(TestStore(DISK_FOLDER).get(wanted.group, wanted.key, value), MD_RC_OK) << at << ' ' << wanted.key;
       }
       disk_.boot(whole);
@@ -232,7 +235,7 @@ TEST_F(FirstWriters, FindWhatWasAppliedToBlocksThatAnotherMountMayHaveLost) {
 // it in, because runs cannot be told apart, it has to be written again.
 TEST_F(FirstWriters, MakeDurableWhatAFailedSyncDroppedBeforeTheyShowIt) {
   disk_.tellsMounts = false;
-  const Value unsure{"g", "unsure", noise(2000, 4)};
+  const Value unsure{"g", "unsure", noise(8000, 4)};  // has pages of its own
   disk_.isRecording = true;
   disk_.log.clear();
   PowerCut cut = cutNow();
@@ -253,19 +256,114 @@ TEST_F(FirstWriters, MakeDurableWhatAFailedSyncDroppedBeforeTheyShowIt) {
   EXPECT_EQ(TestStore(DISK_FOLDER).list(), seen);
 }
 
-// The header that was lost with its sector is there again before the other one's sector is written to.
-TEST_F(PowerCuts, NeverHaveBothHeadersUnderWay) {
-  statesPerPoint_ = 400;
-  addQuietly({"g", "before", ""});
-  addQuietly({"g", "acknowledged", ""});
-  for (const std::size_t sector : {0u, 4096u}) {
+// A reader has seen it, so that no failure may take it back.
+TEST_F(FirstWriters, ShowReadersNothingThatTheyTakeBack) {
+  bool isDone = false;
+  for (std::size_t reading = 0; !isDone; ++reading) {
+    for (std::size_t failing = reading; failing < reading + 12; ++failing) {
+      SCOPED_TRACE("a reader at call " + std::to_string(reading) + ", failing call " + std::to_string(failing));
+      startAnew(lost_);
+      std::size_t calls = 0;
+      bool isReading = false;
+      Values seen;
+      disk_.fault = [&](Call) {
+        if (isReading) return 0;
+        const std::size_t call = calls++;
+        if (call == reading) {
+          isReading = true;
+          seen = TestStore(DISK_FOLDER).list();
+          isReading = false;
+        }
+        return call == failing ? EIO : 0;
+      };
+      static_cast<void>(TestStore(DISK_FOLDER).add(PROBE));
+      disk_.fault = nullptr;
+      isDone = calls <= reading;
+      const Values after = TestStore(DISK_FOLDER).list();
+      ASSERT_TRUE(isPrefix(seen, after)) << ::testing::PrintToString(after);
+    }
+  }
+}
+
+// What the tests below spoil is gone from the cache and from the disk.
+class SpoiltHeaderPages : public FirstWriters {
+ protected:
+  void SetUp() override {
+    FirstWriters::SetUp();
     writeBack();
-    DiskImage torn = oldestNow();
-    const auto bytes = std::make_shared<Bytes>(*torn.files.at(torn.names.at("store")));
-    std::fill_n(bytes->begin() + static_cast<std::ptrdiff_t>(sector), 4096, std::byte{0x55});
-    torn.files[torn.names.at("store")] = bytes;
-    startAnew(torn);
-    add({"g", numbered("after sector ", static_cast<int>(sector)), ""});
+    sound_ = oldestNow();
+  }
+
+  DiskImage spoilt(const std::vector<std::uint64_t>& places) const {
+    DiskImage image = sound_;
+    const auto bytes = std::make_shared<Bytes>(*image.files.at(image.names.at("store")));
+    for (const std::uint64_t place : places) spoilByte(*bytes, place);
+    image.files[image.names.at("store")] = bytes;
+    return image;
+  }
+
+  std::vector<DiskOp> opsOf(const DiskImage& image, const std::function<void()>& work) {
+    disk_.boot(image);
+    disk_.setBootNumber(1);
+    disk_.isRecording = true;
+    disk_.log.clear();
+    work();
+    disk_.isRecording = false;
+    return std::exchange(disk_.log, {});
+  }
+
+  DiskImage sound_;
+};
+
+// A writer died before its sync, and then both slots are lost: a reader who takes in what lies in the file makes it
+// durable first.
+TEST_F(SpoiltHeaderPages, ShowNothingThatIsNotDurable) {
+  const std::vector<DiskOp> dying = opsOf(sound_, [&] {
+    disk_.fault = [isDead = false](Call call) mutable {
+      isDead = isDead || call == Call::SYNC_DATA;
+      return isDead ? EINTR : 0;
+    };
+    EXPECT_NE(TestStore(DISK_FOLDER).add(PROBE), MD_RC_OK);
+    disk_.fault = nullptr;
+  });
+  PowerCut cut(spoilt({format::SLOT_OFFSET[0] + 20, format::SLOT_OFFSET[1] + 20}));
+  for (const DiskOp& op : dying) cut.follow(op);
+  Values seen;
+  const std::vector<DiskOp> reading = opsOf(cut.newest(), [&] { seen = TestStore(DISK_FOLDER).list(); });
+  EXPECT_EQ(seen, with(acknowledged_, PROBE));
+  for (const DiskOp& op : reading) cut.follow(op);
+  startAnew(cut.oldest());
+  EXPECT_EQ(TestStore(DISK_FOLDER).list(), seen);
+}
+
+// One header is lost while the slot in the other one's sector waits to be written: it comes back when that is durable,
+// as a power cut may cost each sector that is under way.
+TEST_F(SpoiltHeaderPages, AreNeverBothUnderWay) {
+  for (const std::uint64_t header : {std::uint64_t{0}, std::uint64_t{format::HEADER_COPY_OFFSET}}) {
+    for (const int before : {1, 2}) {
+      Values values = acknowledged_;
+      const auto add = [&](const char* prefix, int number) {
+        values.push_back({"g", numbered(prefix, number), ""});
+        EXPECT_EQ(TestStore(DISK_FOLDER).add(values.back()), MD_RC_OK);
+      };
+      PowerCut cut(spoilt({header + 20}));
+      const std::vector<DiskOp> earlier = opsOf(sound_, [&] {
+        for (int number = 0; number < before; ++number) add("before", number);
+      });
+      for (const DiskOp& op : earlier) cut.follow(op);
+      const Values acknowledged = values;
+      const std::vector<DiskOp> ops = opsOf(cut.newest(), [&] { add("restoring", 0); });
+      for (std::size_t point = 0; point <= ops.size(); ++point) {
+        for (std::uint64_t state = 0; state < std::min<std::uint64_t>(cut.stateCount(), 2000); ++state) {
+          startAnew(cut.state(state));
+          std::uint32_t rc = MD_RC_OK;
+          const Values found = TestStore(DISK_FOLDER).list(0, {}, &rc);
+          ASSERT_EQ(rc, MD_RC_OK) << header << ", point " << point << ", state " << state;
+          ASSERT_TRUE(isPrefix(acknowledged, found)) << header << ", point " << point << ", state " << state;
+        }
+        if (point < ops.size()) cut.follow(ops[point]);
+      }
+    }
   }
 }
 

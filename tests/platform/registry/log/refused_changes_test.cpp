@@ -72,15 +72,6 @@ class FailedSyncs : public PowerCuts {
     group_ = findName([&](const std::string& name) { return blockOf(GROUP, {name, "", ""}) == full_ + 1; });
   }
 
-  format::Slot newestSlot() const {
-    format::Slot newest{};
-    for (const std::uint64_t offset : format::SLOT_OFFSET) {
-      const auto slot = fromFile<format::Slot>(offset);
-      if (slot.sequence > newest.sequence) newest = slot;
-    }
-    return newest;
-  }
-
   format::Block block(std::uint64_t number) const {
     return fromFile<format::Block>(firstBlock_ + number * format::BLOCK_SIZE);
   }
