@@ -53,7 +53,10 @@ class LogAppender {
   struct ListMark {
     std::size_t index;
     std::uint64_t digest;
-    auto operator<=>(const ListMark&) const = default;
+    bool operator==(const ListMark&) const = default;
+    bool operator<(const ListMark& other) const {
+      return index != other.index ? index < other.index : digest < other.digest;
+    }
   };
   // What an event is appended with, besides its frame.
   struct Event {
