@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the packages that building, testing and checking need on Debian 12, and only those that are missing.
 #
-# Usage: packaging/install-dependencies.sh SET...      sets: build test lint fuzz bench peers coverage bootstrap
+# Usage: packaging/install-dependencies.sh SET...      sets: build test evidence lint fuzz bench peers coverage bootstrap
 #
 # The rule: a machine that has everything is left alone, without root rights and without a network.
 set -euo pipefail
@@ -10,6 +10,7 @@ packages_of() {
   case "$1" in
     build) echo g++ cmake ninja-build pkgconf libcli11-dev ;;
     test) echo libgtest-dev libgmock-dev valgrind ;;
+    evidence) echo python3 e2fsprogs mount ;;
     lint) echo clang-14 libclang-rt-14-dev llvm-14 clang-tidy-14 clang-format-14 shellcheck python3 ;;
     fuzz) echo clang-14 libclang-rt-14-dev llvm-14 ;;
     bench) echo libbenchmark-dev nlohmann-json3-dev ;;
@@ -20,7 +21,7 @@ packages_of() {
     coverage) echo gcovr ;;
     bootstrap) echo debootstrap git ;;
     *)
-      echo "install-dependencies: unknown set '$1'; there are: build test lint fuzz bench peers coverage bootstrap" >&2
+      echo "install-dependencies: unknown set '$1'; there are: build test evidence lint fuzz bench peers coverage bootstrap" >&2
       return 2
       ;;
   esac
@@ -57,7 +58,7 @@ install_packages() {
 
 main() {
   if [[ $# == 0 ]]; then
-    echo "usage: $0 SET...      sets: build test lint fuzz bench peers coverage bootstrap" >&2
+    echo "usage: $0 SET...      sets: build test evidence lint fuzz bench peers coverage bootstrap" >&2
     return 2
   fi
   local set names package wanted=() missing=()

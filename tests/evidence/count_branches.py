@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Counts the branches of the record-file engine that its tests take, and lists those that none takes.
 
-Usage: tests/evidence/count_branches.py [BUILD]      BUILD, by default build/coverage, is made when it is not there
+Usage: tests/evidence/count_branches.py [BUILD]      BUILD, by default build/branches, is made when it is not there
 
 The rule: what the compiler puts in for exceptions (the way out of each call) is no branch of ours and not counted;
 everything else is, and what no test takes is listed with its line, in BUILD/untaken.txt, for somebody to justify or test.
@@ -75,7 +75,7 @@ def count_lines(name, lines, taken):
 
 
 def main():
-    build = Path(sys.argv[1] if len(sys.argv) > 1 else ROOT / "build" / "coverage").resolve()
+    build = Path(sys.argv[1] if len(sys.argv) > 1 else ROOT / "build" / "branches").resolve()
     build_and_test(build)
     taken = branches_of(build)
     untaken = sorted(place for place, count in taken.items() if count == 0)

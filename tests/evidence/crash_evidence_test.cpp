@@ -4,7 +4,6 @@
 // ZON_EVIDENCE_SECONDS sets how long, ZON_EVIDENCE_SEED with which history it begins.
 #include <gtest/gtest.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
 

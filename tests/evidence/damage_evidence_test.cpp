@@ -12,8 +12,6 @@
 #include <cstdint>
 #include <memory>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "evidence/random_history.h"
 #include "platform/registry/harness/damage_harness.h"

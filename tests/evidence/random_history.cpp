@@ -1,8 +1,6 @@
 // See random_history.h. Data never repeats, so that no change is without effect.
 #include "evidence/random_history.h"
 
-#include <algorithm>
-
 namespace zon::test {
 namespace {
 
