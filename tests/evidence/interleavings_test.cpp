@@ -67,8 +67,6 @@ Answer modelChange(Values& values, const Value& from, const Value& to) {
   const auto found = find(values, from);
   if (found == values.end()) return {GENREG_RC_NOT_FOUND, {}};
   if (*found == to) return {GENREG_RC_NO_CHANGE, {}};
-  if ((from.group != to.group || from.key != to.key) && find(values, to) != values.end())
-    return {GENREG_RC_DUPLICATE_KEY, {}};
   *found = to;
   return {};
 }
@@ -213,7 +211,7 @@ const std::vector<Program>& programs() {
       {change({"g0", "k0", "changed"}), remove(NEW)},
       {batch({{"g0", "b1", "b"}, {"g1", "b2", noise(200, 23)}, NEW}), get(FIRST)},
       {removeGroup("g0"), add({"g0", "again", "a"})},
-      {rename(FIRST, NEW), compact()},
+      {rename(FIRST, {"g0", "renamed", noise(100, 24)}), compact()},
       {list(""), get(FIRST)},
       {list("g0"), list("")},
   };
