@@ -64,13 +64,22 @@ def branches_of(build):
     return taken
 
 
+def without_calls(branches):
+    """Without the pairs that a call makes: its way on, and its way out when something is thrown."""
+    ours, at = [], 0
+    while at < len(branches):
+        pair = branches[at:at + 2]
+        if any(branch["throw"] for branch in pair):
+            at += 2
+        else:
+            ours.append(branches[at])
+            at += 1
+    return ours
+
+
 def count_lines(name, lines, taken):
     for line in lines:
-        ours = [branch for branch in line["branches"] if not branch["throw"]]
-        # Every other branch of a call is its way on when nothing is thrown: that is none of ours either.
-        if len(ours) < 2:
-            continue
-        for number, branch in enumerate(ours):
+        for number, branch in enumerate(without_calls(line["branches"])):
             taken[name, line["line_number"], number] += branch["count"]
 
 
