@@ -1,18 +1,16 @@
 // A record file and a backup made by somebody else: reading them, and then writing to them, must never crash, hang, or
 // answer with data that is not in them; what a writer acknowledged is found. The input is the file, and behind it, if
 // a trailer says so, the backup. Inputs are changed number by number, with checksums that are right again.
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "platform/registry/harness/forged_file.h"
+#include "support/temporary_folder.h"
 #include "zonmdfile/MDCustomTree.h"
 #include "zonmdfile/platform/admin.h"
 
@@ -20,22 +18,20 @@ extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, st
 
 namespace {
 
+using zon::test::contentOf;
 using zon::test::Dice;
 using zon::test::FileBytes;
 using zon::test::ForgedFile;
+using zon::test::putContent;
 
 constexpr std::size_t INDEXES = 1;
 constexpr const char* KEY = "key";
 
 const std::filesystem::path& folder() {
-  static const std::filesystem::path path = [] {
-    const auto parent = std::filesystem::exists("/dev/shm") ? "/dev/shm" : std::filesystem::temp_directory_path();
-    std::string name = (parent / "record_file_fuzz.XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) std::abort();
-    setMetadataPath(name.c_str());
-    return std::filesystem::path(name);
-  }();
-  return path;
+  static const zontest::TemporaryFolder made(zontest::inMemory());
+  static const bool isSet = setMetadataPath(made.path().c_str()) == 0;
+  if (!isSet) std::abort();
+  return made.path();
 }
 
 std::filesystem::path filePath() { return folder() / MDCustomTree::FILENAME; }
@@ -44,19 +40,6 @@ std::filesystem::path backupPath() { return folder() / ("." + std::string(MDCust
 void makeFolder() {
   std::filesystem::remove_all(folder());
   std::filesystem::create_directory(folder());
-}
-
-FileBytes contentOf(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  const std::string content((std::istreambuf_iterator<char>(file)), {});
-  FileBytes bytes(content.size());
-  std::memcpy(bytes.data(), content.data(), content.size());
-  return bytes;
-}
-
-void putContent(const std::filesystem::path& path, const FileBytes& bytes) {
-  std::ofstream(path, std::ios::binary)
-      .write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
 }
 
 // Ends an input that has a backup: so many of the bytes before it are the backup's.

@@ -2,6 +2,9 @@
 #include "platform/registry/harness/forged_file.h"
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <string>
 #include <unordered_map>
 
 #include "platform/registry/format/crc32c.h"
@@ -33,6 +36,19 @@ std::size_t prefixSizeOf(format::FrameKind kind, std::size_t indexCount) {
 }
 
 }  // namespace
+
+FileBytes contentOf(const std::filesystem::path& path) {
+  std::ifstream file(path, std::ios::binary);
+  const std::string content((std::istreambuf_iterator<char>(file)), {});
+  FileBytes bytes(content.size());
+  std::memcpy(bytes.data(), content.data(), content.size());
+  return bytes;
+}
+
+void putContent(const std::filesystem::path& path, const FileBytes& bytes) {
+  std::ofstream file(path, std::ios::binary);
+  file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+}
 
 std::uint64_t Dice::next() {
   std::uint64_t mixed = state_ += 0x9E3779B97F4A7C15u;

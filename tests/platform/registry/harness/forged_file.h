@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <cstring>
+#include <filesystem>
 #include <span>
 #include <vector>
 
@@ -14,6 +15,9 @@
 namespace zon::test {
 
 using FileBytes = std::vector<std::byte>;
+
+FileBytes contentOf(const std::filesystem::path& path);
+void putContent(const std::filesystem::path& path, const FileBytes& bytes);
 
 // Numbers without a pattern, the same for the same seed.
 class Dice {

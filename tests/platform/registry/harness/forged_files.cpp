@@ -2,10 +2,7 @@
 #include "platform/registry/harness/forged_files.h"
 
 #include <cerrno>
-#include <cstring>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <set>
 #include <utility>
 
@@ -203,19 +200,6 @@ class Meeting {
 };
 
 }  // namespace
-
-FileBytes contentOf(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  const std::string content((std::istreambuf_iterator<char>(file)), {});
-  FileBytes bytes(content.size());
-  std::memcpy(bytes.data(), content.data(), content.size());
-  return bytes;
-}
-
-void putContent(const std::filesystem::path& path, const FileBytes& bytes) {
-  std::ofstream file(path, std::ios::binary);
-  file.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
-}
 
 ssize_t evenRandom(void* data, std::size_t size, unsigned) {
   static Dice dice(1);

@@ -21,9 +21,6 @@ constexpr std::size_t SMALL_RECORDS = 4096;
 constexpr std::size_t INDEXES = 2;
 const Value PROBE{"probe", "probe", "acknowledged"};
 
-FileBytes contentOf(const std::filesystem::path& path);
-void putContent(const std::filesystem::path& path, const FileBytes& bytes);
-
 // The engine's random numbers are the same in every run, so that the same seed makes the same file.
 ssize_t evenRandom(void* data, std::size_t size, unsigned);
 
