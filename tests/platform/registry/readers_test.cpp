@@ -26,19 +26,7 @@ namespace {
 class Readers : public EnginePromises {};
 
 TEST_F(Readers, SeeAMissingFileAsAnEmptyOneAndMakeNone) {
-  Value value;
-  GenRegStatus status;
-  EXPECT_EQ(store_.get("g", "k", value), GENREG_RC_NOT_FOUND);
-  std::uint32_t rc = GENREG_RC_INTERNAL;
-  EXPECT_TRUE(store_.list(0, {}, &rc).empty());
-  EXPECT_EQ(rc, MD_RC_OK);
-  EXPECT_EQ(store_.change({"g", "k", "x"}), GENREG_RC_NOT_FOUND);
-  EXPECT_EQ(store_.remove("g", "k"), GENREG_RC_NOT_FOUND);
-  EXPECT_EQ(store_.status(status), MD_RC_OK);
-  EXPECT_EQ(store_.compact(), MD_RC_OK);
-  EXPECT_EQ(store_.repair(), MD_RC_OK);
-  EXPECT_EQ(store_.beginBatch(), MD_RC_OK);
-  EXPECT_EQ(store_.commitBatch(), MD_RC_OK);
+  expectNothingThere();
   EXPECT_TRUE(filesIn(folder_.path()).empty());
 }
 

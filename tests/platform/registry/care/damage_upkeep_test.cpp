@@ -85,17 +85,23 @@ TEST_F(DamagedFiles, AnotherRecordTypeIsRefused) {
 }
 
 // Damage that nobody asks for, met by upkeep.
-class DamageMetByUpkeep : public DamagedFiles {};
+class DamageMetByUpkeep : public DamagedFiles {
+ protected:
+  // A record that is changed again and again, behind one that is damaged; without a backup.
+  void makeWithDamageThatNobodyAsksFor(TestStore& store) {
+    store.unsetFeature(GenRegBase::FEATURE_BACKUP);
+    note(store.add({"g", "nobody asks", noise(900, 1)}));
+    note(store.add({"g", "busy", noise(3000, 2)}));
+    take();
+    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
+    spoilText(*bytes, noise(900, 1));
+    bootWith(bytes);
+  }
+};
 
 TEST_F(DamageMetByUpkeep, DoesNotStopCompaction) {
   TestStore store(DISK_FOLDER);
-  store.unsetFeature(GenRegBase::FEATURE_BACKUP);
-  note(store.add({"g", "nobody asks", noise(900, 1)}));
-  note(store.add({"g", "busy", noise(3000, 2)}));
-  take();
-  const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-  spoilText(*bytes, noise(900, 1));
-  bootWith(bytes);
+  makeWithDamageThatNobodyAsksFor(store);
   for (unsigned round = 0; round < 300; ++round) {
     ASSERT_EQ(store.change({"g", "busy", noise(3000, 10 + round)}), MD_RC_OK) << round;
   }
@@ -113,13 +119,7 @@ TEST_F(DamageMetByUpkeep, CostsAWriterWithoutTheRightToRepairFewAttempts) {
   for (const bool keepsBackup : {false, true}) {
     disk_.boot(DiskImage{});
     TestStore store(DISK_FOLDER);
-    store.unsetFeature(GenRegBase::FEATURE_BACKUP);
-    note(store.add({"g", "nobody asks", noise(900, 1)}));
-    note(store.add({"g", "busy", noise(3000, 2)}));
-    take();
-    const auto bytes = std::make_shared<Bytes>(bytesOf("store"));
-    spoilText(*bytes, noise(900, 1));
-    bootWith(bytes);
+    makeWithDamageThatNobodyAsksFor(store);
     store.unsetFeature(GenRegBase::FEATURE_REPAIR);
     if (keepsBackup) store.setFeature(GenRegBase::FEATURE_BACKUP);
     disk_.log.clear();

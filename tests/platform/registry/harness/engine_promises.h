@@ -13,7 +13,7 @@
 #include <map>
 #include <string>
 
-#include "platform/registry/harness/test_records.h"
+#include "platform/registry/harness/store_in_memory.h"
 
 namespace zon::test {
 
@@ -38,19 +38,6 @@ inline std::map<std::string, std::string> filesIn(const std::filesystem::path& f
   return files;
 }
 
-class EnginePromises : public ::testing::Test {
- protected:
-  void fill(int records, int groups = 10) {
-    ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
-    for (int at = 0; at < records; ++at) {
-      ASSERT_EQ(store_.add({numbered("g", at % groups), numbered("k", at), noise(100, static_cast<unsigned>(at))}),
-                MD_RC_OK);
-    }
-    ASSERT_EQ(store_.commitBatch(), MD_RC_OK);
-  }
-
-  TestFolder folder_{inMemory()};
-  TestStore store_{folder_.path()};
-};
+class EnginePromises : public ::testing::Test, protected StoreInMemory {};
 
 }  // namespace zon::test

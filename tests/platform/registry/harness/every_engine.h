@@ -9,7 +9,7 @@
 #include <ostream>
 
 #include "platform/registry/harness/memory_engine.h"
-#include "platform/registry/harness/test_records.h"
+#include "platform/registry/harness/store_in_memory.h"
 
 namespace zon::test {
 
@@ -28,21 +28,9 @@ inline auto everyEngine() {
 }
 inline std::string engineName(const ::testing::TestParamInfo<EngineUnderTest>& info) { return info.param.name; }
 
-class EveryEngine : public ::testing::TestWithParam<EngineUnderTest> {
+class EveryEngine : public ::testing::TestWithParam<EngineUnderTest>, protected StoreInMemory {
  protected:
   EveryEngine() { GetParam().prepare(folder_.file()); }
-
-  void fill(int records, int groups = 10) {
-    ASSERT_EQ(store_.beginBatch(), MD_RC_OK);
-    for (int at = 0; at < records; ++at) {
-      ASSERT_EQ(store_.add({numbered("g", at % groups), numbered("k", at), noise(100, static_cast<unsigned>(at))}),
-                MD_RC_OK);
-    }
-    ASSERT_EQ(store_.commitBatch(), MD_RC_OK);
-  }
-
-  TestFolder folder_{inMemory()};
-  TestStore store_{folder_.path()};
 };
 
 }  // namespace zon::test
