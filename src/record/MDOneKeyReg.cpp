@@ -18,7 +18,7 @@ MDOneKeyReg::MDOneKeyReg(const char* fileName) {
   zon::TraceScope trace(point(zon::trace::CONSTRUCTOR));
   setRecordType({MatchRecord, ValidateRecord, PrintRecord, GetRecordSize, GetMaxRecordSize, zon::digestRecord<Layout>},
                 Layout::INDEX_FLAGS);
-  zon::formRecordFileNames(fileName, fileNames());
+  setFileNames(zon::RecordFileNames(fileName).all());
   keepDurably(zon::RECORD_FILE_MODE);
 }
 

@@ -10,13 +10,26 @@
 
 namespace zon {
 
-inline constexpr std::size_t PATH_FIELD_SIZE = GenRegBase::PATH_SIZE;
-
 // Creation mode of the record file and its companions; the process's umask has the last word.
 inline constexpr std::uint32_t RECORD_FILE_MODE = 0666;
 
-// Writes "<metadata directory>/<fileName>", or the bare file name when there is no metadata directory, and the
+// The path "<metadata directory>/<fileName>", or the bare file name when there is no metadata directory, and the
 // companions of that path.
-void formRecordFileNames(const char* fileName, const GenRegBase::FileNames& names);
+class RecordFileNames {
+ public:
+  explicit RecordFileNames(const char* fileName);
+  RecordFileNames(const RecordFileNames&) = delete;
+  RecordFileNames& operator=(const RecordFileNames&) = delete;
+
+  // Valid as long as this object.
+  const GenRegBase::FileNames& all() const { return names_; }
+
+ private:
+  using Field = char[GenRegBase::PATH_SIZE];
+
+  // REQUIRES nothing of their content: each is read only after a name was joined in it.
+  Field fields_[5];
+  GenRegBase::FileNames names_;
+};
 
 }  // namespace zon

@@ -40,6 +40,9 @@ TYPED_TEST(StoreClass, AddsNothingToTheEngineObject) {
   EXPECT_FALSE(std::is_polymorphic_v<TypeParam>);
 }
 
+// One is made for each call.
+TYPED_TEST(StoreClass, HoldsItsSettingsAndNoRoomForNames) { EXPECT_LE(sizeof(TypeParam), 256U); }
+
 TYPED_TEST(StoreClass, ParsesTokenizedStrings) { EXPECT_TRUE((std::is_base_of_v<MDStringParser, TypeParam>)); }
 
 }  // namespace

@@ -15,10 +15,10 @@
 
 namespace {
 
-// Stores hold the five paths of an engine object and little else: nothing but a store is that large.
+// A store adds nothing to an engine object, and before there is one nothing else of this size is asked for.
 std::atomic<bool> refusesStores{false};
 
-bool isRefused(std::size_t size) { return refusesStores && size >= sizeof(GenRegBin) && size < 2 * sizeof(GenRegBin); }
+bool isRefused(std::size_t size) { return refusesStores && size == sizeof(GenRegBin); }
 
 }  // namespace
 

@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <filesystem>
+#include <optional>
 #include <string>
 
 #include "support/metadata_test.h"
@@ -21,20 +21,15 @@ class RecordFileNames : public testing::Test {
 
   void form(const char* directory, const std::string& fileName) {
     setMetadataPath(directory);
-    for (auto& field : fields_) field.fill('#');
-    zon::formRecordFileNames(fileName.c_str(), {.file = fields_[0].data(),
-                                                .temporary = fields_[1].data(),
-                                                .corruptCopy = fields_[2].data(),
-                                                .lock = fields_[3].data(),
-                                                .backup = fields_[4].data()});
+    names_.emplace(fileName.c_str());
   }
-  std::string file() const { return fields_[0].data(); }
-  std::string temporary() const { return fields_[1].data(); }
-  std::string corruptCopy() const { return fields_[2].data(); }
-  std::string lock() const { return fields_[3].data(); }
-  std::string backup() const { return fields_[4].data(); }
+  std::string file() const { return std::string(names_->all().file); }
+  std::string temporary() const { return std::string(names_->all().temporary); }
+  std::string corruptCopy() const { return std::string(names_->all().corruptCopy); }
+  std::string lock() const { return std::string(names_->all().lock); }
+  std::string backup() const { return std::string(names_->all().backup); }
 
-  std::array<std::array<char, zon::PATH_FIELD_SIZE>, 5> fields_;
+  std::optional<zon::RecordFileNames> names_;
 };
 
 TEST_F(RecordFileNames, LieInTheMetadataDirectory) {
@@ -114,7 +109,7 @@ class OpenedStore : public MDOneKeyReg {
   std::uint64_t options() const { return options_; }
   std::uint32_t fileMode() const { return fileMode_; }
   std::uint32_t companionMode() const { return companionMode_; }
-  std::string path() const { return filePath_; }
+  std::string path() const { return std::string(fileNames().file); }
 };
 
 TEST(StoreObject, AsksForDurableChangesAndMode0666) {

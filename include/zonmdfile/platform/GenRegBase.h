@@ -10,6 +10,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "zonmdfile/platform/export.h"
 
@@ -31,7 +32,7 @@ class ZON_EXPORT GenRegBase {
    */
   using DigestCallback = std::uint64_t (*)(unsigned long flags, const void* record, std::uint64_t seed);
 
-  static constexpr std::size_t PATH_SIZE = 4096; /* 4095 bytes and the closing NUL */
+  static constexpr std::size_t PATH_SIZE = 4096; /* of a name: 4095 bytes and the closing NUL */
   static constexpr std::size_t MAX_INDEXES = 3;
   static constexpr std::uint64_t OPTION_DURABLE = 0x100; /* option bit: a change is synced before it is acknowledged */
   static constexpr unsigned long FEATURE_REPAIR = 0;     /* the first writer that meets damage repairs the file */
@@ -39,17 +40,17 @@ class ZON_EXPORT GenRegBase {
   static constexpr unsigned long FEATURE_DELETE_ALL = 2; /* Delete takes every matching record, not only the first */
   static constexpr std::uint32_t DEFAULT_LOCK_WAIT_MS = 30000;
 
-  /* Where the names of the five files go: PATH_SIZE bytes each, of which only those up to the NUL are read. */
+  /* The names of the record file and its companions. */
   struct FileNames {
-    char* file;
-    char* temporary;
-    char* corruptCopy;
-    char* lock;
-    char* backup;
+    std::string_view file;
+    std::string_view temporary;
+    std::string_view corruptCopy;
+    std::string_view lock;
+    std::string_view backup;
   };
 
   GenRegBase();
-  ~GenRegBase(); /* NOLINT(performance-trivially-destructible): exported, so that it may come to do something */
+  ~GenRegBase();
   GenRegBase(const GenRegBase&) = delete;
   GenRegBase& operator=(const GenRegBase&) = delete;
 
@@ -75,7 +76,14 @@ class ZON_EXPORT GenRegBase {
 
   /* What a record type's constructor sets; indexFlags as the field below. */
   void setRecordType(const Callbacks& callbacks, const IndexFlags& indexFlags);
-  FileNames fileNames();
+  /*
+   * Keeps copies of the names, cut at PATH_SIZE - 1 bytes; a cut name is refused when it is used. Without memory for
+   * them every operation answers GENREG_RC_NO_MEMORY. REQUIRES: neither a scan nor a batch is under way.
+   */
+  void setFileNames(const FileNames& names) noexcept;
+  /* What is kept, each name followed by a NUL. */
+  const FileNames& fileNames() const { return names_; }
+  bool hasLostFileNames() const { return hasLostNames_; }
   /* Changes are durable, damage is repaired, a backup is kept; all files get this creation mode. */
   void keepDurably(std::uint32_t creationMode);
 
@@ -90,13 +98,12 @@ class ZON_EXPORT GenRegBase {
   std::uint32_t companionMode_; /* creation mode of the lock file and the backup */
   std::uint64_t features_;
   std::uint32_t lockWaitMs_;
-  /* All five are NUL-terminated and cut at 4095 bytes; a cut name is refused when it is used. */
-  char filePath_[PATH_SIZE];
-  char backupPath_[PATH_SIZE];
-  char temporaryPath_[PATH_SIZE];
-  char corruptPath_[PATH_SIZE];
-  char lockPath_[PATH_SIZE];
   void* reserved_[4]{}; /* room for later settings without a change of the ABI */
+
+ private:
+  FileNames names_{.file = "", .temporary = "", .corruptCopy = "", .lock = "", .backup = ""};
+  char* nameBytes_ = nullptr;
+  bool hasLostNames_ = false;
 };
 
 #endif

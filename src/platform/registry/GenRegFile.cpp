@@ -33,17 +33,14 @@ zon::EngineSettings GenRegFile::engineSettings() const {
   unsigned long size = 0;
   callbacks_.maxRecordSize(&size);
   type.maxSize = size;
-  type.setStore(filePath_);
+  type.setStore(fileNames().file);
   type.indexCount = 0;
   for (std::size_t index = 0; index < MAX_INDEXES && indexFlags_[index] != 0; ++index) {
     type.indexFlags[index] = indexFlags_[index];
     ++type.indexCount;
   }
-  settings.file = filePath_;
-  settings.backup = backupPath_;
-  settings.temporary = temporaryPath_;
-  settings.corruptCopy = corruptPath_;
-  settings.lock = lockPath_;
+  settings.names = fileNames();
+  settings.hasLostNames = hasLostFileNames();
   settings.fileMode = fileMode_;
   settings.companionMode = companionMode_;
   settings.lockWaitMs = lockWaitMs_;

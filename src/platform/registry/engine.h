@@ -16,14 +16,12 @@
 namespace zon {
 
 // What an object's caller has set. The names are those of the caller's object, which outlives whatever is made from
-// this, and are cut at GenRegBase::PATH_SIZE - 1 bytes; only the first must lead to something for every engine.
+// this, and each is followed by a NUL; only the record file's must lead to something for every engine. None was set
+// where there was no memory for them.
 struct EngineSettings {
   RecordType type;
-  const char* file = nullptr;
-  const char* backup = nullptr;
-  const char* temporary = nullptr;
-  const char* corruptCopy = nullptr;
-  const char* lock = nullptr;
+  GenRegBase::FileNames names;
+  bool hasLostNames = false;
   std::uint32_t fileMode = 0;
   std::uint32_t companionMode = 0;
   std::uint32_t lockWaitMs = 0;

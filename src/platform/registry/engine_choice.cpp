@@ -75,11 +75,12 @@ std::uint32_t callOnNamedEngine(const EngineSettings& settings, const Stub& stub
 void registerEngine(std::string_view name, EngineMaker maker) { engineNames().add(name, maker); }
 
 std::uint32_t callOnEngine(const EngineSettings& settings, EngineWork call, void* work) {
+  if (settings.hasLostNames) return GENREG_RC_NO_MEMORY;
   for (int look = 0; look < MOST_LOOKS; ++look) {
     FileEngine files(settings);
     if (const std::uint32_t rc = call(work, files); rc != RC_STUB) return rc;
     Stub stub;
-    const std::uint32_t rc = readStub(settings.file, stub);
+    const std::uint32_t rc = readStub(settings.names.file.data(), stub);
     if (rc == MD_RC_OK) return callOnNamedEngine(settings, stub, call, work);
     // A file has taken the stub's place, or none has.
     if (rc != GENREG_RC_NOT_RECORD_FILE && rc != GENREG_RC_NOT_FOUND) return rc;

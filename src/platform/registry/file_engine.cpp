@@ -17,18 +17,19 @@ namespace zon {
 
 namespace {
 
-bool isCut(const char* path) { return std::strlen(path) == GenRegBase::PATH_SIZE - 1; }
+bool isCut(std::string_view path) { return path.size() == GenRegBase::PATH_SIZE - 1; }
 
 WriterSettings writerSettings(const EngineSettings& settings) {
   WriterSettings writer;
-  writer.paths = FilePaths{.directory = directoryOf(settings.file),
-                           .file = lastComponent(settings.file),
-                           .backup = lastComponent(settings.backup),
-                           .temporary = lastComponent(settings.temporary),
-                           .corrupt = lastComponent(settings.corruptCopy),
-                           .lock = lastComponent(settings.lock),
-                           .isCut = isCut(settings.file) || isCut(settings.backup) || isCut(settings.temporary) ||
-                                    isCut(settings.corruptCopy) || isCut(settings.lock)};
+  const GenRegBase::FileNames& names = settings.names;
+  writer.paths = FilePaths{.directory = directoryOf(names.file),
+                           .file = lastComponent(names.file),
+                           .backup = lastComponent(names.backup),
+                           .temporary = lastComponent(names.temporary),
+                           .corrupt = lastComponent(names.corruptCopy),
+                           .lock = lastComponent(names.lock),
+                           .isCut = isCut(names.file) || isCut(names.backup) || isCut(names.temporary) ||
+                                    isCut(names.corruptCopy) || isCut(names.lock)};
   writer.fileMode = settings.fileMode;
   writer.companionMode = settings.companionMode;
   writer.lockWaitMs = settings.lockWaitMs;
@@ -61,7 +62,7 @@ std::uint32_t beginOrStub(Transaction& transaction, bool create, const char* pat
 class FileBatch final : public RecordBatch {
  public:
   explicit FileBatch(const EngineSettings& settings)
-      : filePath_(settings.file), transaction_(settings.type, writerSettings(settings)) {}
+      : filePath_(settings.names.file.data()), transaction_(settings.type, writerSettings(settings)) {}
 
   // Without a file there is nothing to change or remove yet; the first record added makes it.
   [[nodiscard]] std::uint32_t begin() {
@@ -115,7 +116,7 @@ class FileBatch final : public RecordBatch {
 template <class Work>
 std::uint32_t FileEngine::withFile(WriterSettings settings, bool create, Work work) {
   Transaction transaction(settings_.type, std::move(settings));
-  std::uint32_t rc = beginOrStub(transaction, create, settings_.file);
+  std::uint32_t rc = beginOrStub(transaction, create, settings_.names.file.data());
   if (rc == MD_RC_OK) rc = work(transaction);
   if (transaction.hasMetLoss()) hasMetLoss_ = true;
   return codeForCallers(rc);
@@ -130,7 +131,7 @@ std::uint32_t FileEngine::runChange(bool create, Work work) {
 }
 
 std::uint32_t FileEngine::get(unsigned long flags, const void* key, std::byte* out) {
-  return codeForCallers(Reader(settings_.type, settings_.file, settings_.backup).get(flags, key, out));
+  return codeForCallers(Reader(settings_.type, settings_.names.file, settings_.names.backup).get(flags, key, out));
 }
 
 std::uint32_t FileEngine::add(unsigned long flags, const void* record) {
@@ -146,7 +147,7 @@ std::uint32_t FileEngine::remove(unsigned long flags, const void* key, bool all)
 }
 
 std::uint32_t FileEngine::openScan(std::unique_ptr<RecordScan>& scan) {
-  auto opened = std::make_unique<Scan>(settings_.type, settings_.file, settings_.backup);
+  auto opened = std::make_unique<Scan>(settings_.type, settings_.names.file, settings_.names.backup);
   if (const std::uint32_t rc = opened->open()) return codeForCallers(rc);
   scan = std::move(opened);
   return MD_RC_OK;
@@ -189,7 +190,7 @@ std::uint32_t FileEngine::acknowledgeLoss() {
 }
 
 std::uint32_t FileEngine::position(std::uint64_t& position) {
-  Reader reader(settings_.type, settings_.file, settings_.backup);
+  Reader reader(settings_.type, settings_.names.file, settings_.names.backup);
   const std::uint32_t rc = reader.open();
   if (rc != MD_RC_OK && rc != GENREG_RC_NOT_FOUND) return codeForCallers(rc);
   position = rc == MD_RC_OK ? reader.view().slot().commits : 0;

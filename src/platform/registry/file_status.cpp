@@ -68,11 +68,11 @@ std::uint32_t fillFromSalvage(const Reader& reader, GenRegStatus& status) {
 std::uint32_t readStatus(const EngineSettings& settings, GenRegStatus& status) {
   status = GenRegStatus{};
   FILE_ENGINE_NAME.copy(status.engine, sizeof status.engine - 1);
-  status.corruptCopy = isAnything(settings.corruptCopy) ? 1 : 0;
-  Reader reader(settings.type, settings.file, settings.backup);
+  status.corruptCopy = isAnything(settings.names.corruptCopy.data()) ? 1 : 0;
+  Reader reader(settings.type, settings.names.file, settings.names.backup);
   const std::uint32_t opened = reader.open();
   if (opened == GENREG_RC_NOT_FOUND) {
-    status.orphanedBackup = isNonEmptyFile(settings.backup) ? 1 : 0;
+    status.orphanedBackup = isNonEmptyFile(settings.names.backup.data()) ? 1 : 0;
     return MD_RC_OK;
   }
   if (opened != MD_RC_OK && !isDamage(opened)) return opened;

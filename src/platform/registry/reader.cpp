@@ -20,8 +20,8 @@ constexpr int MOST_SALVAGES = 20;
 }  // namespace
 
 std::uint32_t Reader::open() {
-  if (std::strlen(filePath_) == GenRegBase::PATH_SIZE - 1) return GENREG_RC_NAME_TOO_LONG;
-  if (const std::uint32_t rc = openAnything(AT_FDCWD, filePath_, O_RDONLY, 0, file_)) return rc;
+  if (filePath_.size() == GenRegBase::PATH_SIZE - 1) return GENREG_RC_NAME_TOO_LONG;
+  if (const std::uint32_t rc = openAnything(AT_FDCWD, filePath_.data(), O_RDONLY, 0, file_)) return rc;
   const std::uint32_t rc = log_.open(file_.get());
   isViewOpen_ = rc == MD_RC_OK;
   if (!isDamage(rc)) return rc;
@@ -35,7 +35,7 @@ std::uint32_t Reader::salvage(std::unique_ptr<Salvage>& salvage) const {
   std::uint32_t rc = MD_RC_OK;
   for (int round = 0; round < MOST_SALVAGES; ++round) {
     Descriptor backup;
-    const std::uint32_t opened = openRegular(AT_FDCWD, backupPath_, O_RDONLY, 0, backup);
+    const std::uint32_t opened = openRegular(AT_FDCWD, backupPath_.data(), O_RDONLY, 0, backup);
     salvage = std::make_unique<Salvage>(type_, Salvage::Access::SHARED);
     rc = salvage->open(file_.get(), opened == MD_RC_OK ? backup.get() : -1, isViewOpen_ ? &log_.view() : nullptr);
     if (rc == MD_RC_OK) salvage->keepBackupOpen(std::move(backup));
@@ -73,10 +73,7 @@ std::uint32_t Reader::getFromSalvage(unsigned long flags, const void* key, std::
 }
 
 Scan::Scan(const Transaction& batch)
-    : type_(batch.type()),
-      reader_(type_, nullptr, nullptr),
-      view_(batch.hasFile() ? &batch.view() : nullptr),
-      batch_(&batch) {}
+    : type_(batch.type()), reader_(type_, {}, {}), view_(batch.hasFile() ? &batch.view() : nullptr), batch_(&batch) {}
 
 std::uint32_t Scan::open() {
   const std::uint32_t rc = reader_.open();

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <string_view>
 #include <vector>
 
 #include "platform/registry/care/salvage.h"
@@ -23,7 +24,8 @@ class Transaction;
 // An open record file, as readers see it.
 class Reader {
  public:
-  Reader(const RecordType& type, const char* filePath, const char* backupPath)
+  // Each path is followed by a NUL.
+  Reader(const RecordType& type, std::string_view filePath, std::string_view backupPath)
       : type_(type), filePath_(filePath), backupPath_(backupPath), log_(type) {}
 
   // GENREG_RC_NOT_FOUND when there is no file: it counts as an empty one.
@@ -42,8 +44,8 @@ class Reader {
   [[nodiscard]] std::uint32_t getFromSalvage(unsigned long flags, const void* key, std::byte* out) const;
 
   const RecordType& type_;
-  const char* filePath_;
-  const char* backupPath_;
+  std::string_view filePath_;
+  std::string_view backupPath_;
   Descriptor file_;
   LogSnapshot log_;
   bool isViewOpen_ = false;
@@ -53,7 +55,7 @@ class Reader {
 class Scan final : public RecordScan {
  public:
   // The paths must stay valid as long as the scan.
-  Scan(const RecordType& type, const char* filePath, const char* backupPath)
+  Scan(const RecordType& type, std::string_view filePath, std::string_view backupPath)
       : type_(type), reader_(type_, filePath, backupPath) {}
   // Looks at a batch's own state.
   explicit Scan(const Transaction& batch);

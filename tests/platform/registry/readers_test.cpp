@@ -190,9 +190,10 @@ TEST_F(Readers, RefuseAPathThatDidNotFitItsField) {
   class LongPath : public TestStore {
    public:
     explicit LongPath(const std::filesystem::path& folder) : TestStore(folder) {
-      const std::string path(PATH_SIZE - 1, '/');
-      std::snprintf(filePath_, PATH_SIZE, "%s", path.c_str());
-      std::memcpy(filePath_ + PATH_SIZE - 5, "none", 4);
+      FileNames names = fileNames();
+      const std::string path = std::string(PATH_SIZE - 5, '/') + "none";
+      names.file = path;
+      setFileNames(names);
     }
   };
   LongPath store(folder_.path());

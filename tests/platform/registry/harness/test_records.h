@@ -147,14 +147,13 @@ class TestStore : public GenRegBin {
     callbacks_ = {matchRecord, validateRecord, printRecord, recordSize, maxRecordSize, digestRecord};
     indexFlags_[0] = grouped ? WHOLE_KEY : KEY;
     indexFlags_[1] = grouped ? GROUP : 0;
-    const auto set = [](char* path, const std::filesystem::path& fullName) {
-      std::snprintf(path, PATH_SIZE, "%s", fullName.c_str());
-    };
-    set(filePath_, folder / name);
-    set(backupPath_, folder / ("." + name + ".bkp"));
-    set(temporaryPath_, folder / (name + ".tmp"));
-    set(corruptPath_, folder / (name + ".cor"));
-    set(lockPath_, folder / ("." + name + ".lock"));
+    const std::string file = folder / name;
+    const std::string hidden = folder / ("." + name);
+    const std::string temporary = file + ".tmp";
+    const std::string corruptCopy = file + ".cor";
+    const std::string lock = hidden + ".lock";
+    const std::string backup = hidden + ".bkp";
+    setFileNames({.file = file, .temporary = temporary, .corruptCopy = corruptCopy, .lock = lock, .backup = backup});
     options_ |= OPTION_DURABLE;
     setFeature(FEATURE_REPAIR);
     setFeature(FEATURE_BACKUP);
