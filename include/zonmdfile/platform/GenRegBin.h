@@ -24,8 +24,9 @@ class ZON_EXPORT GenRegBin : public GenRegFile {
 
   /*
    * Copies the first record in scan order that matches `key` to `out`, which must hold the maximum record size. `key`
-   * is a record of which only the fields selected by flags are read. GENREG_RC_NOT_FOUND when none matches. After
-   * success a buffer that held zeros before holds the record and zeros behind it.
+   * is a record of which only the fields selected by flags are read. GENREG_RC_NOT_FOUND when none matches. A buffer
+   * that held zeros before holds the record and zeros behind it after success, and zeros when none matches; after any
+   * other answer it may hold a part of a record.
    */
   std::uint32_t Get(unsigned long flags, void* key, void* out);
 
@@ -41,7 +42,8 @@ class ZON_EXPORT GenRegBin : public GenRegFile {
   /*
    * Copies the next record of the scan that matches `key` under flags to `out`; GENREG_RC_END_OF_SCAN after the last.
    * Any other code is a failure and ends the scan: it is told once, every further call answers GENREG_RC_END_OF_SCAN,
-   * and CloseScan tells it again. `out` then holds no record.
+   * and CloseScan tells it again. `out` then holds no record. Given to the whole scan, a buffer that held zeros before
+   * holds zeros behind the longest of the records delivered, unless the scan fails.
    */
   std::uint32_t GetNext(unsigned long flags, void* key, void* out);
 

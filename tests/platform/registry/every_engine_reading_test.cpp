@@ -22,6 +22,34 @@ INSTANTIATE_TEST_SUITE_P(Engines, ReadersOfEveryEngine, everyEngine(), engineNam
 
 TEST_P(ReadersOfEveryEngine, FindNothingWhereNothingWasAdded) { expectNothingThere(); }
 
+// Who gave a buffer of zeros need clear no more of it than what he was told of.
+TEST_P(ReadersOfEveryEngine, LeaveZerosInABufferWhereNoneMatches) {
+  ASSERT_EQ(store_.add({"g", "large", noise(5000, 1)}), MD_RC_OK);
+  auto match = encode({"g", "large", "other data"}, true);
+  std::vector<std::byte> out(match.size());
+  for (const unsigned long flags : {WHOLE_KEY | DATA, GROUP | DATA, static_cast<unsigned long>(DATA)}) {
+    ASSERT_EQ(store_.Get(flags, match.data(), out.data()), GENREG_RC_NOT_FOUND);
+    EXPECT_EQ(out, std::vector<std::byte>(out.size())) << flags;
+  }
+}
+
+TEST_P(ReadersOfEveryEngine, LeaveZerosBehindTheLongestRecordOfAScan) {
+  const Value wanted{"wanted", "k", noise(300, 2)};
+  ASSERT_EQ(store_.add({"g", "first", noise(5000, 1)}), MD_RC_OK);
+  ASSERT_EQ(store_.add(wanted), MD_RC_OK);
+  ASSERT_EQ(store_.add({"wanted", "short", "x"}), MD_RC_OK);
+  ASSERT_EQ(store_.add({"g", "last", noise(5000, 3)}), MD_RC_OK);
+  auto match = encode({"wanted", "", ""}, true);
+  std::vector<std::byte> out(match.size());
+  ASSERT_EQ(store_.OpenScan(), MD_RC_OK);
+  int delivered = 0;
+  while (store_.GetNext(GROUP, match.data(), out.data()) == MD_RC_OK) ++delivered;
+  EXPECT_EQ(store_.CloseScan(), MD_RC_OK);
+  EXPECT_EQ(delivered, 2);
+  const std::vector<std::byte> behind(out.begin() + static_cast<std::ptrdiff_t>(encode(wanted).size()), out.end());
+  EXPECT_EQ(behind, std::vector<std::byte>(behind.size()));
+}
+
 TEST_P(ReadersOfEveryEngine, AreNotHeldUpByABatchAndSeeNothingOfIt) {
   fill(20);
   TestStore writer(folder_.path());
