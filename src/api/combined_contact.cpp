@@ -38,7 +38,7 @@ struct ContactEntry {
 };
 
 // The code is that of the last field that could not be read; its place holds what the parser left.
-std::uint32_t readFields(std::string_view data, ContactFields& fields) {
+[[nodiscard]] std::uint32_t readFields(std::string_view data, ContactFields& fields) {
   std::uint32_t failure = MD_RC_OK;
   const auto read = [&](unsigned long field, std::string_view& text) {
     const std::uint32_t rc = parseText(data, CONTACT_TOKEN, field, text);
@@ -112,7 +112,7 @@ void writeContact(std::uint32_t tracePoint, WriteOperation operation, const void
   reportToSqlca<MDContact>(trace, rc, block.text(NAME_SLOT), sqlca);
 }
 
-std::uint32_t readContact(MDContact& store, const ParameterBlock& block) {
+[[nodiscard]] std::uint32_t readContact(MDContact& store, const ParameterBlock& block) {
   DString name = block.input(NAME_SLOT);
   DString data;
   DString version;
@@ -150,7 +150,7 @@ class ContactReader {
 
 // Fills contact after contact for as long as the count cell says, which an output may have overwritten if the caller
 // let their slots overlap.
-std::uint32_t putRows(const ParameterBlock& block, std::vector<ContactRow>& rows, ContactReader& reader) {
+[[nodiscard]] std::uint32_t putRows(const ParameterBlock& block, std::vector<ContactRow>& rows, ContactReader& reader) {
   for (std::size_t k = 0; k < block.presentCount(COUNT_SLOT, rows.size()); ++k) {
     ContactRow beyond;
     if (k >= rows.size() && !reader.next(beyond)) return GENREG_RC_NO_MEMORY;
@@ -162,7 +162,7 @@ std::uint32_t putRows(const ParameterBlock& block, std::vector<ContactRow>& rows
   return MD_RC_OK;
 }
 
-std::uint32_t readAllContacts(MDContact& store, const ParameterBlock& block, TraceScope& trace) {
+[[nodiscard]] std::uint32_t readAllContacts(MDContact& store, const ParameterBlock& block, TraceScope& trace) {
   DString keys;
   DString data;
   DString versions;

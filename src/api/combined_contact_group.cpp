@@ -16,7 +16,7 @@ namespace {
 // Fills row after row, from row 0, for as long as the count cell says, which an output may have overwritten if the
 // caller let their slots overlap. put(k) gives false when there is no memory.
 template <class Put>
-std::uint32_t putRows(const ParameterBlock& block, std::size_t countSlot, std::size_t count, Put put) {
+[[nodiscard]] std::uint32_t putRows(const ParameterBlock& block, std::size_t countSlot, std::size_t count, Put put) {
   for (std::size_t k = 0; k < block.presentCount(countSlot, count); ++k) {
     if (!put(k)) return GENREG_RC_NO_MEMORY;
   }
@@ -65,7 +65,7 @@ constexpr std::size_t DETAIL_SLOT = 1;
 constexpr std::size_t COUNT_SLOT = 2;
 constexpr std::size_t FIRST_NAME_SLOT = 3;
 
-std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope& trace) {
+[[nodiscard]] std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope& trace) {
   DString group = block.input(GROUP_SLOT);
   DString list;
   // Whatever the expansion failed with, callers see one code; an unknown group is no special case for them.
@@ -94,7 +94,7 @@ constexpr std::size_t DESCRIPTION_SLOT = 3;
 constexpr std::size_t FIRST_KIND_SLOT = 4;
 constexpr std::size_t FIRST_MEMBER_SLOT = 5;
 
-std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope& trace) {
+[[nodiscard]] std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope& trace) {
   DString group = block.input(GROUP_SLOT);
   DString kindList;
   DString memberList;
@@ -154,7 +154,7 @@ void gatherNames(TraceScope& trace, const DString& list, DSet<DString>& names) {
 }
 
 // The description is empty when the group's listing fails. Returns the code of that listing.
-std::uint32_t makeRow(MDContactGroup& store, TraceScope& trace, const DString& name, Row& row) {
+[[nodiscard]] std::uint32_t makeRow(MDContactGroup& store, TraceScope& trace, const DString& name, Row& row) {
   DString group(name);
   DString kinds;
   DString members;
@@ -166,7 +166,7 @@ std::uint32_t makeRow(MDContactGroup& store, TraceScope& trace, const DString& n
   return row.group.copy(name) && row.description.copy(description) ? rc : GENREG_RC_NO_MEMORY;
 }
 
-std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope& trace) {
+[[nodiscard]] std::uint32_t put(MDContactGroup& store, const ParameterBlock& block, TraceScope& trace) {
   DString groupList;
   DString kindList;
   DString memberList;

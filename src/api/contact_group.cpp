@@ -23,19 +23,19 @@ constexpr SlotTable RETRIEVE_LIST{KEY, RC, OUT, OUT, OUT, OUT};
 constexpr SlotTable INSERT{KEY, IN, KEY, IN, IN, RC};
 
 // Operations whose parameters are not in the order of the slots, or whose name has two meanings.
-std::uint32_t removeMembersOfKind(MDContactGroup& store, DString& group, DString& kind) {
+[[nodiscard]] std::uint32_t removeMembersOfKind(MDContactGroup& store, DString& group, DString& kind) {
   return store.removeGroup(group, kind);
 }
 
-std::uint32_t removeWholeGroup(MDContactGroup& store, DString& group) { return store.removeGroup(group); }
+[[nodiscard]] std::uint32_t removeWholeGroup(MDContactGroup& store, DString& group) { return store.removeGroup(group); }
 
-std::uint32_t retrieveParents(MDContactGroup& store, DString& kind, DString& member, DString& groups,
-                              DString& descriptions, DString& versions) {
+[[nodiscard]] std::uint32_t retrieveParents(MDContactGroup& store, DString& kind, DString& member, DString& groups,
+                                            DString& descriptions, DString& versions) {
   return store.retrieveParentGroupList(groups, kind, member, descriptions, versions);
 }
 
 // Withdraws a group that lost its members from its parents; that it has none is no failure.
-std::uint32_t withdrawGroup(const char* group) {
+[[nodiscard]] std::uint32_t withdrawGroup(const char* group) {
   const std::uint32_t rc = withdrawMember(group, MDContactGroup::GROUP_KIND);
   return rc == GENREG_RC_MEMBER_ABSENT ? MD_RC_OK : rc;
 }

@@ -27,7 +27,7 @@ class Withdrawal {
   explicit Withdrawal(MDContactGroup& store) : store_(store), batch_(store) {}
 
   // The code of the last step for the member itself; those of emptied groups are not reported.
-  std::uint32_t run(DString& member, const DString& kind);
+  [[nodiscard]] std::uint32_t run(DString& member, const DString& kind);
 
  private:
   // A member whose parents are being visited.
@@ -39,10 +39,10 @@ class Withdrawal {
     std::uint32_t rc = MD_RC_OK;
   };
 
-  std::uint32_t enter(const DString& member, const DString& kind);
-  std::uint32_t visitParents();
-  std::uint32_t visit(Step& step, DString& parent);
-  std::uint32_t findRest(DString& parent, bool hasRemoved);
+  [[nodiscard]] std::uint32_t enter(const DString& member, const DString& kind);
+  [[nodiscard]] std::uint32_t visitParents();
+  [[nodiscard]] std::uint32_t visit(Step& step, DString& parent);
+  [[nodiscard]] std::uint32_t findRest(DString& parent, bool hasRemoved);
 
   MDContactGroup& store_;
   BatchScope batch_;
@@ -128,7 +128,7 @@ std::uint32_t Withdrawal::findRest(DString& parent, bool hasRemoved) {
 
 namespace {
 
-std::uint32_t withdrawTraced(DString& member, const DString& kind) {
+[[nodiscard]] std::uint32_t withdrawTraced(DString& member, const DString& kind) {
   TraceScope trace(trace::point("removeMemberFromGroups"));
   trace.variable(member.c_str(), member.length());
   trace.variable(kind.c_str(), kind.length());

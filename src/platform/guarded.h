@@ -14,7 +14,7 @@ namespace zon {
 
 // What the work returns, or the code for the exception that ends it. Callbacks may throw what is no std::exception.
 template <class Work>
-std::uint32_t guarded(Work&& work) noexcept {
+[[nodiscard]] std::uint32_t guarded(Work&& work) noexcept {
   try {
     return std::forward<Work>(work)();
   } catch (const std::bad_alloc&) {

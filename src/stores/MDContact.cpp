@@ -19,14 +19,14 @@ template class OneKeyStore<MDContact>;
 namespace {
 
 // Reads one field; the output changes only when there is one.
-std::uint32_t readText(const DString& data, unsigned long field, DString& output) {
+[[nodiscard]] std::uint32_t readText(const DString& data, unsigned long field, DString& output) {
   std::string_view text;
   const std::uint32_t rc = zon::parseText(data, zon::CONTACT_TOKEN, field, text);
   if (rc == MD_RC_OK) output.assign(text);
   return rc;
 }
 
-std::uint32_t readNumber(const DString& data, unsigned long field, int& output) {
+[[nodiscard]] std::uint32_t readNumber(const DString& data, unsigned long field, int& output) {
   std::string_view text;
   const std::uint32_t rc = zon::parseText(data, zon::CONTACT_TOKEN, field, text);
   if (rc == MD_RC_OK) output = zon::numberOf(text);

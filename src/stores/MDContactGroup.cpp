@@ -28,8 +28,8 @@ constexpr unsigned long MATCH_GROUP_AND_KIND = zon::MATCH_GROUP_KEY | zon::MATCH
 constexpr unsigned long MATCH_MEMBER = zon::MATCH_SUB_GROUP_KEY | zon::MATCH_KEY;
 
 // Rewrites the listed records one after the other, all of them under one sync.
-std::uint32_t changeListed(MDContactGroup& store, DString& group, const DString& kinds, const DString& members,
-                           const DString& description, const DString& version) {
+[[nodiscard]] std::uint32_t changeListed(MDContactGroup& store, DString& group, const DString& kinds,
+                                         const DString& members, const DString& description, const DString& version) {
   zon::BatchScope batch(store);
   if (const std::uint32_t rc = batch.begin(); zon::endsCall(rc)) return rc;
   zon::ListReader kindReader(kinds);

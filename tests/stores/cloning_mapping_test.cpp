@@ -133,7 +133,7 @@ TEST_F(CloningMapping, ReleasesEveryBufferOtherwise) {
   update("G", "S", "L", "y");
   retrieve("G", "S", "K");
   retrieveAll();
-  store_.remove(Text("G"), Text("S"), Text("K"));
+  EXPECT_EQ(store_.remove(Text("G"), Text("S"), Text("K")), 0U);
   retrieveAll();
   EXPECT_EQ(account_.buffers(), 0U);
 }

@@ -160,7 +160,7 @@ TYPED_TEST(OneKeyStores, RefusalsTouchNoFile) {
   this->insert("A", "");
   this->insert("A", "x", "12345678901");
   this->update("", "x");
-  this->store_.remove(Text(""));
+  EXPECT_NE(this->store_.remove(Text("")), 0U);
   EXPECT_TRUE(this->isUntouched());
 }
 
@@ -258,9 +258,9 @@ TYPED_TEST(OneKeyStores, ReleasesEveryBuffer) {
   this->retrieve("A");
   this->retrieve("B");
   this->retrieveAll();
-  this->store_.retrieveKeys(this->keys_);
-  this->store_.remove(Text("A"));
-  this->store_.remove(Text("A"));
+  EXPECT_EQ(this->store_.retrieveKeys(this->keys_), 0U);
+  EXPECT_EQ(this->store_.remove(Text("A")), 0U);
+  EXPECT_EQ(this->store_.remove(Text("A")), GENREG_RC_NOT_FOUND);
   EXPECT_EQ(ossMemOutstanding(zontest::labelOf<TypeParam>()), 0U);
 }
 

@@ -197,9 +197,9 @@ TYPED_TEST(TwoKeyStores, ReleasesEveryBufferOtherwise) {
   this->retrieveAll();
   this->retrieveList("G");
   this->retrieveList("H");
-  this->store_.retrieveKeys(this->groups_, this->keys_);
-  this->store_.remove(Text("G"), Text("K"));
-  this->store_.removeList(Text("G"));
+  EXPECT_EQ(this->store_.retrieveKeys(this->groups_, this->keys_), 0U);
+  EXPECT_EQ(this->store_.remove(Text("G"), Text("K")), 0U);
+  EXPECT_EQ(this->store_.removeList(Text("G")), GENREG_RC_NOT_FOUND);
   this->retrieveAll();
   EXPECT_EQ(this->account_.buffers(), 0U);
 }
@@ -207,7 +207,7 @@ TYPED_TEST(TwoKeyStores, ReleasesEveryBufferOtherwise) {
 template <class Store>
 zontest::MemoryAccount accountOfTwoUpdates(Store& store) {
   const zontest::MemoryAccount account(zontest::labelOf<Store>());
-  store.insert(Text("G"), Text("K"), Text("x"), DString("1"));
+  EXPECT_EQ(store.insert(Text("G"), Text("K"), Text("x"), DString("1")), 0U);
   EXPECT_EQ(store.update(Text("G"), Text("K"), Text("y"), DString("1")), 0U);
   EXPECT_EQ(store.update(Text("G"), Text("missing"), Text("y"), DString("1")), GENREG_RC_NOT_FOUND);
   return account;

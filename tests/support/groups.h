@@ -56,9 +56,11 @@ inline std::string groups() {
     DString group;
     DString kind;
     DString member;
-    store.parseTokenizedString(groups, separator, i, group);
-    store.parseTokenizedString(kinds, separator, i, kind);
-    store.parseTokenizedString(members, separator, i, member);
+    if (store.parseTokenizedString(groups, separator, i, group) != 0 ||
+        store.parseTokenizedString(kinds, separator, i, kind) != 0 ||
+        store.parseTokenizedString(members, separator, i, member) != 0) {
+      return "lists of different lengths";
+    }
     all += (all.empty() ? "" : " ") + textOf(group) + (textOf(kind) == "0" ? ":" : ">") + textOf(member);
   }
   return all;

@@ -235,7 +235,7 @@ TEST_F(Costs, OfReadingKnowNoSync) {
     store_.get("g1", "k1", value);
     store_.list();
     GenRegStatus status;
-    store_.status(status);
+    EXPECT_EQ(store_.status(status), MD_RC_OK);
   });
   EXPECT_EQ(reading.syncs, 0u);
   EXPECT_EQ(reading.written, 0u);

@@ -83,13 +83,13 @@ class EveryTracedFunction : public zontest::MetadataTest {
     DString key("k");
     DString data("data");
     DString version("1");
-    store.insert(group, subGroup, key, data, version);
-    store.update(group, subGroup, key, data, version);
-    store.retrieve(group, subGroup, key, data, version);
+    EXPECT_EQ(store.insert(group, subGroup, key, data, version), MD_RC_OK);
+    EXPECT_EQ(store.update(group, subGroup, key, data, version), MD_RC_OK);
+    EXPECT_EQ(store.retrieve(group, subGroup, key, data, version), MD_RC_OK);
     DString lists[5];
-    store.retrieveKeys(lists[0], lists[1], lists[2]);
-    store.retrieveAll(lists[0], lists[1], lists[2], lists[3], lists[4]);
-    store.remove(group, subGroup, key);
+    EXPECT_EQ(store.retrieveKeys(lists[0], lists[1], lists[2]), MD_RC_OK);
+    EXPECT_EQ(store.retrieveAll(lists[0], lists[1], lists[2], lists[3], lists[4]), MD_RC_OK);
+    EXPECT_EQ(store.remove(group, subGroup, key), MD_RC_OK);
   }
 
   static void callFieldReaders() {
@@ -100,14 +100,14 @@ class EveryTracedFunction : public zontest::MetadataTest {
         "60");
     DString text;
     int number = 0;
-    store.getEmailAddress(data, text);
-    store.getNotificationType(data, number);
-    store.getDescription(data, text);
-    store.getMaxPageLength(data, number);
+    EXPECT_EQ(store.getEmailAddress(data, text), MD_RC_OK);
+    EXPECT_EQ(store.getNotificationType(data, number), MD_RC_OK);
+    EXPECT_EQ(store.getDescription(data, text), MD_RC_OK);
+    EXPECT_EQ(store.getMaxPageLength(data, number), MD_RC_OK);
     store.occurrencesOfToken(data, DString("a"));
     DString rest;
-    store.splitTokenizedString(data, DString("a"), text, rest);
-    store.parseTokenizedString(data, DString("a"), 1, text);
+    EXPECT_EQ(store.splitTokenizedString(data, DString("a"), text, rest), MD_RC_OK);
+    EXPECT_EQ(store.parseTokenizedString(data, DString("a"), 1, text), MD_RC_OK);
   }
 
   template <class Type>

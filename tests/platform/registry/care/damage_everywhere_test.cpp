@@ -156,7 +156,7 @@ TEST_F(DamagedFiles, LeaveNothingOfARecordThatIsSpoiltInTheBuffer) {
   ASSERT_EQ(store.OpenScan(), MD_RC_OK);
   ASSERT_EQ(store.GetNext(KEY, key.data(), scanned.data()), MD_RC_OK);
   expectNothingBehind(scanned);
-  store.CloseScan();
+  EXPECT_EQ(store.CloseScan(), MD_RC_OK);
 }
 
 }  // namespace
