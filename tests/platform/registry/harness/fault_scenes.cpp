@@ -4,10 +4,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <map>
 #include <set>
 
 #include "platform/registry/format/format.h"
+#include "platform/registry/harness/fault_stage.h"
 
 namespace zon::test {
 namespace {
@@ -18,169 +18,6 @@ constexpr int CUT_SAMPLES = 6;
 
 const Value ACKNOWLEDGED{"g1", "acknowledged", "a"};
 const Value UNFINISHED{"g1", "unfinished", "never acknowledged"};
-
-enum class Lost { POWER, MOUNT };
-
-// Runs writers on the disk and follows what a power cut could leave.
-class Stage {
- public:
-  explicit Stage(SimulatedDisk& disk) : disk_(disk) {
-    disk_.fault = nullptr;
-    disk_.mostBytes = 0;
-    disk_.badSectors.clear();
-    disk_.boot(DiskImage{});
-    disk_.setBootNumber(1);
-    disk_.setMountNumber(1);
-    disk_.reseed();
-  }
-
-  void make(const Base& base) {
-    static std::map<std::string, Stage> made;
-    const auto found = made.find(base.name);
-    if (found != made.end()) {
-      disk_.boot(found->second.image_);
-      disk_.setBootNumber(1);
-      cut_ = found->second.cut_;
-      truth_ = found->second.truth_;
-      return;
-    }
-    act([&](TestStore& store) {
-      base.make(store);
-      return MD_RC_OK;
-    });
-    truth_ = list();
-    image_ = disk_.image();
-    made.try_emplace(base.name, *this);
-  }
-
-  std::uint32_t act(const std::function<std::uint32_t(TestStore&)>& work) {
-    disk_.log.clear();
-    disk_.isRecording = true;
-    std::uint32_t rc = MD_RC_OK;
-    {
-      TestStore store(DISK_FOLDER);
-      rc = work(store);
-    }
-    follow();
-    return rc;
-  }
-
-  void add(const Value& value) {
-    EXPECT_EQ(act([&](TestStore& store) { return store.add(value); }), MD_RC_OK);
-    truth_.push_back(value);
-  }
-
-  // The process dies before its call of that number. Whether it lived so long.
-  bool dieBefore(std::size_t number, const std::function<std::uint32_t(TestStore&)>& work) {
-    std::size_t count = 0;
-    disk_.fault = [&count, number, this](Call) {
-      if (count++ < number) return 0;
-      disk_.isRecording = false;
-      return EIO;
-    };
-    act(work);
-    disk_.fault = nullptr;
-    disk_.killProcesses();
-    return count > number;
-  }
-
-  // What was not durable is lost, by a power cut or with the device.
-  void lose(Lost lost, const DiskImage& image) {
-    if (lost == Lost::POWER) {
-      disk_.boot(image);
-    } else {
-      disk_.remount(image);
-    }
-    cut_ = PowerCut(image);
-  }
-
-  // The disk gives back something else than was written, and no crash changes that.
-  void replace(const std::string& name, const Bytes& bytes) {
-    DiskImage image = disk_.image();
-    const std::uint64_t inode = image.has(name) ? image.names.at(name) : 5000 + image.names.size();
-    image.names[name] = inode;
-    image.files[inode] = std::make_shared<Bytes>(bytes);
-    place(image);
-  }
-  void remove(const std::string& name) {
-    DiskImage image = disk_.image();
-    image.names.erase(name);
-    place(image);
-  }
-
-  void giveAway() {
-    DiskImage image = disk_.image();
-    for (auto& [inode, rights] : image.rights)
-      rights = Rights{.mode = 0100640, .owner = 7, .group = 8, .accessList = Bytes(44, std::byte{1})};
-    place(image);
-  }
-
-  Values list() {
-    TestStore store(DISK_FOLDER);
-    return listAll(store).delivered;
-  }
-
-  Scene scene(std::string name) {
-    Scene scene;
-    scene.name = std::move(name);
-    scene.image = disk_.image();
-    scene.boot = disk_.bootNumber();
-    scene.mount = disk_.mountNumber();
-    scene.cut = cut_;
-    scene.truths = {truth_};
-    return scene;
-  }
-
-  PowerCut& cut() { return cut_; }
-  const Values& truth() const { return truth_; }
-  SimulatedDisk& disk() { return disk_; }
-  bool has(const std::string& name) const { return disk_.image().has(name); }
-  Bytes bytesOf(const std::string& name) const {
-    const DiskImage image = disk_.image();
-    return *image.files.at(image.names.at(name));
-  }
-
- private:
-  void follow() {
-    disk_.isRecording = false;
-    for (const DiskOp& op : disk_.log) cut_.follow(op);
-    disk_.log.clear();
-  }
-
-  void place(const DiskImage& image) {
-    const unsigned boot = disk_.bootNumber();
-    disk_.boot(image);
-    disk_.setBootNumber(boot);
-    cut_ = PowerCut(image);
-  }
-
-  SimulatedDisk& disk_;
-  DiskImage image_;  // of the base
-  PowerCut cut_{DiskImage{}};
-  Values truth_;
-};
-
-void addMany(TestStore& store, int count, std::size_t size) {
-  ASSERT_EQ(store.beginBatch(), MD_RC_OK);
-  for (int at = 0; at < count; ++at) {
-    const Value value{"g" + std::to_string(at % 3), "k" + std::to_string(at), noise(size, static_cast<unsigned>(at))};
-    ASSERT_EQ(store.add(value), MD_RC_OK);
-  }
-  ASSERT_EQ(store.commitBatch(), MD_RC_OK);
-}
-
-void addSingly(TestStore& store, int count, std::size_t size) {
-  for (int at = 0; at < count; ++at) {
-    const std::string number = std::to_string(at);
-    ASSERT_EQ(store.add({"g" + number, "k" + number, noise(size, static_cast<unsigned>(at))}), MD_RC_OK);
-  }
-}
-
-void churn(TestStore& store, int rounds) {
-  for (int at = 0; at < rounds; ++at) {
-    ASSERT_EQ(store.change({"g2", "k2", noise(7000, static_cast<unsigned>(at))}), MD_RC_OK);
-  }
-}
 
 format::Slot slotAt(const Bytes& bytes, std::size_t number) {
   format::Slot slot;
@@ -202,50 +39,6 @@ std::function<std::uint32_t(TestStore&)> asWork(const Operation& operation) {
 }
 
 }  // namespace
-
-const std::vector<Base>& bases() {
-  static const std::vector<Base> ALL{
-      {"no file", [](TestStore&) {}},
-      {"small", [](TestStore& store) { addMany(store, 5, 40); }},
-      {"overlay nearly full", [](TestStore& store) { addSingly(store, 20, 10); }},
-      {"overlay just applied", [](TestStore& store) { addSingly(store, 21, 10); }},
-      {"area nearly full",
-       [](TestStore& store) {
-         addMany(store, 380, 10);
-         ASSERT_EQ(store.add({"g0", "s0", noise(10, 0)}), MD_RC_OK);
-       },
-       0.125},
-      {"backup due", [](TestStore& store) { addMany(store, 10, 380); }},
-      {"backup behind",
-       [](TestStore& store) {
-         addMany(store, 10, 600);
-         for (unsigned at = 0; at < 3; ++at) {
-           ASSERT_EQ(store.add({"big", std::to_string(at), noise(5200, at)}), MD_RC_OK);
-         }
-       }},
-      {"compaction due",
-       [](TestStore& store) {
-         addMany(store, 5, 40);
-         churn(store, 13);
-       }},
-      {"group with a history",
-       [](TestStore& store) {
-         addMany(store, 6, 40);
-         for (unsigned at = 0; at < 40; ++at) {
-           const std::string key = "t" + std::to_string(at % 2);
-           if (at >= 2) {
-             ASSERT_EQ(store.remove("g0", key), MD_RC_OK);
-           }
-           ASSERT_EQ(store.add({"g0", key, noise(20, at)}), MD_RC_OK);
-         }
-       }},
-  };
-  return ALL;
-}
-
-const Base& baseNamed(const std::string& name) {
-  return *std::find_if(bases().begin(), bases().end(), [&](const Base& base) { return base.name == name; });
-}
 
 Scene quietScene(SimulatedDisk& disk, const Base& base) {
   Stage stage(disk);

@@ -2,6 +2,7 @@
 #include "platform/registry/harness/file_rights_harness.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>

@@ -2,7 +2,6 @@
 // file in the place of another.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <sys/types.h>
 
 #include <cstddef>

@@ -2,6 +2,7 @@
 #include "platform/registry/harness/forged_files.h"
 
 #include <cerrno>
+#include <filesystem>
 #include <functional>
 #include <set>
 #include <utility>
