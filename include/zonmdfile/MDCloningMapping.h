@@ -20,13 +20,17 @@ class ZON_EXPORT MDCloningMapping : public MDThreeKeyReg {
   MDCloningMapping();
   ~MDCloningMapping();
 
-  std::uint32_t retrieveKeys(DString& groupKeys, DString& subGroupKeys, DString& keys);
-  std::uint32_t retrieveAll(DString& groupKeys, DString& subGroupKeys, DString& keys, DString& data, DString& versions);
+  [[nodiscard]] std::uint32_t retrieveKeys(DString& groupKeys, DString& subGroupKeys, DString& keys);
+  [[nodiscard]] std::uint32_t retrieveAll(DString& groupKeys, DString& subGroupKeys, DString& keys, DString& data,
+                                          DString& versions);
 
-  std::uint32_t retrieve(DString& groupKey, DString& subGroupKey, DString& key, DString& data, DString& version);
-  std::uint32_t insert(DString& groupKey, DString& subGroupKey, DString& key, DString& data, DString version);
-  std::uint32_t update(DString& groupKey, DString& subGroupKey, DString& key, DString& data, DString version);
-  std::uint32_t remove(DString& groupKey, DString& subGroupKey, DString& key);
+  [[nodiscard]] std::uint32_t retrieve(DString& groupKey, DString& subGroupKey, DString& key, DString& data,
+                                       DString& version);
+  [[nodiscard]] std::uint32_t insert(DString& groupKey, DString& subGroupKey, DString& key, DString& data,
+                                     DString version);
+  [[nodiscard]] std::uint32_t update(DString& groupKey, DString& subGroupKey, DString& key, DString& data,
+                                     DString version);
+  [[nodiscard]] std::uint32_t remove(DString& groupKey, DString& subGroupKey, DString& key);
 };
 
 #endif

@@ -19,10 +19,10 @@ class ZON_EXPORT MDContact : public OneKeyStore<MDContact> {
    * Read one field of a contact's data. 0, or MD_RC_TOKEN_MISSING with the output untouched when the text is used up
    * before the field. A missing field reads as the last one there is. Numbers are read as by atoi.
    */
-  std::uint32_t getEmailAddress(DString& data, DString& address);
-  std::uint32_t getNotificationType(DString& data, int& type);
-  std::uint32_t getDescription(DString& data, DString& description);
-  std::uint32_t getMaxPageLength(DString& data, int& length);
+  [[nodiscard]] std::uint32_t getEmailAddress(DString& data, DString& address);
+  [[nodiscard]] std::uint32_t getNotificationType(DString& data, int& type);
+  [[nodiscard]] std::uint32_t getDescription(DString& data, DString& description);
+  [[nodiscard]] std::uint32_t getMaxPageLength(DString& data, int& length);
 };
 
 extern template class OneKeyStore<MDContact>;

@@ -25,29 +25,30 @@ class ZON_EXPORT MDContactGroup : public MDThreeKeyReg {
   MDContactGroup();
   ~MDContactGroup();
 
-  std::uint32_t insert(DString& group, DString kind, DString& member, DString& description, DString version);
-  std::uint32_t remove(DString& group, DString kind, DString& member);
+  [[nodiscard]] std::uint32_t insert(DString& group, DString kind, DString& member, DString& description,
+                                     DString version);
+  [[nodiscard]] std::uint32_t remove(DString& group, DString kind, DString& member);
 
   /* Remove all members of one kind, or the whole group; all or nothing. Parents of the group are not touched. */
-  std::uint32_t removeGroup(DString& group, DString kind);
-  std::uint32_t removeGroup(DString& group);
+  [[nodiscard]] std::uint32_t removeGroup(DString& group, DString kind);
+  [[nodiscard]] std::uint32_t removeGroup(DString& group);
 
   /*
    * Sets description and version in every record of the group, in the order of the listing, under one sync. The first
    * failure ends it; what was changed before stays changed.
    */
-  std::uint32_t update(DString& group, DString& description, DString version);
+  [[nodiscard]] std::uint32_t update(DString& group, DString& description, DString version);
 
-  std::uint32_t retrieveKeys(DString& groups, DString& kinds, DString& members);
-  std::uint32_t retrieveAll(DString& groups, DString& kinds, DString& members, DString& descriptions,
-                            DString& versions);
-  std::uint32_t retrieveList(DString& group, DString& kinds, DString& members, DString& descriptions,
-                             DString& versions);
-  std::uint32_t retrieveGroupOrContactList(DString& group, DString kind, DString& members, DString& descriptions,
+  [[nodiscard]] std::uint32_t retrieveKeys(DString& groups, DString& kinds, DString& members);
+  [[nodiscard]] std::uint32_t retrieveAll(DString& groups, DString& kinds, DString& members, DString& descriptions,
+                                          DString& versions);
+  [[nodiscard]] std::uint32_t retrieveList(DString& group, DString& kinds, DString& members, DString& descriptions,
                                            DString& versions);
+  [[nodiscard]] std::uint32_t retrieveGroupOrContactList(DString& group, DString kind, DString& members,
+                                                         DString& descriptions, DString& versions);
   /* Every group that holds the member with this kind. Checks the member, then the kind. */
-  std::uint32_t retrieveParentGroupList(DString& groups, DString kind, DString& member, DString& descriptions,
-                                        DString& versions);
+  [[nodiscard]] std::uint32_t retrieveParentGroupList(DString& groups, DString kind, DString& member,
+                                                      DString& descriptions, DString& versions);
 
   /*
    * The expansion of a group: adds every contact that can be reached from it to `contacts`, depth first and each once,
@@ -55,11 +56,11 @@ class ZON_EXPORT MDContactGroup : public MDThreeKeyReg {
    * failure of a branch. 0, the code of a failure, or GENREG_RC_NOT_FOUND when neither contact nor branch was found.
    * Depth is bounded by memory alone.
    */
-  std::uint32_t retrieveAllNames(DString& group, DSet<DString>& contacts, DSet<DString>& groups);
+  [[nodiscard]] std::uint32_t retrieveAllNames(DString& group, DSet<DString>& contacts, DSet<DString>& groups);
   /* The same from a fresh set of groups that holds the group itself. */
-  std::uint32_t retrieveAllContact(DString& group, DSet<DString>& contacts);
+  [[nodiscard]] std::uint32_t retrieveAllContact(DString& group, DSet<DString>& contacts);
   /* The same as a list; empty with any code but 0. */
-  std::uint32_t retrieveAllContactNames(DString& group, DString& names);
+  [[nodiscard]] std::uint32_t retrieveAllContactNames(DString& group, DString& names);
 };
 
 /* Prints the names of a set to standard output, each after two tabs in a line of its own, then an empty line. */

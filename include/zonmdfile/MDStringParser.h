@@ -26,14 +26,14 @@ class ZON_EXPORT MDStringParser {
    * whole source when the token does not occur. 0, or MD_RC_TOKEN_MISSING with both untouched when source or token is
    * empty.
    */
-  std::uint32_t splitTokenizedString(DString& source, DString token, DString& head, DString& rest);
+  [[nodiscard]] std::uint32_t splitTokenizedString(DString& source, DString token, DString& head, DString& rest);
 
   /*
    * field receives field `index`: the empty text for 0, and the last field for an index beyond it. Returns what the
    * last of the `index` splits returned: MD_RC_TOKEN_MISSING when the text was used up before, as by a token at its
    * end.
    */
-  std::uint32_t parseTokenizedString(DString& source, DString token, unsigned long index, DString& field);
+  [[nodiscard]] std::uint32_t parseTokenizedString(DString& source, DString token, unsigned long index, DString& field);
 };
 
 #endif

@@ -23,10 +23,10 @@ class ZON_EXPORT MDTwoKeyReg : public GenRegBin, public MDStringParser {
   ~MDTwoKeyReg();
 
   /* 0, MD_RC_KEY_EMPTY, or MD_RC_KEY_TOO_LONG for more than 128 bytes. */
-  std::uint32_t checkGroupKeyLength(DString& groupKey);
-  std::uint32_t checkKeyLength(DString& key);
+  [[nodiscard]] std::uint32_t checkGroupKeyLength(DString& groupKey);
+  [[nodiscard]] std::uint32_t checkKeyLength(DString& key);
   /* 0, MD_RC_DATA_EMPTY, or MD_RC_DATA_TOO_LONG for more than 1,024,000 bytes. */
-  std::uint32_t checkDataLength(DString& data);
+  [[nodiscard]] std::uint32_t checkDataLength(DString& data);
 
   /* Prints "RC = <rc> (<description>)" and a line end to standard output; nothing for 0. For diagnosis. */
   void checkRC(long rc);

@@ -30,19 +30,19 @@ class ZON_EXPORT OneKeyStore : public MDOneKeyReg {
    * middle ends the listing with its code and leaves the records read so far in the lists (of a damaged file all that
    * is intact). A scan that cannot begin, and lists for which there is no memory, leave the lists untouched.
    */
-  std::uint32_t retrieveKeys(DString& keys);
-  std::uint32_t retrieveAll(DString& keys, DString& data, DString& versions);
+  [[nodiscard]] std::uint32_t retrieveKeys(DString& keys);
+  [[nodiscard]] std::uint32_t retrieveAll(DString& keys, DString& data, DString& versions);
 
   /* Any failure but that of the key check empties data and version. */
-  std::uint32_t retrieve(DString& key, DString& data, DString& version);
+  [[nodiscard]] std::uint32_t retrieve(DString& key, DString& data, DString& version);
 
   /* GENREG_RC_DUPLICATE_KEY when the key is there already. */
-  std::uint32_t insert(DString& key, DString& data, DString version);
+  [[nodiscard]] std::uint32_t insert(DString& key, DString& data, DString version);
 
   /* Replaces data and version; 0 also when they were the same before. */
-  std::uint32_t update(DString& key, DString& data, DString version);
+  [[nodiscard]] std::uint32_t update(DString& key, DString& data, DString version);
 
-  std::uint32_t remove(DString& key);
+  [[nodiscard]] std::uint32_t remove(DString& key);
 };
 
 #endif

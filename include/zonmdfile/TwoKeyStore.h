@@ -22,19 +22,19 @@ class ZON_EXPORT TwoKeyStore : public MDTwoKeyReg {
   TwoKeyStore();
   ~TwoKeyStore();
 
-  std::uint32_t retrieveKeys(DString& groupKeys, DString& keys);
-  std::uint32_t retrieveAll(DString& groupKeys, DString& keys, DString& data, DString& versions);
+  [[nodiscard]] std::uint32_t retrieveKeys(DString& groupKeys, DString& keys);
+  [[nodiscard]] std::uint32_t retrieveAll(DString& groupKeys, DString& keys, DString& data, DString& versions);
 
   /* The records of one group. */
-  std::uint32_t retrieveList(DString& groupKey, DString& keys, DString& data, DString& versions);
+  [[nodiscard]] std::uint32_t retrieveList(DString& groupKey, DString& keys, DString& data, DString& versions);
 
-  std::uint32_t retrieve(DString& groupKey, DString& key, DString& data, DString& version);
-  std::uint32_t insert(DString& groupKey, DString& key, DString& data, DString version);
-  std::uint32_t update(DString& groupKey, DString& key, DString& data, DString version);
-  std::uint32_t remove(DString& groupKey, DString& key);
+  [[nodiscard]] std::uint32_t retrieve(DString& groupKey, DString& key, DString& data, DString& version);
+  [[nodiscard]] std::uint32_t insert(DString& groupKey, DString& key, DString& data, DString version);
+  [[nodiscard]] std::uint32_t update(DString& groupKey, DString& key, DString& data, DString version);
+  [[nodiscard]] std::uint32_t remove(DString& groupKey, DString& key);
 
   /* Removes the whole group, all or nothing. */
-  std::uint32_t removeList(DString& groupKey);
+  [[nodiscard]] std::uint32_t removeList(DString& groupKey);
 };
 
 #endif

@@ -20,7 +20,7 @@ class ZON_EXPORT GenRegBin : public GenRegFile {
 
   /* Adds the record at the end of the scan order. GENREG_RC_DUPLICATE_KEY when a record matches it under flags (not 0).
    */
-  std::uint32_t Add(unsigned long flags, void* record);
+  [[nodiscard]] std::uint32_t Add(unsigned long flags, void* record);
 
   /*
    * Copies the first record in scan order that matches `key` to `out`, which must hold the maximum record size. `key`
@@ -28,16 +28,16 @@ class ZON_EXPORT GenRegBin : public GenRegFile {
    * that held zeros before holds the record and zeros behind it after success, and zeros when none matches; after any
    * other answer it may hold a part of a record.
    */
-  std::uint32_t Get(unsigned long flags, void* key, void* out);
+  [[nodiscard]] std::uint32_t Get(unsigned long flags, void* key, void* out);
 
   /*
    * Replaces the first record that matches `key` by `record`, which keeps its place in the scan order.
    * GENREG_RC_NO_CHANGE when it holds these bytes already (nothing is written), GENREG_RC_NOT_FOUND when none matches.
    */
-  std::uint32_t Change(unsigned long flags, void* key, void* record);
+  [[nodiscard]] std::uint32_t Change(unsigned long flags, void* key, void* record);
 
   /* Removes the first record that matches, or with FEATURE_DELETE_ALL every one, all or nothing. */
-  std::uint32_t Delete(unsigned long flags, void* key);
+  [[nodiscard]] std::uint32_t Delete(unsigned long flags, void* key);
 
   /*
    * Copies the next record of the scan that matches `key` under flags to `out`; GENREG_RC_END_OF_SCAN after the last.
@@ -45,13 +45,13 @@ class ZON_EXPORT GenRegBin : public GenRegFile {
    * and CloseScan tells it again. `out` then holds no record. Given to the whole scan, a buffer that held zeros before
    * holds zeros behind the longest of the records delivered, unless the scan fails.
    */
-  std::uint32_t GetNext(unsigned long flags, void* key, void* out);
+  [[nodiscard]] std::uint32_t GetNext(unsigned long flags, void* key, void* out);
 
  private:
   template <class Work>
-  std::uint32_t onRecords(Work work);
+  [[nodiscard]] std::uint32_t onRecords(Work work);
   template <class Work>
-  std::uint32_t changeRecords(Work work);
+  [[nodiscard]] std::uint32_t changeRecords(Work work);
 };
 
 #endif

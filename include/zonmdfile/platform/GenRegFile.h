@@ -54,13 +54,13 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
    * Begins a pass over the records: GetNext sees the one state committed when OpenScan is called, whatever writers do
    * meanwhile. A file that does not exist is an empty one. Needs no write permission and takes no lock.
    */
-  std::uint32_t OpenScan();
+  [[nodiscard]] std::uint32_t OpenScan();
 
   /* How much the open pass can deliver, as far as is known without reading; all 0 without a pass. */
   GenRegScanExtent scanExtent() const;
 
   /* Ends the pass and frees all that it held. 0, what made GetNext fail, or GENREG_RC_NO_SCAN without a pass. */
-  std::uint32_t CloseScan();
+  [[nodiscard]] std::uint32_t CloseScan();
 
   /*
    * Gathers the following changes of this object under one sync. Until commitBatch, other processes see nothing of them
@@ -72,15 +72,15 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
    * further ones of the batch, and commitBatch, answer that failure, and what was not synced is taken back. In a child
    * that is forked meanwhile all that belongs to the batch answers GENREG_RC_NO_BATCH; the parent's goes on.
    */
-  std::uint32_t beginBatch();
-  std::uint32_t commitBatch();
+  [[nodiscard]] std::uint32_t beginBatch();
+  [[nodiscard]] std::uint32_t commitBatch();
 
   /* Reads the whole file and its checksums; changes nothing. */
-  std::uint32_t status(GenRegStatus& status);
+  [[nodiscard]] std::uint32_t status(GenRegStatus& status);
 
   /* Writes the file anew from all that file and backup hold intact; keeps the present file as the corrupt copy when
    * damaged. */
-  std::uint32_t repair();
+  [[nodiscard]] std::uint32_t repair();
 
   /*
    * Whether a call of this object repaired the file with a loss, or met a backup without its file: records are gone, or
@@ -92,10 +92,10 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
    * Takes note of all losses so far: GenRegStatus::unacknowledgedLosses counts from here. Durable when it answers 0.
    * GENREG_RC_NOT_FOUND when there is no file.
    */
-  std::uint32_t acknowledgeLoss();
+  [[nodiscard]] std::uint32_t acknowledgeLoss();
 
   /* Writes the live records anew, in their order. Happens by itself when needed. */
-  std::uint32_t compact();
+  [[nodiscard]] std::uint32_t compact();
 
  protected:
   /* The settings, as engines want them. */
@@ -107,9 +107,9 @@ class ZON_EXPORT GenRegFile : public GenRegBase {
 
  private:
   template <class Work>
-  std::uint32_t onEngine(Work work);
+  [[nodiscard]] std::uint32_t onEngine(Work work);
   template <class Work>
-  std::uint32_t careForFile(Work work);
+  [[nodiscard]] std::uint32_t careForFile(Work work);
 };
 
 #endif
