@@ -46,6 +46,7 @@ LINES = (
     ("Interleavings of a reader and a writer, one within the other", ("schedules.nested",), None),
     ("Distinct interleavings of two actors with two operations each, up to two forced switches", ("schedules.two",),
      200_000),
+    ("... of so many pairs of programs", ("schedules.pairs",), None),
     ("... of which one actor dies on the way", ("schedules.dying",), None),
     ("... states after a power cut on the way", ("schedules.cuts",), None),
     ("Processes killed at a random moment", ("kills",), 1_000),
@@ -223,8 +224,8 @@ processes and threads do at random moments (kills, the real file system) differs
 - **Runs with a failure.** Each call of an operation, each error that it may give, once or from there on, or half done; each request for
   memory; on files that were left by a power cut, a new mount, damage, a writer that died, or that another writer works on.
   `tests/platform/registry/harness/fault_harness.h`
-- **Interleavings.** Two actors take turns at system calls, by a scheduler under the table of calls. Every schedule with up to two forced
-  switches is tried on small files of several kinds; a history counts as good when some order of its operations, that keeps to who
+- **Interleavings.** Two actors take turns at system calls, by a scheduler under the table of calls. For one pair of programs after the
+  other, on small files of several kinds, every schedule with up to two forced switches is tried until the time is over; a history counts as good when some order of its operations, that keeps to who
   was done before whom, explains all answers and the records that are left. So it must be when one of the actors dies
   at a call, whose change then took effect before its death or never does, and after power cuts.
   `tests/evidence/interleavings_test.cpp`
