@@ -3,7 +3,6 @@
 // The rule: names are formed here and nowhere else, always complete with a NUL and cut at 4095 bytes.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 #include "zonmdfile/platform/GenRegBase.h"

@@ -4,7 +4,6 @@
 #include <fcntl.h>
 
 #include <array>
-#include <cstring>
 #include <span>
 #include <utility>
 

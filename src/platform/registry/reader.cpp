@@ -4,7 +4,6 @@
 #include <fcntl.h>
 
 #include <algorithm>
-#include <cstring>
 
 #include "platform/registry/files/stub.h"
 #include "platform/registry/log/log_bytes.h"

@@ -15,7 +15,6 @@
 #include <deque>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "platform/registry/care/raw_log.h"
 #include "platform/registry/files/file_io.h"
