@@ -13,8 +13,9 @@
 
 namespace zontest {
 
-// How a slot is filled: k key, g group, m member, 0 or 1 kind, e description or data, v version, r rc, o output,
-// # number, d detail switch set, c count.
+// How a slot is filled (of which kind each is, tests/model/steps.cpp says too; model/slots_test.cpp compares): k key, g
+// group, m member, 0 or 1 kind, e description or data, v version, r rc, o output, # number, d detail switch set, c
+// count.
 struct EntryPointCase {
   const char* name;
   EntryPoint function;
