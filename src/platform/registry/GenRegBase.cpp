@@ -50,10 +50,10 @@ void GenRegBase::setFileNames(const FileNames& names) noexcept {
   constexpr std::array MEMBERS{&FileNames::file, &FileNames::temporary, &FileNames::corruptCopy, &FileNames::lock,
                                &FileNames::backup};
   FileNames kept = names;
-  std::size_t size = 0;
+  std::size_t size = MEMBERS.size();  // a NUL behind each
   for (const auto member : MEMBERS) {
     kept.*member = (kept.*member).substr(0, PATH_SIZE - 1);
-    size += (kept.*member).size() + 1;
+    size += (kept.*member).size();
   }
   char* const bytes = new (std::nothrow) char[size];
   hasLostNames_ = bytes == nullptr;
