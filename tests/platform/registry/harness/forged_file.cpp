@@ -238,7 +238,7 @@ void ForgedFile::mutateBlock(Dice& dice) {
       block = other;  // where its digests are not at home
       break;
     default: {
-      const std::size_t entry = dice.below(std::max<std::size_t>(1, block.count));
+      const std::size_t entry = dice.below(std::clamp<std::size_t>(block.count, 1, format::BLOCK_ENTRIES));
       const std::uint64_t tag = block.entries[entry] >> 40 << 40;
       block.entries[entry] = dice.below(4) == 0 ? dice.next() : tag | (harmfulNumber(dice) / 8 & 0xFFFFFFFFFF);
     }
