@@ -17,10 +17,10 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <functional>
@@ -28,6 +28,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -37,9 +38,7 @@
 namespace peers {
 
 void require(bool holds, const char* store, const char* what) {
-  if (holds) return;
-  std::fprintf(stderr, "compare_peers: %s failed: %s\n", store, what);
-  std::exit(1);
+  if (!holds) throw std::runtime_error(std::string(store) + " failed: " + what);
 }
 
 std::vector<Kind> all() {
@@ -319,10 +318,7 @@ class Writers {
     for (unsigned writer = 0; writer < count_; ++writer) {
       const pid_t child = fork();
       peers::require(child >= 0, kind.name, "fork");
-      if (child == 0) {
-        work(kind, directory, writer, logs[writer]);
-        _exit(0);
-      }
+      if (child == 0) _exit(work(kind, directory, writer, logs[writer]) ? 0 : 1);
       children.push_back(child);
     }
     bool isWhole = true;
@@ -343,7 +339,18 @@ class Writers {
     double times[200000];
   };
 
-  void work(const Kind& kind, const fs::path& directory, unsigned writer, Log& log) const {
+  // Nothing may leave the child as an exception: what is to be cleaned up is its parent's.
+  bool work(const Kind& kind, const fs::path& directory, unsigned writer, Log& log) const {
+    try {
+      insertForAWhile(kind, directory, writer, log);
+      return true;
+    } catch (const std::exception& failure) {
+      std::fprintf(stderr, "compare_peers: writer %u: %s\n", writer, failure.what());
+      return false;
+    }
+  }
+
+  void insertForAWhile(const Kind& kind, const fs::path& directory, unsigned writer, Log& log) const {
     const Records make(options_.size);
     const std::string data = make.data(writer);
     const auto end = std::chrono::steady_clock::now() + milliseconds(options_.budget * 100);
@@ -358,16 +365,12 @@ class Writers {
 
   void tell(const Kind& kind, const Log* logs) const {
     Measurement all;
-    double longestMedian = 0;
     std::uint64_t least = UINT64_MAX;
     for (unsigned writer = 0; writer < count_; ++writer) {
-      Measurement own;
       for (std::uint64_t run = 0; run < logs[writer].count; ++run) {
         const std::chrono::nanoseconds time(static_cast<std::int64_t>(logs[writer].times[run] * 1000));
-        own.add(time);
         all.add(time);
       }
-      longestMedian = std::max(longestMedian, own.quantile(0.5));
       least = std::min(least, logs[writer].count);
     }
     const double seconds = options_.budget * 0.1;
@@ -401,6 +404,23 @@ struct Scratch {
   Scratch& operator=(const Scratch&) = delete;
 };
 
+void run(Options options, const std::vector<std::string>& chosen) {
+  const Scratch scratch(fs::absolute(options.directory));
+  options.directory = scratch.path;
+  std::vector<Kind> kinds = peers::all();
+  std::erase_if(kinds, [&](const Kind& kind) {
+    return !chosen.empty() && std::find(chosen.begin(), chosen.end(), kind.name) == chosen.end();
+  });
+  for (const unsigned writers : options.writers) {
+    std::fprintf(stderr, "   %u writers\n", writers);
+    for (const Kind& kind : kinds) {
+      if (kind.canBeShared) Writers(options, writers).run(kind);
+    }
+  }
+  if (!options.writers.empty()) return;
+  for (const std::uint64_t records : options.records) Comparison(options, records).run(kinds);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -416,20 +436,11 @@ int main(int argc, char** argv) {
   app.add_option("--writers", options.writers, "numbers of writing processes, instead of the calls")->delimiter(',');
   app.add_option("--stores", chosen, "only these")->delimiter(',');
   CLI11_PARSE(app, argc, argv);
-
-  const Scratch scratch(fs::absolute(options.directory));
-  options.directory = scratch.path;
-  std::vector<Kind> kinds = peers::all();
-  std::erase_if(kinds, [&](const Kind& kind) {
-    return !chosen.empty() && std::find(chosen.begin(), chosen.end(), kind.name) == chosen.end();
-  });
-  for (const unsigned writers : options.writers) {
-    std::fprintf(stderr, "   %u writers\n", writers);
-    for (const Kind& kind : kinds) {
-      if (kind.canBeShared) Writers(options, writers).run(kind);
-    }
+  try {
+    run(options, chosen);
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "compare_peers: %s\n", failure.what());
+    return 1;
   }
-  if (!options.writers.empty()) return 0;
-  for (const std::uint64_t records : options.records) Comparison(options, records).run(kinds);
   return 0;
 }

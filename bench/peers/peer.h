@@ -32,8 +32,7 @@ struct Listing {
   }
 };
 
-// A store that is open. Every function ends the program with a message when the store itself fails; false means that
-// the key decided.
+// A store that is open. Every function throws when the store itself fails; false means that the key decided.
 class Peer {
  public:
   virtual ~Peer() = default;
@@ -71,7 +70,7 @@ Kind tkrzw();
 Kind levelDb();
 Kind rocksDb();
 
-// Ends the program unless it holds.
+// Throws, with both texts, unless it holds.
 void require(bool holds, const char* store, const char* what);
 
 }  // namespace peers

@@ -2,6 +2,7 @@
 #include "platform/registry/care/upkeep.h"
 
 #include <algorithm>
+#include <cerrno>
 
 #include "platform/guarded.h"
 #include "platform/registry/care/backup.h"
@@ -33,13 +34,15 @@ bool hasBackup(const WriterFiles& files, FileState& backup) {
 }
 
 // On a full disk only the backup can make room for the file to become smaller; the next one is made when there is room
-// again. Not where it may be needed: for a log that is not whole, or that would not fit its room.
-bool giveUpBackup(const WriterFiles& files, const LogWriter& log) {
+// again. Not where it may be needed: for a log that is not whole, which is told, or that would not fit its room.
+std::uint32_t giveUpBackup(const WriterFiles& files, const LogWriter& log) {
   FileState backup;
-  if (!hasBackup(files, backup) || backup.size < log.view().slot().liveFrameBytes) return false;
-  bool isDamaged = true;
-  if (checkLog(log.view(), log.fileSize(), isDamaged) != MD_RC_OK || isDamaged) return false;
-  return systemCalls.unlinkAt(files.directory.get(), files.settings.paths.backup.c_str(), 0) == 0;
+  if (!hasBackup(files, backup) || backup.size < log.view().slot().liveFrameBytes) return GENREG_RC_NO_SPACE;
+  bool isDamaged = false;
+  if (const std::uint32_t rc = checkLog(log.view(), log.fileSize(), isDamaged)) return rc;
+  if (isDamaged) return GENREG_RC_DAMAGED;
+  const char* name = files.settings.paths.backup.c_str();
+  return systemCalls.unlinkAt(files.directory.get(), name, 0) == 0 ? MD_RC_OK : codeOfErrno(errno);
 }
 
 }  // namespace
@@ -57,7 +60,10 @@ std::uint32_t doUpkeep(WriterFiles& files, std::unique_ptr<LogWriter>& log) {
 
 std::uint32_t compactWithBackup(WriterFiles& files, std::unique_ptr<LogWriter>& log) {
   std::uint32_t rc = compactLog(files, log);
-  if (rc == GENREG_RC_NO_SPACE && giveUpBackup(files, *log)) rc = compactLog(files, log);
+  if (rc == GENREG_RC_NO_SPACE) {
+    rc = giveUpBackup(files, *log);
+    if (rc == MD_RC_OK) rc = compactLog(files, log);
+  }
   if (rc != MD_RC_OK) return rc;
   FileState backup;
   const bool isBackedUp = hasBackup(files, backup) && makeBackup(files, log->view()) == MD_RC_OK;

@@ -6,7 +6,9 @@
 //   PUBLISHED   the newest slot shows everything that was written       writeAll -> WRITTEN
 //   WRITTEN     bytes behind the published end that may not be durable  sync -> DURABLE, rollBack -> ROLLED_BACK
 //   DURABLE     a complete commit behind the published end              publish -> PUBLISHED, rollBack -> ROLLED_BACK
-//   ROLLED_BACK what PUBLISHED was, as far as rollBack could do it      none: the object must not be used any more
+//   ROLLED_BACK what PUBLISHED was, as far as rollBack could do it      none: the object must not be used any more; but
+//                                                                       a segment that growIndex could not add is
+//                                                                       forgotten -> PUBLISHED
 //
 // The file takes part in the order of these steps: (1) the frames and the zeros behind them are written; (2) one sync
 // makes them durable, and with them everything written since the sync before: the last slot and the last index blocks;

@@ -1,9 +1,11 @@
 // Space behind the end of a record file: on a full disk records can still be removed, wherever the disk became full,
 // and what a broken commit had reserved comes back. The disk is simulated, so that it can be full at any byte and lose
 // what was not synced.
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <random>
+#include <vector>
 
 #include "platform/registry/harness/simulated_disk.h"
 #include "platform/registry/harness/test_records.h"
@@ -126,6 +128,44 @@ TEST_F(Space, ComesBackFromTheBackup) {
   EXPECT_TRUE(disk_.image().has(".store.bkp"));
 }
 
+// A power cut at each step of it, the name of the backup durably gone or not, costs nothing.
+TEST_F(Space, FromTheBackupOutlastsAPowerCutAtEachStep) {
+  disk_.capacity = 300000;
+  const int count = fillUp(400);
+  TestStore store(DISK_FOLDER);
+  int removed = 0;
+  PowerCut cut(disk_.image());
+  for (bool isGivenUp = false; !isGivenUp; ++removed) {
+    ASSERT_LT(removed, count);
+    cut = PowerCut(disk_.image());
+    disk_.log.clear();
+    disk_.isRecording = true;
+    ASSERT_EQ(store.remove(groupOf(removed), keyOf(removed)), MD_RC_OK) << removed;
+    disk_.isRecording = false;
+    isGivenUp = std::any_of(disk_.log.begin(), disk_.log.end(), [](const DiskOp& op) {
+      return op.kind == DiskOp::Kind::UNBIND && op.name == ".store.bkp";
+    });
+  }
+  const std::vector<DiskOp> steps = disk_.log;
+  const auto left = static_cast<std::size_t>(count - removed);
+  for (const DiskOp& step : steps) {
+    cut.follow(step);
+    for (const DiskImage& image : {cut.oldest(), cut.newest()}) {
+      disk_.boot(image);
+      std::uint32_t rc = MD_RC_OK;
+      TestStore reader(DISK_FOLDER);
+      const std::size_t found = reader.list(0, {}, &rc).size();
+      ASSERT_EQ(rc, MD_RC_OK);
+      // Only the removal that led there may be undone, as long as it was not acknowledged.
+      ASSERT_TRUE(found == left || found == left + 1) << found << " of " << left;
+      disk_.capacity = 0;
+      ASSERT_EQ(reader.add({"after", "power cut", "x"}), MD_RC_OK);
+      ASSERT_EQ(reader.list().size(), found + 1);
+      disk_.capacity = 300000;
+    }
+  }
+}
+
 // What the file has lost may be in its backup alone.
 TEST_F(Space, IsNotTakenFromTheBackupOfADamagedFile) {
   disk_.capacity = 300000;
@@ -138,6 +178,9 @@ TEST_F(Space, IsNotTakenFromTheBackupOfADamagedFile) {
   TestStore store(DISK_FOLDER);
   for (int at = 0; at < count; ++at) static_cast<void>(store.remove(groupOf(at), keyOf(at)));
   EXPECT_TRUE(disk_.image().has(".store.bkp"));
+  // Whoever may not repair is told what the matter is.
+  store.unsetFeature(TestStore::FEATURE_REPAIR);
+  EXPECT_EQ(store.compact(), GENREG_RC_DAMAGED);
 }
 
 // A compaction that fails half way, after the backup went, leaves the file; the next backup comes with a later change.
